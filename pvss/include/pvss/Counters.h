@@ -1,0 +1,37 @@
+// Counters: what became of every value that the manager was given to write.
+//
+// Purpose    A snapshot, taken with Manager::getCounters(). Not part of the platform contract: tools and
+//            tests read it, the gateway's units do not.
+// Units      Writes are counted in attribute writes: one (identifier, value) pair of a dpSetTimed call is
+// one.
+//            At every moment
+//              queued = confirmed + coalesced + dropped + rejected + pending.
+#pragma once
+
+#include <cstdint>
+
+namespace pvss {
+
+struct Counters {
+  std::uint64_t queued = 0;     ///< handed to dpSetTimed
+  std::uint64_t confirmed = 0;  ///< in the store
+  std::uint64_t coalesced = 0;  ///< given up for a newer write of the same attribute
+  std::uint64_t dropped = 0;    ///< discarded because another manager took the number, or with the manager
+  std::uint64_t rejected = 0;   ///< not writable: unknown identifier, wrong type, refused by the store
+  std::uint64_t pending = 0;    ///< waiting in the backlog, handed over or not
+
+  std::uint64_t calls = 0;     ///< dpSetTimed calls
+  std::uint64_t handed = 0;    ///< attribute writes handed to the store, resent ones each time
+  std::uint64_t resent = 0;    ///< attribute writes handed over again after a reconnect
+  std::uint64_t restored = 0;  ///< newest values written again because the store had lost them
+
+  std::uint64_t hotLinks = 0;      ///< hot-link groups delivered
+  std::uint64_t answers = 0;       ///< answers delivered
+  std::uint64_t backlogBytes = 0;  ///< estimated size of the backlog now
+  std::uint64_t backlogBytesHigh = 0;
+  std::uint64_t pendingHigh = 0;
+  std::uint64_t deliveriesHigh = 0;  ///< most callbacks ever waiting for dispatch
+  std::uint64_t storeLosses = 0;     ///< times that the store went away
+};
+
+}  // namespace pvss

@@ -1,0 +1,4 @@
+// DpConfigNrType: the number of a config of a data point element, as connectToData takes it.
+#pragma once
+
+using DpConfigNrType = unsigned short;

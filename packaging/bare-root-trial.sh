@@ -42,7 +42,13 @@ repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 work=$(mktemp -d -t kelgw-trial.XXXXXX)
 top=$work/root
 mkdir "$top"
-finish() { [[ $keep == yes ]] && say "the root stays in $top" || rm -rf --one-file-system "$work"; }
+finish() {
+  if [[ $keep == yes ]]; then
+    say "the root stays in $top"
+  else
+    rm -rf --one-file-system "$work"
+  fi
+}
 trap finish EXIT
 
 if [[ -n $tarball && -f $tarball ]]; then

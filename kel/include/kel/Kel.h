@@ -1,0 +1,40 @@
+// Kel: the way into the Kel client library.
+//
+// The broker's address is KEL_URL, or mqtt://127.0.0.1:1883 when that is not set:
+//   loopback:[name]                     a broker inside this process, shared by all who give the same name
+//   mqtt://host[:1883], mqtts://host[:8883]
+// with options after a '?': group=NAME, qos=0|1, keepAlive=SECONDS, and for TLS and log-in ca=FILE,
+// cert=FILE, key=FILE, user=NAME, passfile=FILE. A secret never stands in the address.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <kel/KelFactory.h>
+
+/// What a test or a tool may set otherwise than the defaults.
+struct KelOptions {
+  std::string url;          ///< empty: KEL_URL, or the default
+  std::string incarnation;  ///< empty: random; otherwise letters and digits, unique among all process runs
+  std::function<std::int64_t()> wallClockNanoseconds;  ///< empty: the system's clock
+  /// The hand-off to listeners and the outgoing queue: past either bound the oldest waiting record of the
+  /// same publication goes; the newest of each is always kept.
+  std::size_t handOffRecords = 20'000;
+  std::size_t handOffBytes = 64U << 20U;
+  std::size_t outgoingRecords = 20'000;
+  std::size_t outgoingBytes = 64U << 20U;
+};
+
+class Kel {
+ public:
+  /// Never null and never blocks: the link is made, and kept up, in the background. The caller owns the
+  /// result. Throws KelException when the address is not one. A null or empty name is replaced by one that
+  /// nobody else has. Two live publishers of one name: the later one's publications wait until the earlier
+  /// one is gone.
+  static KelFactory* create(const char* publisherName);
+  static KelFactory* create(const char* publisherName, const KelOptions& options);
+
+  Kel() = delete;
+};

@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platformDependant.h"
+
+namespace {
+
+constexpr runtime::Report<const char*, const char*> twoTexts{"Unit", 92, "DPE %s has bad driver id %s\n"};
+constexpr runtime::Report<> noArgument{"Unit", 17, "var is null\n"};
+constexpr runtime::Report<int> number{"Unit", 73, "Can not find converter (%d)\n"};
+constexpr runtime::Notice<const char*> plain{"Unit", "Created subscription to %s\n"};
+
+static_assert(runtime::textFits<const char*>("a %s b"));
+static_assert(runtime::textFits<unsigned long>("%lu dpe's"));
+static_assert(runtime::textFits<>("nothing"));
+static_assert(!runtime::textFits<const char*>("a %d b"));
+static_assert(!runtime::textFits<const char*>("a %s %s"));
+static_assert(!runtime::textFits<const char*, const char*>("a %s"));
+static_assert(!runtime::textFits<int>("%lu"));
+static_assert(!runtime::textFits<>("%s"));
+
+template <typename Action>
+std::string printedBy(Action action) {
+  testing::internal::CaptureStdout();
+  action();
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST(Report, namesUnitAndNumberBeforeTheText) {
+  EXPECT_EQ(printedBy([] { runtime::report(twoTexts, "A.b", "kel"); }),
+            "ERROR: Unit 92 DPE A.b has bad driver id kel\n");
+  EXPECT_EQ(printedBy([] { runtime::report(noArgument); }), "ERROR: Unit 17 var is null\n");
+  EXPECT_EQ(printedBy([] { runtime::report(number, 2); }), "ERROR: Unit 73 Can not find converter (2)\n");
+}
+
+TEST(Report, noticeIsPlain) {
+  EXPECT_EQ(printedBy([] { runtime::inform(plain, "P"); }), "Created subscription to P\n");
+}
+
+TEST(Report, argumentsAreNotTakenForTexts) {
+  EXPECT_EQ(printedBy([] { runtime::inform(plain, "%s%n"); }), "Created subscription to %s%n\n");
+}
+
+TEST(Report, longTextsArriveWhole) {
+  const std::string name(200'000, 'x');
+  EXPECT_EQ(printedBy([&name] { runtime::inform(plain, name.c_str()); }),
+            "Created subscription to " + name + "\n");
+}
+
+TEST(Report, keepsItsPlaceAmongOtherOutput) {
+  EXPECT_EQ(printedBy([] {
+              std::fputs("before\n", stdout);
+              runtime::report(noArgument);
+              std::fputs("after\n", stdout);
+            }),
+            "before\nERROR: Unit 17 var is null\nafter\n");
+}
+
+TEST(Report, isVisibleAtOnceInAPipe) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  std::fflush(stdout);
+  const int standardOutput = dup(STDOUT_FILENO);
+  dup2(ends[1], STDOUT_FILENO);
+  runtime::report(noArgument);
+  std::array<char, 64> seen{};
+  const ssize_t count = read(ends[0], seen.data(), seen.size());
+  dup2(standardOutput, STDOUT_FILENO);
+  close(standardOutput);
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(std::string(seen.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))),
+            "ERROR: Unit 17 var is null\n");
+}
+
+TEST(Report, threadsDoNotTearEachOthersLines) {
+  constexpr int threads = 4;
+  constexpr int lines = 500;
+  const std::string output = printedBy([] {
+    std::vector<std::thread> writers;
+    for (int t = 0; t < threads; ++t) {
+      writers.emplace_back([t] {
+        const std::string name(static_cast<std::size_t>(50 + 100 * t), static_cast<char>('a' + t));
+        for (int i = 0; i < lines; ++i) {
+          runtime::report(twoTexts, name.c_str(), name.c_str());
+        }
+      });
+    }
+    for (std::thread& writer : writers) {
+      writer.join();
+    }
+  });
+  std::array<int, threads> counts{};
+  std::istringstream in(output);
+  for (std::string line; std::getline(in, line);) {
+    bool whole = false;
+    for (int t = 0; t < threads; ++t) {
+      const std::string name(static_cast<std::size_t>(50 + 100 * t), static_cast<char>('a' + t));
+      if (line == "ERROR: Unit 92 DPE " + name + " has bad driver id " + name) {
+        ++counts[static_cast<std::size_t>(t)];
+        whole = true;
+      }
+    }
+    ASSERT_TRUE(whole) << line;
+  }
+  for (const int count : counts) {
+    EXPECT_EQ(count, lines);
+  }
+}
+
+TEST(RequireDeathTest, brokenInvariantNamesUnitNumberAndText) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  static constexpr runtime::Invariant invariant{"Unit", 71, "dpe.getMapping() != __null"};
+  runtime::require(true, invariant);
+  EXPECT_DEATH(runtime::require(false, invariant),
+               "Unit:71: .*: Assertion `dpe.getMapping\\(\\) != __null' failed");
+}
+
+timeb fixedClock() {
+  timeb now{};
+  now.time = 1234;
+  now.millitm = 567;
+  return now;
+}
+
+TEST(Clock, canBeReplacedAndPutBack) {
+  const runtime::WallClock before = runtime::setWallClock(&fixedClock);
+  EXPECT_EQ(runtime::wallClockNow().time, 1234);
+  EXPECT_EQ(runtime::wallClockNow().millitm, 567);
+  EXPECT_EQ(runtime::setWallClock(before), &fixedClock);
+  EXPECT_GT(runtime::wallClockNow().time, 1'600'000'000);
+}
+
+TEST(Clock, nullPutsTheSystemsClockBack) {
+  runtime::setWallClock(&fixedClock);
+  runtime::setWallClock(nullptr);
+  EXPECT_GT(runtime::wallClockNow().time, 1'600'000'000);
+  EXPECT_LT(runtime::wallClockNow().millitm, 1000);
+}
+
+}  // namespace

@@ -1,0 +1,42 @@
+"""Fixtures of the system tests."""
+
+import os
+
+import pytest
+
+import harness
+
+
+def pytest_configure(config):
+    if not os.access(os.path.join(harness.BIN, "kel-gateway"), os.X_OK):
+        raise pytest.UsageError("KELGW_BIN must name the folder with kel-gateway and kelgw")
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    setattr(item, "report_" + outcome.get_result().when, outcome.get_result())
+
+
+@pytest.fixture
+def site(request):
+    """Servers up, nothing in the store, no gateway yet."""
+    here = harness.Site().start()
+    yield here
+    report = getattr(request.node, "report_call", None)
+    if report is not None and report.failed:
+        for process in here.processes:
+            print(process.said())
+    here.close()
+
+
+@pytest.fixture
+def bare_site(request):
+    """Folder and addresses only; the test starts what it wants."""
+    here = harness.Site()
+    yield here
+    report = getattr(request.node, "report_call", None)
+    if report is not None and report.failed:
+        for process in here.processes:
+            print(process.said())
+    here.close()

@@ -1,0 +1,7 @@
+#include "dpeMappingTuple.h"
+
+const CharString CdpeMappingTuple::noTag("");
+
+CvectorOfdpeMappingTuples::CvectorOfdpeMappingTuples() = default;
+
+CvectorOfdpeMappingTuples::~CvectorOfdpeMappingTuples() = default;

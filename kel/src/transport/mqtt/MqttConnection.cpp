@@ -1,0 +1,426 @@
+#include "transport/mqtt/MqttConnection.h"
+
+#include <mqtt_protocol.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "transport/mqtt/PasswordFile.h"
+#include "transport/mqtt/Reasons.h"
+
+namespace kel::mqtt {
+
+namespace {
+
+// Messages on their way in each direction before the sender waits for an acknowledgement. The library's own
+// 20 costs a third of the throughput.
+constexpr int kInFlight = 200;
+// Packets read before the owner gets the thread back for sending and ticking.
+constexpr int kPacketsPerTurn = 64;
+// The library takes no shorter keep-alive. Below it we ask the broker ourselves.
+constexpr std::chrono::seconds kShortestKeepAlive{5};
+constexpr const char* kProbeFilter = "kel/-";
+
+class Properties {
+ public:
+  Properties() = default;
+  ~Properties() { mosquitto_property_free_all(&list_); }
+  Properties(const Properties&) = delete;
+  Properties& operator=(const Properties&) = delete;
+
+  int addInt32(int identifier, std::uint32_t value) {
+    return mosquitto_property_add_int32(&list_, identifier, value);
+  }
+  [[nodiscard]] const mosquitto_property* get() const { return list_; }
+  mosquitto_property* release() { return std::exchange(list_, nullptr); }
+
+ private:
+  mosquitto_property* list_ = nullptr;
+};
+
+// The broker's own words, if it sent any.
+std::string withReasonString(std::string text, const mosquitto_property* properties) {
+  char* said = nullptr;
+  if (properties != nullptr &&
+      mosquitto_property_read_string(properties, MQTT_PROP_REASON_STRING, &said, false) != nullptr) {
+    text.append(": ").append(said);
+    std::free(said);
+  }
+  return text;
+}
+
+// What is wrong with a topic or a filter, or nothing. The library lets some through that make a broker end
+// the whole link, and with it everybody else's messages.
+const char* unfit(const std::string& topic, int (*check)(const char*, std::size_t)) {
+  if (topic.empty() || topic.size() > 65535) {
+    return "the topic is empty or too long for MQTT";
+  }
+  if (topic.find('\0') != std::string::npos ||
+      mosquitto_validate_utf8(topic.c_str(), static_cast<int>(topic.size())) != MOSQ_ERR_SUCCESS) {
+    return "the topic is not the UTF-8 text that MQTT takes";
+  }
+  if (check(topic.c_str(), topic.size()) != MOSQ_ERR_SUCCESS) {
+    return "the topic has wildcards where MQTT takes none";
+  }
+  return nullptr;
+}
+
+// A key that asks for a passphrase would make OpenSSL read the terminal.
+int noPassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
+  return 0;
+}
+
+}  // namespace
+
+MqttConnection::MqttConnection(const MqttOptions& options, const TransportIdentity& identity,
+                               TransportListener& listener)
+    : options_(options), listener_(listener), keepAlive_(options.keepAlive) {
+  static std::once_flag once;
+  std::call_once(once, [] { mosquitto_lib_init(); });
+  handle_.reset(mosquitto_new(identity.clientId.c_str(), true, this));
+  if (!handle_) {
+    end("no connection object: " + libraryText(MOSQ_ERR_ERRNO, errno, {}));
+    return;
+  }
+  configure(options, identity);
+}
+
+bool MqttConnection::configure(const MqttOptions& options, const TransportIdentity& identity) {
+  auto* const handle = handle_.get();
+  mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+  mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1);
+  mosquitto_int_option(handle, MOSQ_OPT_SEND_MAXIMUM, kInFlight);
+  mosquitto_int_option(handle, MOSQ_OPT_RECEIVE_MAXIMUM, kInFlight);
+  mosquitto_connect_v5_callback_set(handle, onConnect);
+  mosquitto_disconnect_v5_callback_set(handle, onDisconnect);
+  mosquitto_message_v5_callback_set(handle, onMessage);
+  mosquitto_publish_v5_callback_set(handle, onPublish);
+  mosquitto_subscribe_v5_callback_set(handle, onSubscribe);
+  mosquitto_log_callback_set(handle, onLog);
+
+  const OutgoingMessage& will = identity.will;
+  if (!will.topic.empty()) {
+    Properties properties;
+    if (will.expirySeconds) {
+      properties.addInt32(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, *will.expirySeconds);
+    }
+    const std::string_view payload = will.payload ? std::string_view(*will.payload) : std::string_view();
+    const int code = mosquitto_will_set_v5(handle, will.topic.c_str(), static_cast<int>(payload.size()),
+                                           payload.data(), will.qos, will.retain, properties.release());
+    if (code != MOSQ_ERR_SUCCESS) {
+      end("the will cannot be set: " + libraryText(code, errno, lastError_));
+      return false;
+    }
+  }
+  return configureTls(options) && configureLogin(options);
+}
+
+bool MqttConnection::configureTls(const MqttOptions& options) {
+  if (!options.tls) {
+    return true;
+  }
+  auto* const handle = handle_.get();
+  const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
+  int code = MOSQ_ERR_SUCCESS;
+  if (options.caFile.empty()) {
+    code = mosquitto_int_option(handle, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+  }
+  if (code == MOSQ_ERR_SUCCESS && (!options.caFile.empty() || !options.certFile.empty())) {
+    code = mosquitto_tls_set(handle, orNull(options.caFile), nullptr, orNull(options.certFile),
+                             orNull(options.keyFile), noPassphrase);
+  }
+  if (code == MOSQ_ERR_SUCCESS) {
+    // 1: the broker's certificate must be good, and (not insecure) made out to the host we asked for.
+    code = mosquitto_tls_opts_set(handle, 1, nullptr, nullptr);
+  }
+  if (code == MOSQ_ERR_SUCCESS) {
+    code = mosquitto_tls_insecure_set(handle, false);
+  }
+  if (code != MOSQ_ERR_SUCCESS) {
+    end("TLS cannot be set up: " + libraryText(code, errno, lastError_));
+    return false;
+  }
+  return true;
+}
+
+bool MqttConnection::configureLogin(const MqttOptions& options) {
+  if (options.user.empty()) {
+    return true;
+  }
+  std::optional<std::string> password;
+  if (!options.passFile.empty()) {
+    std::string error;
+    password = readPasswordFile(options.passFile, error);
+    if (!password) {
+      end(std::move(error));
+      return false;
+    }
+  }
+  const int code =
+      mosquitto_username_pw_set(handle_.get(), options.user.c_str(), password ? password->c_str() : nullptr);
+  if (code != MOSQ_ERR_SUCCESS) {
+    end("user name and password cannot be set: " + libraryText(code, errno, lastError_));
+    return false;
+  }
+  return true;
+}
+
+void MqttConnection::open(const Endpoint& endpoint, TimePoint now) {
+  if (ended_) {
+    return;
+  }
+  lastHeard_ = now;
+  const char* const bindAddress = endpoint.bindAddress.empty() ? nullptr : endpoint.bindAddress.c_str();
+  check(mosquitto_connect_bind_async(handle_.get(), endpoint.host.c_str(), options_.port,
+                                     static_cast<int>(std::max(keepAlive_, kShortestKeepAlive).count()),
+                                     bindAddress));
+}
+
+int MqttConnection::descriptor() const {
+  return ended_ ? -1 : mosquitto_socket(handle_.get());
+}
+
+bool MqttConnection::wantsWrite() const {
+  return !ended_ && mosquitto_want_write(handle_.get());
+}
+
+bool MqttConnection::readable(TimePoint now) {
+  lastHeard_ = now;
+  for (int packet = 0; packet < kPacketsPerTurn && !ended_; ++packet) {
+    check(mosquitto_loop_read(handle_.get(), 1));
+    int waiting = 0;
+    if (ended_ || ::ioctl(mosquitto_socket(handle_.get()), FIONREAD, &waiting) != 0 || waiting == 0) {
+      return false;
+    }
+  }
+  return !ended_;
+}
+
+void MqttConnection::writable() {
+  if (ended_) {
+    return;
+  }
+  if (!accepted_) {
+    // The outcome of a connect that was under way; the library would only see that its write fails.
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (::getsockopt(mosquitto_socket(handle_.get()), SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
+        error != 0) {
+      end(libraryText(MOSQ_ERR_ERRNO, error, {}));
+      return;
+    }
+  }
+  check(mosquitto_loop_write(handle_.get(), 1));
+}
+
+void MqttConnection::upkeep(TimePoint now) {
+  if (ended_ || !accepted_) {
+    return;
+  }
+  // The library pings after one keep-alive of silence: after two the far end is gone, whatever its socket
+  // says. Giving back a filter that nobody holds is the one request besides a ping that changes nothing.
+  if (keepAlive_ < kShortestKeepAlive && now - std::max(lastHeard_, lastProbe_) >= keepAlive_) {
+    lastProbe_ = now;
+    unsubscribe(kProbeFilter);
+  }
+  if (now - lastHeard_ >= 2 * keepAlive_) {
+    end("no sign of life from the broker for " + std::to_string(2 * keepAlive_.count()) + " s");
+    return;
+  }
+  check(mosquitto_loop_misc(handle_.get()));
+}
+
+void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token) {
+  if (ended_) {
+    return;
+  }
+  Properties properties;
+  if (message.expirySeconds) {
+    properties.addInt32(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, *message.expirySeconds);
+  }
+  const std::string_view payload = message.payload ? std::string_view(*message.payload) : std::string_view();
+  if (const char* wrong = unfit(message.topic, mosquitto_pub_topic_check2)) {
+    listener_.published(token, wrong);
+    return;
+  }
+  if (payload.size() > MQTT_MAX_PAYLOAD) {
+    listener_.published(token, "payload too large for MQTT");
+    return;
+  }
+  int mid = 0;
+  publishing_ = true;
+  writtenAtOnce_ = false;
+  const int code =
+      mosquitto_publish_v5(handle_.get(), &mid, message.topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), message.qos, message.retain, properties.get());
+  const int savedErrno = errno;
+  publishing_ = false;
+  if (ended_) {
+    return;
+  }
+  switch (code) {
+    case MOSQ_ERR_SUCCESS:
+      break;
+    case MOSQ_ERR_NO_CONN:
+    case MOSQ_ERR_CONN_LOST:
+    case MOSQ_ERR_ERRNO:
+    case MOSQ_ERR_TLS:
+      // The link has just broken; the token becomes void with it.
+      end(libraryText(code, savedErrno, lastError_));
+      return;
+    default:
+      listener_.published(token, libraryText(code, savedErrno, {}));
+      return;
+  }
+  if (message.qos == 0 && writtenAtOnce_) {
+    listener_.published(token, {});
+    return;
+  }
+  sent_.insert_or_assign(mid, Sent{token, message.qos > 0});
+  inFlight_ += message.qos > 0 ? 1 : 0;
+}
+
+void MqttConnection::subscribe(const std::string& filter, int qos, std::uint64_t token) {
+  if (ended_) {
+    return;
+  }
+  if (const char* wrong = unfit(filter, mosquitto_sub_topic_check2)) {
+    listener_.subscribed(token, wrong);
+    return;
+  }
+  int mid = 0;
+  // No options: retained messages come with every SUBSCRIBE, and carry the retain flag only then.
+  const int code = mosquitto_subscribe_v5(handle_.get(), &mid, filter.c_str(), qos, 0, nullptr);
+  const int savedErrno = errno;
+  if (ended_) {
+    return;
+  }
+  if (code != MOSQ_ERR_SUCCESS) {
+    listener_.subscribed(token, libraryText(code, savedErrno, {}));
+    return;
+  }
+  subscribing_.insert_or_assign(mid, token);
+}
+
+void MqttConnection::unsubscribe(const std::string& filter) {
+  if (!ended_ && unfit(filter, mosquitto_sub_topic_check2) == nullptr) {
+    mosquitto_unsubscribe_v5(handle_.get(), nullptr, filter.c_str(), nullptr);
+  }
+}
+
+void MqttConnection::disconnect() {
+  if (ended_) {
+    return;
+  }
+  leaving_ = true;
+  const int code = mosquitto_disconnect_v5(handle_.get(), 0, nullptr);
+  if (code != MOSQ_ERR_SUCCESS) {
+    end(libraryText(code, errno, lastError_));
+  }
+}
+
+void MqttConnection::check(int code) {
+  const int savedErrno = errno;
+  if (code != MOSQ_ERR_SUCCESS && !ended_) {
+    end(libraryText(code, savedErrno, lastError_));
+  }
+}
+
+void MqttConnection::end(std::string failure) {
+  ended_ = true;
+  failure_ = std::move(failure);
+}
+
+void MqttConnection::onConnect(struct mosquitto* /*handle*/, void* self, int reason, int /*flags*/,
+                               const mosquitto_property* properties) noexcept {
+  auto& connection = *static_cast<MqttConnection*>(self);
+  if (reason != 0) {
+    connection.end(withReasonString("the broker refuses the connection: " + reasonText(reason), properties));
+    return;
+  }
+  connection.accepted_ = true;
+  std::uint16_t keepAlive = 0;
+  if (properties != nullptr &&
+      mosquitto_property_read_int16(properties, MQTT_PROP_SERVER_KEEP_ALIVE, &keepAlive, false) != nullptr &&
+      keepAlive > 0) {  // the broker has the last word, and the library pings by it
+    connection.keepAlive_ = std::chrono::seconds(keepAlive);
+  }
+}
+
+void MqttConnection::onDisconnect(struct mosquitto* /*handle*/, void* self, int reason,
+                                  const mosquitto_property* properties) noexcept {
+  const int savedErrno = errno;
+  auto& connection = *static_cast<MqttConnection*>(self);
+  if (connection.ended_) {
+    return;
+  }
+  if (connection.leaving_) {
+    connection.end("we have left");
+  } else if (reason >= 0x80) {
+    connection.end(withReasonString("the broker ended the connection: " + reasonText(reason), properties));
+  } else if (reason == 0) {
+    connection.end(withReasonString("the broker ended the connection", properties));
+  } else {
+    connection.end(libraryText(reason, savedErrno, connection.lastError_));
+  }
+}
+
+void MqttConnection::onMessage(struct mosquitto* /*handle*/, void* self,
+                               const struct mosquitto_message* message,
+                               const mosquitto_property* /*properties*/) noexcept {
+  auto& connection = *static_cast<MqttConnection*>(self);
+  connection.listener_.message(message->topic,
+                               std::string_view(static_cast<const char*>(message->payload),
+                                                static_cast<std::size_t>(message->payloadlen)),
+                               message->retain);
+}
+
+void MqttConnection::onPublish(struct mosquitto* /*handle*/, void* self, int mid, int reason,
+                               const mosquitto_property* properties) noexcept {
+  auto& connection = *static_cast<MqttConnection*>(self);
+  const auto found = connection.sent_.find(mid);
+  if (found == connection.sent_.end()) {
+    connection.writtenAtOnce_ = connection.publishing_;
+    return;
+  }
+  const Sent sent = found->second;
+  connection.sent_.erase(found);
+  connection.inFlight_ -= sent.acknowledged ? 1 : 0;
+  if (reason >= 0x80) {
+    connection.listener_.published(sent.token, withReasonString(reasonText(reason), properties));
+  } else {
+    connection.listener_.published(sent.token, {});
+  }
+}
+
+void MqttConnection::onSubscribe(struct mosquitto* /*handle*/, void* self, int mid, int count,
+                                 const int* granted, const mosquitto_property* properties) noexcept {
+  auto& connection = *static_cast<MqttConnection*>(self);
+  const auto found = connection.subscribing_.find(mid);
+  if (found == connection.subscribing_.end()) {
+    return;
+  }
+  const std::uint64_t token = found->second;
+  connection.subscribing_.erase(found);
+  if (count < 1) {
+    connection.listener_.subscribed(token, "the broker gave no answer for the filter");
+  } else if (granted[0] >= 0x80) {
+    connection.listener_.subscribed(token, withReasonString(reasonText(granted[0]), properties));
+  } else {
+    connection.listener_.subscribed(token, {});
+  }
+}
+
+void MqttConnection::onLog(struct mosquitto* /*handle*/, void* self, int level, const char* text) noexcept {
+  if (level == MOSQ_LOG_ERR) {
+    static_cast<MqttConnection*>(self)->lastError_ = text;
+  }
+}
+
+}  // namespace kel::mqtt

@@ -1,0 +1,113 @@
+// MqttConnection: one connection to an MQTT 5 broker, from the first packet to the last.
+//
+// Purpose    Wraps one `struct mosquitto`. Every attempt gets a new one, so that no message that the library
+// had
+//            kept for an earlier connection can ever reach the broker behind newer ones.
+// Thread     One thread alone uses it and the library below it: the library runs without threads, its socket
+// is
+//            waited for outside (descriptor(), wantsWrite()), and it calls back only inside readable(),
+//            writable(), upkeep() and the sending calls. So no lock is involved in any callback.
+// Errors     Nothing throws. Once ended() is true, failure() says why and the object is good for nothing
+// else.
+#pragma once
+
+#include <mosquitto.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "transport/KelTransport.h"
+#include "transport/mqtt/MqttOptions.h"
+
+namespace kel::mqtt {
+
+/// Where to connect to: a numeric address, or a name whose address family is chosen by the address bound to.
+struct Endpoint {
+  std::string host;
+  std::string bindAddress;
+};
+
+class MqttConnection {
+ public:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  /// `listener` gets message(), published() and subscribed(); the rest is the owner's to report.
+  MqttConnection(const MqttOptions& options, const TransportIdentity& identity, TransportListener& listener);
+  /// Closes the socket without a DISCONNECT: the broker publishes the will.
+  ~MqttConnection() = default;
+  MqttConnection(const MqttConnection&) = delete;
+  MqttConnection& operator=(const MqttConnection&) = delete;
+
+  /// Begins to connect. Does not block, but for the library's own look-up when `endpoint.host` is a name.
+  void open(const Endpoint& endpoint, TimePoint now);
+
+  [[nodiscard]] bool accepted() const { return accepted_ && !ended_; }  ///< the broker has greeted us
+  [[nodiscard]] bool ended() const { return ended_; }
+  [[nodiscard]] const std::string& failure() const { return failure_; }
+  /// Sent at QoS 1 and not acknowledged yet.
+  [[nodiscard]] std::size_t inFlight() const { return inFlight_; }
+
+  [[nodiscard]] int descriptor() const;
+  [[nodiscard]] bool wantsWrite() const;
+  /// Reads what is there, up to a bounded number of packets; true if more may be waiting.
+  bool readable(TimePoint now);
+  void writable();
+  /// Keep-alive; due every second or oftener, after readable().
+  void upkeep(TimePoint now);
+
+  void publish(const OutgoingMessage& message, std::uint64_t token);
+  void subscribe(const std::string& filter, int qos, std::uint64_t token);
+  void unsubscribe(const std::string& filter);
+
+  /// Queues the DISCONNECT that suppresses the will, and ends when it is written.
+  void disconnect();
+
+ private:
+  struct Free {
+    void operator()(struct mosquitto* handle) const noexcept { mosquitto_destroy(handle); }
+  };
+  struct Sent {
+    std::uint64_t token = 0;
+    bool acknowledged = false;  ///< counts in inFlight_
+  };
+
+  bool configure(const MqttOptions& options, const TransportIdentity& identity);
+  bool configureTls(const MqttOptions& options);
+  bool configureLogin(const MqttOptions& options);
+  void check(int code);
+  void end(std::string failure);
+
+  static void onConnect(struct mosquitto*, void* self, int reason, int flags,
+                        const mosquitto_property* properties) noexcept;
+  static void onDisconnect(struct mosquitto*, void* self, int reason,
+                           const mosquitto_property* properties) noexcept;
+  static void onMessage(struct mosquitto*, void* self, const struct mosquitto_message* message,
+                        const mosquitto_property* properties) noexcept;
+  static void onPublish(struct mosquitto*, void* self, int mid, int reason,
+                        const mosquitto_property* properties) noexcept;
+  static void onSubscribe(struct mosquitto*, void* self, int mid, int count, const int* granted,
+                          const mosquitto_property* properties) noexcept;
+  static void onLog(struct mosquitto*, void* self, int level, const char* text) noexcept;
+
+  const MqttOptions& options_;
+  TransportListener& listener_;
+  std::unique_ptr<struct mosquitto, Free> handle_;
+  bool accepted_ = false;
+  bool ended_ = false;
+  bool leaving_ = false;
+  bool publishing_ = false;     ///< inside the library's publish call
+  bool writtenAtOnce_ = false;  ///< that call has written its QoS 0 message already
+  std::string failure_;
+  std::string lastError_;  ///< what the library logged last at its error level
+  std::chrono::seconds keepAlive_;
+  TimePoint lastHeard_{};
+  TimePoint lastProbe_{};
+  std::size_t inFlight_ = 0;
+  std::unordered_map<int, Sent> sent_;
+  std::unordered_map<int, std::uint64_t> subscribing_;
+};
+
+}  // namespace kel::mqtt

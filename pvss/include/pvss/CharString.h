@@ -3,8 +3,6 @@
 // Purpose    A text of bytes; every byte but NUL can be kept. Owns its bytes.
 // Thread     As std::string: a text may be read by many threads or changed by one.
 // Errors     Only running out of memory throws. A null pointer counts as the empty text everywhere.
-// Note       The default constructor is a constant expression, so static texts exist before any static
-//            object is built.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +15,7 @@ class CharString {
   /// What find() and rfind() return when there is nothing.
   static constexpr std::size_t npos = std::string::npos;
 
-  constexpr CharString() noexcept = default;
+  CharString() noexcept = default;
   CharString(const char* text) : text_(text == nullptr ? "" : text) {}
   CharString(const char* text, std::size_t length);
   CharString(const std::string& text) : text_(text) {}

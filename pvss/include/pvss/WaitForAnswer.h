@@ -28,5 +28,5 @@ class WaitForAnswer {
 
  private:
   friend class pvss::ManagerCore;
-  bool waiting_ = false;  // the manager holds the address
+  unsigned waiting_ = 0;  // for how many answers and connects the manager holds the address
 };

@@ -46,7 +46,7 @@ struct ElementAttributes {
 struct WriteBatch {
   std::uint64_t clientSequence = 0;  ///< counts the calls of this writer; what makes a resend harmless
   std::int64_t timeMs = 0;           ///< the source time of everything in the batch
-  bool restore = false;              ///< resent after the store lost it: skipped where the stored time is newer
+  bool restore = false;  ///< resent after the store lost it: skipped where the stored time is newer
   std::vector<ElementAttributes> elements;
 };
 
@@ -88,17 +88,17 @@ class ElementDirectory {
 
 /// What a store tells about itself each time it becomes usable.
 struct StoreGreeting {
-  std::string address;                    ///< as configured, without secrets
-  std::string runId;                      ///< changes when the server process does
-  std::uint64_t lastClientSequence = 0;   ///< the newest write of this writer that the store knows
-  std::uint64_t logSequence = 0;          ///< the newest change that the store knows
+  std::string address;                   ///< as configured, without secrets
+  std::string runId;                     ///< changes when the server process does
+  std::uint64_t lastClientSequence = 0;  ///< the newest write of this writer that the store knows
+  std::uint64_t logSequence = 0;         ///< the newest change that the store knows
 };
 
 /// Who the manager is; fixed before start().
 struct ManagerIdentity {
   int number = 0;
-  std::string kind;         ///< "api" for the gateway
-  std::string writer;       ///< number and random incarnation, for example "7.f3a91c02"
+  std::string kind;    ///< "api" for the gateway
+  std::string writer;  ///< number and random incarnation, for example "7.f3a91c02"
   std::string host;
   int process = 0;
   std::string versionText;
@@ -117,13 +117,16 @@ enum class WriteOutcome : std::uint8_t {
 class StoreListener {
  public:
   virtual ~StoreListener() = default;
-  /// Link usable, functions checked, lease held, catalogue delivered before. Called again after every reconnect.
+  /// Link usable, functions checked, lease held, catalogue delivered before. Called again after every
+  /// reconnect.
   virtual void storeUp(const StoreGreeting& greeting) = 0;
   virtual void storeDown(std::string_view reason) = 0;
   /// The whole catalogue, before storeUp; what is not in it no longer exists.
   virtual void catalogueLoaded(std::vector<CatalogueEntry> entries) = 0;
   /// In log order with changed(). An entry of type DPELEMENT_NOELEMENT is a deletion.
   virtual void catalogueChanged(CatalogueEntry entry) = 0;
+  /// Goes on without a hole across a reconnect; where it cannot, gap() comes before the first change behind
+  /// it.
   virtual void changed(const Change& change) = 0;
   /// Answer to readSnapshot(): states in the order asked, true as of `sequence`.
   virtual void snapshot(std::uint64_t request, std::uint64_t sequence, std::vector<ElementState> states) = 0;
@@ -138,7 +141,8 @@ class DatapointStore {
  public:
   virtual ~DatapointStore() = default;
   /// Begins to connect, and keeps trying for ever. Returns at once; both references outlive the store.
-  virtual void start(StoreListener& listener, ElementDirectory& directory, const ManagerIdentity& identity) = 0;
+  virtual void start(StoreListener& listener, ElementDirectory& directory,
+                     const ManagerIdentity& identity) = 0;
   /// Runs input, output and timers, calling the listener. Waits at most `atMost` for the first event and
   /// returns as soon as the listener was called. True when it was.
   virtual bool poll(std::chrono::microseconds atMost) = 0;

@@ -128,6 +128,11 @@ class MemoryPlant {
   void setLinkUp(bool up);
   /// On: writes are taken (up to the store's window) but neither applied nor confirmed until off again.
   void holdWrites(bool on);
+  /// On: writes are applied but not confirmed, as when the answer is lost with the link.
+  void holdConfirmations(bool on);
+  /// On: answers to connects and reads are taken at once but wait; what they say is of the time they were
+  /// asked.
+  void holdSnapshots(bool on);
   /// Batches that the store takes before it says "not now"; 0: no limit.
   void setWindow(std::size_t batches);
   /// The store forgets the newest `changes` changes and comes back as another server, as after a failover.

@@ -1,0 +1,22 @@
+#include <csignal>
+
+#include "Command.h"
+
+namespace {
+
+std::atomic<bool> stopWanted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler sets it");
+
+extern "C" void askToStop(int /*signal*/) {
+  stopWanted.store(true);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  std::signal(SIGINT, askToStop);
+  std::signal(SIGTERM, askToStop);
+  // A closed pipe on standard output is an error of the write; a lost server is one of the libraries.
+  std::signal(SIGPIPE, SIG_IGN);
+  return kelgw::runCommandLine(count, arguments, stdout, stderr, stopWanted);
+}

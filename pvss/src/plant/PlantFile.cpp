@@ -66,9 +66,9 @@ std::string PlantFile::errorText(std::string_view file) const {
 }
 
 PlantFile PlantFile::read(const std::string& path) {
+  errno = 0;
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  errno = 0;
   if (in) {
     text << in.rdbuf();
   }

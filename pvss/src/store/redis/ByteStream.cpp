@@ -1,0 +1,43 @@
+#include "store/redis/ByteStream.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace pvss::redis {
+namespace {
+
+class PlainStream final : public ByteStream {
+ public:
+  explicit PlainStream(int socket) : socket_(socket) {}
+  PlainStream(const PlainStream&) = delete;
+  PlainStream& operator=(const PlainStream&) = delete;
+  ~PlainStream() override { ::close(socket_); }
+
+  StreamResult read(char* into, std::size_t room) override {
+    const ssize_t got = ::recv(socket_, into, room, 0);
+    if (got == 0) return {StreamResult::Status::closed, 0, 0};
+    return result(got);
+  }
+  StreamResult write(const char* bytes, std::size_t size) override {
+    return result(::send(socket_, bytes, size, MSG_NOSIGNAL));
+  }
+  [[nodiscard]] int descriptor() const override { return socket_; }
+
+ private:
+  static StreamResult result(ssize_t moved) {
+    if (moved >= 0) return {StreamResult::Status::moved, static_cast<std::size_t>(moved), 0};
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return {StreamResult::Status::wait, 0, 0};
+    return {StreamResult::Status::failed, 0, errno};
+  }
+  int socket_;
+};
+
+}  // namespace
+
+std::unique_ptr<ByteStream> makePlainStream(int socket) {
+  return std::make_unique<PlainStream>(socket);
+}
+
+}  // namespace pvss::redis

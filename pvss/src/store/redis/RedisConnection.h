@@ -1,0 +1,116 @@
+// RedisConnection: one connection to a Redis server, driven from outside, never blocking.
+//
+// Purpose    Connects, signs on (AUTH, SELECT), sends commands and gives their replies back in order.
+// Ownership  The owner outlives the connection. Reply cursors hold during the call only.
+// Thread     One; the owner is called from inside open(), onReady(), flush() and tick(). The owner may close
+// or
+//            open the connection again from any of its callbacks.
+// Errors     Nothing throws. Every end that the owner did not ask for is one connectionLost() with its
+// reason.
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store/redis/ByteStream.h"
+#include "store/redis/Endpoint.h"
+#include "store/redis/Resp.h"
+#include "store/redis/StoreAddress.h"
+
+namespace pvss::redis {
+
+using Clock = std::chrono::steady_clock;
+
+class RedisConnection;
+
+class ConnectionOwner {
+ public:
+  virtual ~ConnectionOwner() = default;
+  /// Signed on; commands may be sent from now on.
+  virtual void connectionReady(RedisConnection& connection) = 0;
+  /// Gone, with everything that had no reply yet. The connection is closed already.
+  virtual void connectionLost(RedisConnection& connection, std::string_view reason) = 0;
+  /// The reply to the command that was sent under this tag.
+  virtual void reply(RedisConnection& connection, std::uint64_t tag, ReplyCursor reply) = 0;
+};
+
+enum class ConnectionState : std::uint8_t { closed, resolving, connecting, signingOn, ready };
+
+class RedisConnection {
+ public:
+  struct Limits {
+    std::chrono::milliseconds connect{3000};  ///< from open() to ready
+    std::chrono::milliseconds reply{5000};    ///< without any byte while a reply is due
+  };
+
+  RedisConnection(ConnectionOwner& owner, const StoreAddress& address, const char* name, Limits limits);
+  ~RedisConnection();
+  RedisConnection(const RedisConnection&) = delete;
+  RedisConnection& operator=(const RedisConnection&) = delete;
+
+  void open(Clock::time_point now);
+  /// Drops the connection without a call to the owner; what was not sent is lost.
+  void close();
+
+  [[nodiscard]] ConnectionState state() const { return state_; }
+  [[nodiscard]] bool ready() const { return state_ == ConnectionState::ready; }
+  [[nodiscard]] const char* name() const { return name_; }
+  [[nodiscard]] std::size_t outstanding() const { return tagsIn_ - tagsOut_; }
+
+  /// The output buffer, to which the caller appends exactly one command; its reply comes under the tag.
+  /// Only while ready. Nothing is sent before flush().
+  std::string& command(std::uint64_t tag);
+  /// Sends what the socket takes.
+  void flush();
+  [[nodiscard]] bool hasOutput() const { return sent_ < output_.size(); }
+
+  /// What to wait for; descriptor -1 when there is nothing to wait for.
+  [[nodiscard]] pollfd wanted() const;
+  void onReady(short events, Clock::time_point now);
+  /// Watches over the limits; call a few times a second.
+  void tick(Clock::time_point now);
+
+ private:
+  void enter(ConnectionState next, std::string_view cause);
+  void resolved(Clock::time_point now);
+  void connectNext(Clock::time_point now);
+  void connected(Clock::time_point now);
+  void signOn();
+  void signOnReply(ReplyCursor reply);
+  void readAll(Clock::time_point now);
+  bool takeReplies();
+  void lose(std::string_view reason);
+  void pushTag(std::uint64_t tag);
+
+  ConnectionOwner& owner_;
+  const StoreAddress& address_;
+  const char* name_;
+  const Limits limits_;
+  ConnectionState state_ = ConnectionState::closed;
+  std::uint64_t generation_ = 0;  // tells whether a callback closed or reopened the connection
+  Clock::time_point since_{};     // start of the attempt, then of the last sign of life
+  bool waiting_ = false;          // replies were due at the last tick
+
+  std::unique_ptr<EndpointLookup> lookup_;
+  std::size_t nextEndpoint_ = 0;
+  std::string connectError_;
+  int socket_ = -1;  // while connecting
+  std::unique_ptr<ByteStream> stream_;
+  std::unique_ptr<ReplyReader> reader_;
+  std::string output_;
+  std::size_t sent_ = 0;
+  unsigned signOnReplies_ = 0;
+
+  // Tags of the commands that have no reply yet: a ring whose size is a power of two.
+  std::vector<std::uint64_t> tags_;
+  std::size_t tagsIn_ = 0;
+  std::size_t tagsOut_ = 0;
+};
+
+}  // namespace pvss::redis

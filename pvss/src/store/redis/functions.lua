@@ -1,0 +1,345 @@
+#!lua name=kelgw
+-- The server side of the data point store: everything that must happen at once happens here.
+-- docs/store-format.md describes the keys, the texts and every function. 64-bit numbers and times travel as
+-- texts; where one is compared as a number it is a count of milliseconds or of changes, far below 2^53.
+
+local VERSION = '1'
+
+local DAY_MS = 86400000
+local MARK_BYTES = 1048576        -- distance of the marks that trimming cuts at
+local LOG_BYTES = 268435456       -- bound of the log unless dp:cfg logBytes says another
+local INLINE_BYTES = 65536        -- a larger change is logged by names only
+local INLINE_ELEMENTS = 3000      -- and so is one with more elements than a call can carry
+local LEASE_MS = 3000             -- when a write takes a free lease up again
+
+local function now_ms()
+  local t = redis.call('TIME')
+  return string.format('%.0f', tonumber(t[1]) * 1000 + math.floor(tonumber(t[2]) / 1000))
+end
+
+-- Compares two unsigned decimal texts exactly, however long.
+local function newer(a, b)
+  if #a ~= #b then return #a > #b end
+  return a > b
+end
+
+local function lease_key(number) return 'dp:mgr:' .. number .. ':lease' end
+
+local function lease_take(number, writer, ttl, text)
+  local key = lease_key(number)
+  redis.call('HSET', key, 'writer', writer, 'text', text)
+  redis.call('PEXPIRE', key, ttl)
+end
+
+local function lease_text(number)
+  local h = redis.call('HMGET', lease_key(number), 'text', 'writer')
+  return h[1] or h[2] or 'nobody'
+end
+
+-- Remembers when a writer was last seen; a new one is the occasion to forget those silent for a day.
+local function touch(writer, is_new)
+  local now = now_ms()
+  redis.call('ZADD', 'dp:cli:use', now, writer)
+  if is_new then
+    local old = redis.call('ZRANGEBYSCORE', 'dp:cli:use', '-inf', string.format('%.0f', tonumber(now) - DAY_MS))
+    for _, w in ipairs(old) do
+      redis.call('HDEL', 'dp:cli', w)
+      redis.call('ZREM', 'dp:cli:use', w)
+    end
+  end
+end
+
+-- Cuts the log at its oldest marks until it is within its bound again.
+local function trim(total)
+  local bound = tonumber(redis.call('HGET', 'dp:cfg', 'logBytes') or LOG_BYTES)
+  local dropped = tonumber(redis.call('GET', 'dp:log:dropped') or '0')
+  while total - dropped > bound do
+    local mark = redis.call('LPOP', 'dp:log:marks')
+    if not mark then return end
+    local id, upto = string.match(mark, '^(%d+) (%d+)$')
+    redis.call('XTRIM', 'dp:log', 'MINID', string.format('%.0f', tonumber(id) + 1))
+    dropped = tonumber(upto)
+    redis.call('SET', 'dp:log:dropped', upto)
+  end
+end
+
+-- One entry of the log; its id is the sequence. `pairs` starts at index `from` of the list.
+local function append(kind, head, list, from, bytes)
+  local seq = redis.call('INCR', 'dp:seq')
+  local id = string.format('%.0f', seq)
+  local r = redis.pcall('XADD', 'dp:log', id, kind, head, unpack(list, from))
+  if type(r) == 'table' and r.err then
+    -- The counter was lost but the log was not: go on where the log ends.
+    local info = redis.call('XINFO', 'STREAM', 'dp:log')
+    for i = 1, #info, 2 do
+      if info[i] == 'last-generated-id' then seq = tonumber(string.match(info[i + 1], '^%d+')) + 1 end
+    end
+    id = string.format('%.0f', seq)
+    redis.call('SET', 'dp:seq', id)
+    redis.call('XADD', 'dp:log', id, kind, head, unpack(list, from))
+  end
+  bytes = bytes + 24
+  local total = redis.call('INCRBY', 'dp:log:bytes', bytes)
+  if math.floor(total / MARK_BYTES) ~= math.floor((total - bytes) / MARK_BYTES) then
+    redis.call('RPUSH', 'dp:log:marks', id .. ' ' .. string.format('%.0f', total))
+    trim(total)
+  end
+  return seq
+end
+
+-- Splits "i0" "11" "20" "v<text>" and says which letters were there; nil when it is no such text.
+local function split(text)
+  local set, letters, n, p, size = {}, '', 0, 1, #text
+  while p <= size do
+    local c = string.sub(text, p, p)
+    if c == 'v' then
+      set[n + 1], set[n + 2] = 'v', string.sub(text, p + 1)
+      return set, letters .. 'v', true
+    end
+    local bit = string.sub(text, p + 1, p + 1)
+    if (c ~= 'i' and c ~= '1' and c ~= '2') or (bit ~= '0' and bit ~= '1') then return nil end
+    set[n + 1], set[n + 2] = c, bit
+    n, p, letters = n + 2, p + 2, letters .. c
+  end
+  if n == 0 then return nil end
+  return set, letters, false
+end
+
+-- dp_set writer fence number previous time flags (name text)...
+local function dp_set(_, args)
+  local writer, fence, number, previous, time, flags = args[1], args[2], args[3], args[4], args[5], args[6]
+  if fence ~= '' then
+    local holder = redis.call('HGET', lease_key(fence), 'writer')
+    if holder ~= writer then
+      if holder then return redis.error_reply('FENCED ' .. lease_text(fence)) end
+      lease_take(fence, writer, LEASE_MS, redis.call('HGET', 'dp:mgr:' .. fence, '@text') or writer)
+    end
+  end
+  local last, applied = '0', '0'
+  local known = redis.call('HGET', 'dp:cli', writer)
+  if known then last, applied = string.match(known, '^(%d+) (%d+)$') end
+  if not newer(number, last) then return 0 end
+  if newer(previous, last) then
+    return redis.error_reply('ORDER write ' .. previous .. ' is missing, the newest known is ' .. last)
+  end
+  if time == '' then time = now_ms() end
+  local when = tonumber(time)
+  local restore = flags == 'r'
+
+  -- Look first, write afterwards: nothing below can fail half way.
+  local todo, n, bytes, unknown, broken, skipped = {}, 0, 0, nil, nil, false
+  for i = 7, #args, 2 do
+    local name, text = args[i], args[i + 1]
+    local key = 'dp:d:' .. name
+    local have = redis.pcall('HMGET', key, 'i', 't')
+    local set, letters, valued = split(text)
+    if have.err or not set then
+      broken = name
+    elseif not have[1] and not have[2] and redis.call('HEXISTS', 'dp:cat', name) == 0 then
+      unknown = unknown and unknown .. ', ' .. name or name
+    elseif restore and have[2] and tonumber(have[2]) > when then
+      skipped = true
+    else
+      if valued then
+        set[#set + 1] = 't'
+        set[#set + 1] = time
+      end
+      if set[1] == 'i' and set[2] ~= (have[1] or '1') then
+        set[#set + 1] = 'ti'
+        set[#set + 1] = time
+      end
+      n = n + 1
+      todo[n] = {key, set, name, text, letters}
+      bytes = bytes + #name + #text + 4
+    end
+  end
+
+  local seq = -1
+  if broken then n = 0 end
+  if n > 0 then
+    local head = time .. ' ' .. writer
+    if bytes > INLINE_BYTES or n > INLINE_ELEMENTS then
+      local lines = {}
+      for k = 1, n do lines[k] = todo[k][5] .. ' ' .. todo[k][3] end
+      local names = table.concat(lines, '\n')
+      seq = append('S', head, {'names', names}, 1, #names + #head)
+    elseif skipped or unknown then
+      local list = {}
+      for k = 1, n do
+        list[2 * k - 1] = todo[k][3]
+        list[2 * k] = todo[k][4]
+      end
+      seq = append('s', head, list, 1, bytes + #head)
+    else
+      seq = append('s', head, args, 7, bytes + #head)
+    end
+    for k = 1, n do redis.call('HSET', todo[k][1], unpack(todo[k][2])) end
+    applied = string.format('%.0f', tonumber(applied) + 1)
+  end
+  redis.call('HSET', 'dp:cli', writer, number .. ' ' .. applied)
+  if not known or fence == '' then touch(writer, not known) end
+  if broken then return redis.error_reply('REFUSED ' .. broken .. ': no text of attributes, or no hash in the store') end
+  if unknown then
+    if n == 0 then return redis.error_reply('REFUSED no such element: ' .. unknown) end
+    return {seq, 'no such element: ' .. unknown}
+  end
+  return seq
+end
+
+local function state_of(name)
+  local h = redis.pcall('HMGET', 'dp:d:' .. name, 'v', 'i', '1', '2', 't', 'ti')
+  if h.err then return {false, false, false, false, false, false} end
+  return h
+end
+
+local function sequence() return redis.call('GET', 'dp:seq') or '0' end
+
+-- dp_snap name...  -> sequence, then one state for each name
+local function dp_snap(_, args)
+  local out = {sequence()}
+  for i = 1, #args do out[i + 1] = state_of(args[i]) end
+  return out
+end
+
+-- dp_since sequence  -> sequence, then name and state of everything that changed after it
+local function dp_since(_, args)
+  local current = sequence()
+  local out, seen = {current}, {}
+  if not newer(current, args[1]) then return out end
+  local entries = redis.call('XRANGE', 'dp:log', '(' .. args[1], '+')
+  local first = entries[1] and string.match(entries[1][1], '^%d+')
+  if first ~= string.format('%.0f', tonumber(args[1]) + 1) then
+    return redis.error_reply('TRIMMED the log no longer holds what came after ' .. args[1])
+  end
+  local function add(name)
+    if not seen[name] then
+      seen[name] = true
+      out[#out + 1] = name
+      out[#out + 1] = state_of(name)
+    end
+  end
+  for _, entry in ipairs(entries) do
+    local f = entry[2]
+    if f[1] == 'S' then
+      for name in string.gmatch(f[4], '[^ \n]+ ([^\n]*)') do add(name) end
+    else
+      for i = 3, #f, 2 do add(f[i]) end
+    end
+  end
+  return out
+end
+
+-- dp_hello writer number ttl kind host process version text
+--   -> 1, last client sequence, sequence, run id    or 0, holder's text, milliseconds that its lease still has
+local function dp_hello(_, args)
+  local writer, number, ttl = args[1], args[2], args[3]
+  local holder = redis.call('HGET', lease_key(number), 'writer')
+  if holder and holder ~= writer then
+    return {0, lease_text(number), redis.call('PTTL', lease_key(number))}
+  end
+  lease_take(number, writer, ttl, args[8])
+  local key = 'dp:mgr:' .. number
+  if redis.call('HGET', key, '@writer') ~= writer then redis.call('DEL', key) end
+  redis.call('HSET', key, '@writer', writer, '@kind', args[4], '@host', args[5], '@process', args[6], '@version',
+             args[7], '@text', args[8], '@beat', now_ms())
+  redis.call('PEXPIRE', key, DAY_MS)
+  redis.call('ZADD', 'dp:mgr', now_ms(), number)
+  local known = redis.call('HGET', 'dp:cli', writer)
+  touch(writer, not known)
+  local run = string.match(redis.call('INFO', 'server'), 'run_id:(%w+)')
+  return {1, known and string.match(known, '^%d+') or '0', sequence(), run}
+end
+
+-- dp_beat writer number ttl (name value)...  -> 1, sequence, store's time   or 0, holder's text
+local function dp_beat(_, args)
+  local writer, number, ttl = args[1], args[2], args[3]
+  local holder = redis.call('HGET', lease_key(number), 'writer')
+  if holder and holder ~= writer then return {0, lease_text(number)} end
+  local key, now = 'dp:mgr:' .. number, now_ms()
+  if holder then
+    redis.call('PEXPIRE', lease_key(number), ttl)
+  else
+    lease_take(number, writer, ttl, redis.call('HGET', key, '@text') or writer)
+  end
+  local order = {}
+  for i = 4, #args, 2 do
+    order[#order + 1] = args[i]
+    redis.call('HSET', key, args[i], args[i + 1])
+  end
+  redis.call('HSET', key, '@writer', writer, '@beat', now, '@order', table.concat(order, '\n'))
+  redis.call('PEXPIRE', key, DAY_MS)
+  redis.call('ZADD', 'dp:mgr', now, number)
+  redis.call('ZADD', 'dp:cli:use', now, writer)
+  return {1, sequence(), now}
+end
+
+-- dp_bye writer number: gives the lease back at an orderly end  -> 1 or 0
+local function dp_bye(_, args)
+  if redis.call('HGET', lease_key(args[2]), 'writer') ~= args[1] then return 0 end
+  redis.call('DEL', lease_key(args[2]))
+  return 1
+end
+
+-- dp_cat  -> sequence, then name and entry of every element
+local function dp_cat()
+  local out, all = {sequence()}, redis.call('HGETALL', 'dp:cat')
+  for i = 1, #all do out[i + 1] = all[i] end
+  return out
+end
+
+-- dp_put writer (name entry)...  -> how many were new or other than before
+local function dp_put(_, args)
+  local list, n, bytes = {}, 0, 0
+  for i = 2, #args, 2 do
+    local name, entry = args[i], args[i + 1]
+    local old = redis.call('HGET', 'dp:cat', name)
+    if old ~= entry then
+      if old and string.match(old, '^%S+') ~= string.match(entry, '^%S+') then redis.call('DEL', 'dp:d:' .. name) end
+      redis.call('HSET', 'dp:cat', name, entry)
+      list[n + 1], list[n + 2] = name, entry
+      n, bytes = n + 2, bytes + #name + #entry + 4
+    end
+  end
+  if n > 0 then append('c', now_ms() .. ' ' .. args[1], list, 1, bytes) end
+  return n / 2
+end
+
+-- dp_del writer name...  -> how many there were
+local function dp_del(_, args)
+  local list, n, bytes = {}, 0, 0
+  for i = 2, #args do
+    if redis.call('HDEL', 'dp:cat', args[i]) == 1 then
+      redis.call('DEL', 'dp:d:' .. args[i])
+      list[n + 1], list[n + 2] = args[i], ''
+      n, bytes = n + 2, bytes + #args[i] + 4
+    end
+  end
+  if n > 0 then append('x', now_ms() .. ' ' .. args[1], list, 1, bytes) end
+  return n / 2
+end
+
+-- dp_managers  -> store's time, then for each manager: number, hash, lease holder or nil
+local function dp_managers()
+  local now = now_ms()
+  local out = {now}
+  for _, number in ipairs(redis.call('ZRANGEBYSCORE', 'dp:mgr', string.format('%.0f', tonumber(now) - DAY_MS), '+inf')) do
+    out[#out + 1] = number
+    out[#out + 1] = redis.call('HGETALL', 'dp:mgr:' .. number)
+    out[#out + 1] = redis.call('HGET', lease_key(number), 'writer')
+  end
+  return out
+end
+
+local function dp_version() return VERSION end
+
+redis.register_function('dp_set', dp_set)
+redis.register_function('dp_hello', dp_hello)
+redis.register_function('dp_beat', dp_beat)
+redis.register_function('dp_bye', dp_bye)
+redis.register_function('dp_put', dp_put)
+redis.register_function('dp_del', dp_del)
+redis.register_function{function_name = 'dp_version', callback = dp_version, flags = {'no-writes'}}
+redis.register_function{function_name = 'dp_snap', callback = dp_snap, flags = {'no-writes'}}
+redis.register_function{function_name = 'dp_since', callback = dp_since, flags = {'no-writes'}}
+redis.register_function{function_name = 'dp_cat', callback = dp_cat, flags = {'no-writes'}}
+redis.register_function{function_name = 'dp_managers', callback = dp_managers, flags = {'no-writes'}}

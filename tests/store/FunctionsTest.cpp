@@ -1,0 +1,276 @@
+// Each function of the library against a real server, as any client could call it.
+#include <gmock/gmock.h>
+
+#include "RedisServer.h"
+#include "pvss/StoreAdmin.h"
+
+namespace {
+
+using storetest::RedisServer;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::size_t at = 0;
+  while (at <= text.size()) {
+    const std::size_t end = std::min(text.find('\n', at), text.size());
+    out.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return out;
+}
+
+class Functions : public testing::Test {
+ protected:
+  Functions() {
+    pvss::StoreAdmin(server.address()).installFunctions();
+    call({"dp_put", "0", "t", "A.f", "float", "A.i", "int"});
+  }
+  std::string call(std::vector<std::string> words) {
+    words.insert(words.begin(), "FCALL");
+    return server.cli(words);
+  }
+  std::string set(const std::string& writer, const std::string& number, const std::string& previous,
+                  const std::string& time, const std::string& flags, const std::string& name,
+                  const std::string& text) {
+    return call({"dp_set", "0", writer, "", number, previous, time, flags, name, text});
+  }
+  std::vector<std::string> hash(const std::string& name) {
+    return lines(server.cli({"HMGET", "dp:d:" + name, "v", "i", "1", "2", "t", "ti"}));
+  }
+
+  RedisServer server;
+};
+
+TEST_F(Functions, VersionIsTheOneThisProgramBrings) {
+  EXPECT_EQ(call({"dp_version", "0"}), pvss::StoreAdmin::ownFunctionsVersion());
+}
+
+TEST_F(Functions, SetStoresWhatTheTextSaysAndLogsItUnchanged) {
+  EXPECT_EQ(set("w", "1", "0", "1700", "", "A.f", "i01121v3.5"), "2");
+  EXPECT_THAT(hash("A.f"), ElementsAre("3.5", "0", "1", "1", "1700", "1700"));
+  EXPECT_THAT(lines(server.cli({"XREVRANGE", "dp:log", "+", "-", "COUNT", "1"})),
+              ElementsAre("2-0", "s", "1700 w", "A.f", "i01121v3.5"));
+}
+
+TEST_F(Functions, SetWithoutAValueLeavesTheTimeOfTheValue) {
+  set("w", "1", "0", "1700", "", "A.f", "i0v3.5");
+  set("w", "2", "1", "1800", "", "A.f", "i1");
+  EXPECT_THAT(hash("A.f"), ElementsAre("3.5", "1", "", "", "1700", "1800"));
+}
+
+TEST_F(Functions, TimeOfTheFlagMovesOnlyWhenTheFlagChanges) {
+  set("w", "1", "0", "1700", "", "A.f", "i1v1");
+  EXPECT_THAT(hash("A.f"), ElementsAre("1", "1", "", "", "1700", ""))
+      << "an unwritten element is invalid already";
+  set("w", "2", "1", "1800", "", "A.f", "i0v2");
+  set("w", "3", "2", "1900", "", "A.f", "i0v3");
+  EXPECT_THAT(hash("A.f"), ElementsAre("3", "0", "", "", "1900", "1800"));
+}
+
+TEST_F(Functions, SameClientSequenceIsAppliedOnce) {
+  EXPECT_EQ(set("w", "5", "0", "1700", "", "A.f", "v1"), "2");
+  EXPECT_EQ(set("w", "5", "0", "1700", "", "A.f", "v2"), "0");
+  EXPECT_EQ(set("w", "4", "0", "1700", "", "A.f", "v2"), "0");
+  EXPECT_EQ(hash("A.f").front(), "1");
+  EXPECT_EQ(server.cli({"HGET", "dp:cli", "w"}), "5 1");
+}
+
+TEST_F(Functions, ClientSequencesCompareExactlyBeyondWhatADoubleHolds) {
+  EXPECT_EQ(set("w", "18446744073709551614", "0", "1", "", "A.f", "v1"), "2");
+  EXPECT_EQ(set("w", "18446744073709551614", "0", "1", "", "A.f", "v2"), "0");
+  EXPECT_EQ(set("w", "18446744073709551615", "0", "1", "", "A.f", "v3"), "3");
+}
+
+TEST_F(Functions, WriteBehindOneThatIsMissingIsNotApplied) {
+  set("w", "1", "0", "1700", "", "A.f", "v1");
+  EXPECT_THAT(set("w", "3", "2", "1700", "", "A.f", "v3"), StartsWith("ORDER"));
+  EXPECT_EQ(hash("A.f").front(), "1");
+}
+
+TEST_F(Functions, UnknownElementIsRefusedAndTheSequenceStillCounts) {
+  EXPECT_EQ(set("w", "1", "0", "1700", "", "No.such", "v1"), "REFUSED no such element: No.such");
+  EXPECT_EQ(server.cli({"EXISTS", "dp:d:No.such"}), "0");
+  EXPECT_EQ(set("w", "2", "1", "1700", "", "A.f", "v1"), "2");
+}
+
+TEST_F(Functions, UnknownElementAmongOthersIsLeftOutAndNamed) {
+  EXPECT_THAT(
+      lines(call({"dp_set", "0", "w", "", "1", "0", "1700", "", "A.f", "v1", "No.such", "v2", "A.i", "v3"})),
+      ElementsAre("2", "no such element: No.such"));
+  EXPECT_THAT(lines(server.cli({"XREVRANGE", "dp:log", "+", "-", "COUNT", "1"})),
+              ElementsAre("2-0", "s", "1700 w", "A.f", "v1", "A.i", "v3"));
+}
+
+TEST_F(Functions, TextThatIsNoneIsRefusedWhole) {
+  EXPECT_THAT(call({"dp_set", "0", "w", "", "1", "0", "1700", "", "A.i", "v1", "A.f", "x1"}),
+              StartsWith("REFUSED A.f"));
+  EXPECT_EQ(server.cli({"EXISTS", "dp:d:A.i"}), "0");
+}
+
+TEST_F(Functions, KeyOfAnotherTypeIsRefusedWhole) {
+  server.cli({"SET", "dp:d:A.f", "foreign"});
+  EXPECT_THAT(call({"dp_set", "0", "w", "", "1", "0", "1700", "", "A.i", "v1", "A.f", "v1"}),
+              StartsWith("REFUSED A.f"));
+  EXPECT_EQ(server.cli({"EXISTS", "dp:d:A.i"}), "0");
+  EXPECT_EQ(server.cli({"GET", "dp:seq"}), "1");
+}
+
+TEST_F(Functions, RestoreGivesWayToWhatIsNewer) {
+  set("w", "1", "0", "1700", "", "A.f", "v1");
+  set("w", "2", "1", "1600", "r", "A.f", "v2");
+  EXPECT_EQ(hash("A.f").front(), "1");
+  set("w", "3", "2", "1700", "r", "A.f", "v3");
+  EXPECT_EQ(hash("A.f").front(), "3");
+}
+
+TEST_F(Functions, WithoutATimeTheStoresClockIsTaken) {
+  set("w", "1", "0", "", "", "A.f", "v1");
+  EXPECT_EQ(hash("A.f")[4].size(), 13U) << "milliseconds since the epoch";
+}
+
+TEST_F(Functions, WriterThatDoesNotHoldTheLeaseIsFenced) {
+  call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A on host"});
+  EXPECT_EQ(call({"dp_set", "0", "7.b", "7", "1", "0", "1", "", "A.f", "v1"}), "FENCED A on host");
+  EXPECT_EQ(call({"dp_set", "0", "7.a", "7", "1", "0", "1", "", "A.f", "v1"}), "2");
+}
+
+TEST_F(Functions, WriteTakesAFreeLeaseUpAgain) {
+  EXPECT_EQ(call({"dp_set", "0", "7.a", "7", "1", "0", "1", "", "A.f", "v1"}), "2");
+  EXPECT_EQ(server.cli({"HGET", "dp:mgr:7:lease", "writer"}), "7.a");
+  EXPECT_GT(std::stoi(server.cli({"PTTL", "dp:mgr:7:lease"})), 0);
+}
+
+TEST_F(Functions, HelloGivesTheNumberToOneAtATime) {
+  const auto first =
+      lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A on host"}));
+  EXPECT_THAT(first, ElementsAre("1", "0", "1", testing::SizeIs(40)));
+  const auto second =
+      lines(call({"dp_hello", "0", "7.b", "7", "60000", "api", "host", "2", "v", "B on host"}));
+  ASSERT_EQ(second.size(), 3U);
+  EXPECT_EQ(second[0], "0");
+  EXPECT_EQ(second[1], "A on host");
+  EXPECT_EQ(call({"dp_bye", "0", "7.b", "7"}), "0");
+  EXPECT_EQ(call({"dp_bye", "0", "7.a", "7"}), "1");
+  EXPECT_EQ(lines(call({"dp_hello", "0", "7.b", "7", "60000", "api", "host", "2", "v", "B"})).front(), "1");
+}
+
+TEST_F(Functions, HelloKnowsTheNewestWriteOfTheWriter) {
+  call({"dp_set", "0", "7.a", "7", "12", "0", "1", "", "A.f", "v1"});
+  EXPECT_EQ(lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A"}))[1], "12");
+}
+
+TEST_F(Functions, BeatRenewsTheLeaseAndShowsTheCounters) {
+  call({"dp_hello", "0", "7.a", "7", "1000", "api", "host", "1", "v", "A on host"});
+  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7", "60000", "state", "running", "queued", "3"})).front(),
+            "1");
+  EXPECT_GT(std::stoi(server.cli({"PTTL", "dp:mgr:7:lease"})), 1000);
+  EXPECT_EQ(server.cli({"HGET", "dp:mgr:7", "queued"}), "3");
+  EXPECT_THAT(lines(call({"dp_beat", "0", "7.b", "7", "60000"})), ElementsAre("0", "A on host"));
+}
+
+TEST_F(Functions, WritersSilentForADayAreForgottenWhenANewOneAppears) {
+  set("old", "1", "0", "1", "", "A.f", "v1");
+  set("young", "1", "0", "1", "", "A.f", "v1");
+  server.cli({"ZADD", "dp:cli:use", "1000", "old"});
+  set("old2", "1", "0", "1", "", "A.f", "v1");
+  EXPECT_THAT(lines(server.cli({"HKEYS", "dp:cli"})), testing::UnorderedElementsAre("young", "old2"));
+}
+
+TEST_F(Functions, SnapGivesStatesAndTheSequenceTheyBelongTo) {
+  set("w", "1", "0", "1700", "", "A.f", "i0v3.5");
+  EXPECT_THAT(lines(call({"dp_snap", "0", "A.f", "No.such"})),
+              ElementsAre("2", "3.5", "0", "", "", "1700", "1700", "", "", "", "", "", ""));
+}
+
+TEST_F(Functions, SinceNamesEveryElementThatChangedOnce) {
+  set("w", "1", "0", "1", "", "A.f", "v1");
+  set("w", "2", "1", "2", "", "A.f", "v2");
+  EXPECT_THAT(lines(call({"dp_since", "0", "1"})), ElementsAre("3", "A.f", "2", "", "", "", "2", ""));
+  EXPECT_THAT(lines(call({"dp_since", "0", "3"})), ElementsAre("3"));
+}
+
+TEST_F(Functions, SinceSaysWhenTheLogDoesNotReachBack) {
+  set("w", "1", "0", "1", "", "A.f", "v1");
+  set("w", "2", "1", "2", "", "A.f", "v2");
+  server.cli({"XTRIM", "dp:log", "MAXLEN", "1"});
+  EXPECT_THAT(call({"dp_since", "0", "1"}), StartsWith("TRIMMED"));
+}
+
+TEST_F(Functions, PutLogsOnlyWhatIsNewOrOther) {
+  EXPECT_EQ(call({"dp_put", "0", "t", "A.f", "float", "A.x", "text"}), "1");
+  EXPECT_EQ(call({"dp_put", "0", "t", "A.x", "text"}), "0");
+  EXPECT_EQ(server.cli({"GET", "dp:seq"}), "2");
+}
+
+TEST_F(Functions, PutOfAnotherTypeDropsTheValueAndAnotherAddressDoesNot) {
+  set("w", "1", "0", "1", "", "A.f", "v1.5");
+  call({"dp_put", "0", "t", "A.f", "float a1 3:KELp/x"});
+  EXPECT_EQ(hash("A.f").front(), "1.5");
+  call({"dp_put", "0", "t", "A.f", "int a1 3:KELp/x"});
+  EXPECT_EQ(hash("A.f").front(), "");
+}
+
+TEST_F(Functions, DeleteRemovesEntryAndValueAndIsLogged) {
+  set("w", "1", "0", "1", "", "A.f", "v1.5");
+  EXPECT_EQ(call({"dp_del", "0", "t", "A.f", "No.such"}), "1");
+  EXPECT_EQ(server.cli({"EXISTS", "dp:d:A.f"}), "0");
+  const auto entry = lines(server.cli({"XREVRANGE", "dp:log", "+", "-", "COUNT", "1"}));
+  ASSERT_GE(entry.size(), 4U);
+  EXPECT_EQ(entry[1], "x");
+  EXPECT_EQ(entry[3], "A.f");
+}
+
+TEST_F(Functions, LargeChangeIsLoggedByNamesAlone) {
+  set("w", "1", "0", "1700", "", "A.f", "i01121v" + std::string(70000, '7'));
+  EXPECT_THAT(lines(server.cli({"XREVRANGE", "dp:log", "+", "-", "COUNT", "1"})),
+              ElementsAre("2-0", "S", "1700 w", "names", "i12v A.f"));
+  EXPECT_EQ(hash("A.f").front().size(), 70000U);
+}
+
+TEST_F(Functions, LogIsCutWhenItPassesItsBoundOfBytes) {
+  server.cli({"HSET", "dp:cfg", "logBytes", "2097152"});
+  const std::string text = "v" + std::string(60000, '7');
+  for (int i = 1; i <= 100; ++i) set("w", std::to_string(i), "0", "1700", "", "A.f", text);
+  const auto log = pvss::StoreAdmin(server.address()).logStatistics();
+  EXPECT_EQ(log.sequence, 101U);
+  EXPECT_EQ(log.boundBytes, 2097152U);
+  EXPECT_LE(log.bytes, 2097152U + 1048576U);
+  EXPECT_LE(log.entries, 52U);
+  EXPECT_GE(log.entries, 15U);
+  EXPECT_EQ(log.firstSequence, 101U - log.entries + 1) << "no holes";
+}
+
+TEST_F(Functions, LostCounterIsTakenUpWhereTheLogEnds) {
+  set("w", "1", "0", "1", "", "A.f", "v1");
+  server.cli({"DEL", "dp:seq"});
+  EXPECT_EQ(set("w", "2", "1", "1", "", "A.f", "v2"), "3");
+  EXPECT_EQ(server.cli({"GET", "dp:seq"}), "3");
+}
+
+TEST_F(Functions, ManagersAreListedWithTheirLease) {
+  call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A on host"});
+  const auto out = lines(call({"dp_managers", "0"}));
+  EXPECT_EQ(out[1], "7");
+  EXPECT_EQ(out.back(), "7.a");
+}
+
+TEST_F(Functions, TextsWithEveryByteSurvive) {
+  pvss::StoreAdmin admin(server.address());
+  pvss::StoreElement element;
+  element.name = "A.t";
+  element.type = DPELEMENT_TEXT;
+  element.addressType = 1;
+  element.driver = "KEL";
+  element.reference =
+      "plant/x\x1A"
+      "a 1 3:b";
+  admin.putElements({element});
+  const auto all = admin.listElements();
+  ASSERT_EQ(all.size(), 3U);
+  EXPECT_EQ(all[2], element);
+}
+
+}  // namespace

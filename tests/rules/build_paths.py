@@ -24,7 +24,7 @@ def include_folders(command, directory):
 
 def violations(top, build, commands, sdks=()):
     """(number of guarded units, one line for each include path that they should not have)"""
-    top, build = os.path.normpath(top), os.path.normpath(build)
+    top, build = os.path.abspath(top), os.path.abspath(build)
     allowed = {os.path.join(top, room) for room in GUARDED}
     for seam, sdk in zip(("pvss", "kel"), list(sdks) + ["", ""]):
         allowed.add(os.path.join(os.path.normpath(sdk) if sdk else os.path.join(top, seam), "include"))

@@ -63,6 +63,7 @@ class IncludeRule(unittest.TestCase):
             ("tests/unit/gateway/Bad.cpp", '#include "Core.h"\n'),
             ("bench/Bad.cpp", '#include "Core.h"\n'),
             ("Sources/Bad.cpp", '#include "nowhere.h"\n'),
+            ("Sources/Bad.cpp", '#include "Codec.h"\n'),
             ("tests/elsewhere/Bad.cpp", "\n"),
         ]
         for path, text in planted:

@@ -42,6 +42,15 @@ class KEL_SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
+/// Says that the mutex is held where the analysis cannot see it: in a lambda called under the lock.
+class KEL_SCOPED_CAPABILITY MutexHeld {
+ public:
+  explicit MutexHeld(Mutex& mutex) KEL_ACQUIRE(mutex) { static_cast<void>(mutex); }
+  ~MutexHeld() KEL_RELEASE() {}  // NOLINT(modernize-use-equals-default)
+  MutexHeld(const MutexHeld&) = delete;
+  MutexHeld& operator=(const MutexHeld&) = delete;
+};
+
 /// Waits with the mutex released and has it again on return; the caller loops on what it waits for.
 class Condition {
  public:

@@ -1,0 +1,45 @@
+#include "kel/Kel.h"
+
+#include <chrono>
+
+#include "Log.h"
+#include "session/Session.h"
+#include "transport/MakeTransport.h"
+
+namespace {
+
+std::int64_t systemNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+[[noreturn]] void refuse(const std::string& reason) {
+  kel::log(kel::LogLevel::error, reason);
+  throw KelException(reason);
+}
+
+}  // namespace
+
+KelFactory* Kel::create(const char* publisherName) {
+  return create(publisherName, KelOptions{});
+}
+
+KelFactory* Kel::create(const char* publisherName, const KelOptions& given) {
+  KelOptions options = given;
+  if (!options.wallClockNanoseconds) options.wallClockNanoseconds = systemNanoseconds;
+  std::string error;
+  const auto url = kel::chosenUrl(options.url, error);
+  if (!url) refuse(error);
+  std::string incarnation = options.incarnation.empty() ? kel::randomIncarnation() : options.incarnation;
+  if (incarnation.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") !=
+      std::string::npos) {
+    refuse("an incarnation may hold letters and digits only");
+  }
+  std::string name = publisherName == nullptr ? "" : publisherName;
+  if (name.empty()) name = "unnamed-" + incarnation;
+  if (!kel::encodeTopicName(name, error)) refuse("no publisher can be called '" + name + "': " + error);
+  auto transport = kel::makeTransport(*url, error);
+  if (!transport) refuse(error);
+  return new kel::Session(std::move(name), std::move(incarnation), *url, options, std::move(transport));
+}

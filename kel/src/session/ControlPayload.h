@@ -1,0 +1,61 @@
+// What presence and claims carry: Sparkplug payloads like records, with plain metrics.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kel/KelBrowser.h"
+#include "kel/KelCounters.h"
+#include "wire/Topics.h"
+
+namespace kel {
+
+/// A claim on a publication's name.
+struct ClaimPayload {
+  PublisherId publisher;
+  bool owner = false;  ///< it is published by an owner that defends its name, not by one that asks for it
+  std::int64_t attempt = 0;  ///< which of its publisher's claims this is
+};
+[[nodiscard]] std::string encodeClaim(const ClaimPayload& claim, std::int64_t timestampMs);
+[[nodiscard]] std::optional<ClaimPayload> decodeClaim(std::string_view payload);
+
+/// The presence of one process run.
+struct PresencePayload {
+  PublisherId publisher;
+  std::string host;
+  std::int64_t process = 0;
+  std::int64_t startedNanoseconds = 0;
+  KelCounters counters;
+};
+[[nodiscard]] std::string encodePresence(const PresencePayload& presence, std::int64_t timestampMs);
+/// Fills what the payload says; false when it is not a presence.
+bool decodePresence(std::string_view payload, KelPublisherInfo& info);
+
+/// Every counter by its name in KelCounters.
+struct CounterName {
+  const char* name;
+  std::int64_t KelCounters::*counter;
+};
+inline constexpr CounterName counterNames[] = {
+    {"received", &KelCounters::received},
+    {"resends", &KelCounters::resends},
+    {"delivered", &KelCounters::delivered},
+    {"superseded", &KelCounters::superseded},
+    {"repeated", &KelCounters::repeated},
+    {"decodeErrors", &KelCounters::decodeErrors},
+    {"discarded", &KelCounters::discarded},
+    {"held", &KelCounters::held},
+    {"pending", &KelCounters::pending},
+    {"gaps", &KelCounters::gaps},
+    {"sends", &KelCounters::sends},
+    {"acknowledged", &KelCounters::acknowledged},
+    {"refused", &KelCounters::refused},
+    {"outgoingSuperseded", &KelCounters::outgoingSuperseded},
+    {"outgoingPending", &KelCounters::outgoingPending},
+    {"listenerExceptions", &KelCounters::listenerExceptions},
+    {"reconnects", &KelCounters::reconnects},
+};
+
+}  // namespace kel

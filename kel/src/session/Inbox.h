@@ -1,0 +1,96 @@
+// Inbox: the subscribing side of a session.
+//
+// Keeps one entry per subscribed topic, however many subscriptions it has, and decides what of the arriving
+// messages becomes a callback:
+//   - a record counts from the moment that its publisher's process run is known to be alive; until then the
+//     newest one is held;
+//   - `connected` comes before the record that it announces, `disconnected` when the publication is closed,
+//   its
+//     publisher is gone, it has no value, or the own link is lost;
+//   - what arrives twice is dropped, by the publisher's own count.
+// Not thread-safe: under the session's lock. Callbacks go through the dispatcher.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kel/KelCounters.h"
+#include "kel/KelFactory.h"
+#include "session/SessionPorts.h"
+
+namespace kel {
+
+enum class SubscriptionState : std::uint8_t { waiting, connected, connectedForeign };
+[[nodiscard]] const char* stateName(SubscriptionState state);
+
+struct InboxTopic;
+
+/// One subscription: the application's handle and the dispatcher's target.
+class SubscriptionHandle final : public KelSubscription,
+                                 public Target,
+                                 public std::enable_shared_from_this<SubscriptionHandle> {
+ public:
+  using Resend = std::function<void(SubscriptionHandle&)>;
+  SubscriptionHandle(std::string name, KelSubscriptionListener* listener, Resend resend)
+      : name_(std::move(name)), listener_(listener), resend_(std::move(resend)) {}
+
+  void requestResend() override { resend_(*this); }
+  [[nodiscard]] const char* getTopicName() const override { return name_.c_str(); }
+  void deliver(const Event& event) override;
+
+  [[nodiscard]] const std::string& name() const { return name_; }
+  InboxTopic* topic = nullptr;  ///< under the session's lock; null for an impossible name
+
+ private:
+  const std::string name_;
+  KelSubscriptionListener* const listener_;
+  const Resend resend_;
+};
+
+class Inbox {
+ public:
+  explicit Inbox(SessionPorts& ports);
+  ~Inbox();
+  Inbox(const Inbox&) = delete;
+  Inbox& operator=(const Inbox&) = delete;
+
+  void add(const std::shared_ptr<SubscriptionHandle>& handle);
+  void remove(SubscriptionHandle& handle);
+  void resend(SubscriptionHandle& handle);
+
+  void linkUp();
+  void linkDown(std::string_view reason);
+  /// `error` is empty or says why the payload is not a record. A null record without error: the topic is
+  /// closed.
+  void message(std::string_view topic, std::shared_ptr<Record> record, const std::string& error);
+  /// The broker refused the subscription.
+  void refused(std::string_view topic, std::string_view failure);
+  void peerAlive(std::string_view peer);
+  /// `withdrawn`: it said so itself, or the broker for it; otherwise it was only not heard of in time.
+  void peerGone(std::string_view peer, std::string_view reason, bool withdrawn);
+
+  [[nodiscard]] KelCounters total() const { return total_; }
+  /// Adds the receiving counters of one publication.
+  void addCounters(std::string_view publication, KelCounters& counters) const;
+
+ private:
+  using Topic = InboxTopic;
+  void count(Topic& topic, std::int64_t KelCounters::*counter, std::int64_t number = 1);
+  void arrived(Topic& topic, std::shared_ptr<Record> record);
+  void hold(Topic& topic, std::shared_ptr<Record> record);
+  void discardHeld(Topic& topic);
+  void take(Topic& topic, const std::shared_ptr<Record>& record);
+  bool inSequence(Topic& topic, const Record& record, bool first);
+  void closed(Topic& topic);
+  void disconnect(Topic& topic, std::string_view reason);
+  void complain(Topic& topic, const std::string& error);
+
+  SessionPorts& ports_;
+  TextMap<std::unique_ptr<Topic>> topics_;
+  KelCounters total_;
+};
+
+}  // namespace kel

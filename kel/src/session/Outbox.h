@@ -1,0 +1,147 @@
+// Outbox: the publishing side of a session.
+//
+// Each publication name is claimed before anything is published under it: claim, wait for the own echo; a
+// live claim seen earlier wins. The owner publishes records through a window of unacknowledged messages; the
+// others keep their last record and take over when the owner is gone. Records wait in a bounded queue, the
+// newest of each publication always kept. Not thread-safe: under the session's lock. Callbacks go through the
+// dispatcher.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kel/KelCounters.h"
+#include "kel/KelFactory.h"
+#include "session/ControlPayload.h"
+#include "session/SessionPorts.h"
+#include "wire/RecordCodec.h"
+
+namespace kel {
+
+enum class PublicationState : std::uint8_t {
+  unclaimed,  ///< no link, or the group is not known yet
+  claiming,   ///< asked for the name; the own echo is not back
+  owner,      ///< publishes
+  waiting,    ///< another live publisher has the name, or this publisher's own name
+};
+[[nodiscard]] const char* stateName(PublicationState state);
+
+struct OutgoingRecord {
+  std::size_t bytes = 0;
+  bool droppable = true;  ///< always; lanes want to know
+  bool counted = true;    ///< false for the last record that goes out again
+  std::shared_ptr<const std::string> payload;
+};
+
+struct OutboxName;
+
+/// One publication: the application's handle, the dispatcher's target and the owner of a lane of records.
+class PublicationHandle final : public KelPublication,
+                                public std::enable_shared_from_this<PublicationHandle> {
+ public:
+  class Sender {
+   public:
+    virtual ~Sender() = default;
+    virtual void send(PublicationHandle& handle, const KelData& data, const KelTimestamp& time) = 0;
+    virtual void declareBad(PublicationHandle& handle, const char* reason) = 0;
+  };
+  PublicationHandle(std::string publication, KelPublicationErrorHandler* handler, Sender& sender);
+
+  [[nodiscard]] const char* getTopicName() const override { return publication_.c_str(); }
+  void send(const KelData& data, const KelTimestamp& timestamp) override {
+    sender_.send(*this, data, timestamp);
+  }
+  void declareBad(const char* reason) override { sender_.declareBad(*this, reason); }
+
+  [[nodiscard]] const std::string& publication() const { return publication_; }
+  [[nodiscard]] const std::shared_ptr<Target>& target() const { return target_; }
+
+  // Under the session's lock.
+  OutboxName* name = nullptr;  ///< null for an impossible name
+  Lane<OutgoingRecord> lane;
+  std::shared_ptr<const std::string> last;  ///< the last payload, sent or not
+  std::size_t fieldsBegin = 0;              ///< of the last sent fields in it
+  std::size_t fieldsEnd = 0;
+  bool everSent = false;  ///< send() was called, not only declareBad()
+  bool refusalTold = false;
+
+ private:
+  const std::string publication_;
+  Sender& sender_;
+  std::shared_ptr<Target> target_;
+};
+
+class Outbox {
+ public:
+  Outbox(SessionPorts& ports, std::size_t mostRecords, std::size_t mostBytes);
+  ~Outbox();
+  Outbox(const Outbox&) = delete;
+  Outbox& operator=(const Outbox&) = delete;
+
+  void add(const std::shared_ptr<PublicationHandle>& handle);
+  void remove(PublicationHandle& handle);
+  /// Takes a record that is complete but for its count.
+  void send(PublicationHandle& handle, EncodedRecord record, bool isGood);
+  /// The header of a bad declaration made now.
+  [[nodiscard]] EncodedRecord badRecord(PublicationHandle& handle, std::string_view reason) const;
+
+  /// Everybody in the group is known; these others came earlier under this publisher's name.
+  void groupKnown(const std::vector<std::string>& earlierUnderName);
+  void linkDown();
+  void claimMessage(std::string_view publication, std::string_view payload, bool retained);
+  /// The broker has answered the subscription to this topic; `failure` is empty or says why not.
+  void subscribed(std::string_view topic, std::string_view failure);
+  void peerAlive(std::string_view peer);
+  void peerGone(std::string_view peer);
+  void tick();
+  /// False when the token is none of this side's.
+  bool published(std::uint64_t token, std::string_view failure);
+
+  [[nodiscard]] bool idle() const { return total_.outgoingPending == 0; }
+  [[nodiscard]] KelCounters total() const { return total_; }
+  void addCounters(std::string_view publication, KelCounters& counters) const;
+
+ private:
+  using Name = OutboxName;
+  struct InFlight {
+    std::shared_ptr<PublicationHandle> handle;
+    OutgoingRecord record;
+    bool done = false;
+  };
+  void count(Name& name, std::int64_t KelCounters::*counter, std::int64_t number = 1);
+  void superseded(Name& name, const OutgoingRecord& record);
+  void removeName(Name& name);
+
+  void claim(Name& name, std::string_view cause);
+  void publishClaim(Name& name, bool owner);
+  void decide(Name& name);
+  void becomeOwner(Name& name);
+  void lose(Name& name, std::string_view winner, bool confirmed, std::string_view cause);
+  void otherClaim(Name& name, const ClaimPayload& claim);
+  void tellLoss(Name& name);
+  void tell(const PublicationHandle& handle, const std::string& text);
+  void activate(Name& name, bool resendLast);
+  void publishClosed(Name& name);
+  void publishControl(const std::string& topic, std::string payload);
+  void pump();
+
+  SessionPorts& ports_;
+  bool online_ = false;  ///< the group is known
+  std::set<std::string, std::less<>> earlierUnderName_;
+  TextMap<std::unique_ptr<Name>> names_;  ///< by coded name
+  FairQueue<OutgoingRecord, PublicationHandle> queue_;
+  std::deque<InFlight> inFlight_;
+  std::uint64_t firstInFlight_ = 1;  ///< token of the front
+  std::uint64_t nextControl_ = 1;
+  std::int64_t nextAttempt_ = 1;
+  KelCounters total_;
+};
+
+/// Tokens of messages that are not records have this bit.
+inline constexpr std::uint64_t controlToken = std::uint64_t{1} << 63U;
+
+}  // namespace kel

@@ -1,0 +1,438 @@
+#include "session/Session.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <utility>
+
+#include "data/RecordAccess.h"
+#include "session/Transition.h"
+#include "wire/RecordCodec.h"
+
+namespace kel {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds presencePause{50};  // answers to many probes become one
+constexpr milliseconds probePause{100};
+constexpr milliseconds longestTick{500};
+constexpr std::chrono::seconds withdrawalLimit{1};
+constexpr std::uint64_t withdrawalToken = ~std::uint64_t{0};
+constexpr std::uint64_t presenceToken = withdrawalToken - 1;
+
+std::string hostName() {
+  std::array<char, 256> name{};
+  if (gethostname(name.data(), name.size() - 1) != 0) return "unknown";
+  return name.data();
+}
+
+std::string codedOrEmpty(const std::string& name) {
+  std::string error;
+  return encodeTopicName(name, error).value_or("");
+}
+
+}  // namespace
+
+const char* stateName(LinkState state) {
+  switch (state) {
+    case LinkState::down:
+      return "down";
+    case LinkState::connecting:
+      return "connecting";
+    case LinkState::syncing:
+      return "syncing";
+    case LinkState::synced:
+      return "synced";
+  }
+  return "?";
+}
+
+Session::Session(std::string publisherName, std::string incarnation, const KelUrl& url,
+                 const KelOptions& options, std::unique_ptr<KelTransport> transport)
+    : address_(url.describe()),
+      codedName_(codedOrEmpty(publisherName)),
+      host_(hostName()),
+      startedNanoseconds_(options.wallClockNanoseconds()),
+      transport_(std::move(transport)),
+      dispatcher_(options.handOffRecords, options.handOffBytes),
+      subscribes_(*transport_),
+      ports_{*transport_,
+             dispatcher_,
+             peers_,
+             subscribes_,
+             TopicSpace(url.group),
+             PublisherId{std::move(publisherName), std::move(incarnation)},
+             url.qos,
+             options.wallClockNanoseconds,
+             {}},
+      inbox_(ports_),
+      outbox_(ports_, options.outgoingRecords, options.outgoingBytes) {
+  {
+    const MutexLock lock(mutex_);
+    transition(link_, LinkState::connecting, "link", "created");
+  }
+  TransportIdentity identity;
+  identity.clientId = codedName_.substr(0, 100) + "-" + ports_.self.incarnation;
+  identity.will.topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
+  identity.will.payload = std::make_shared<const std::string>();
+  transport_->start(*this, identity);
+}
+
+Session::~Session() {
+  close();
+}
+
+void Session::close() {
+  bool clean = false;
+  {
+    const MutexLock lock(mutex_);
+    closing_ = true;
+    if (link_ == LinkState::syncing || link_ == LinkState::synced) {
+      const auto limit = std::chrono::steady_clock::now() + withdrawalLimit;
+      clean = publishPresence(false);
+      ++flushing_;
+      while (clean && !withdrawn_ && flushed_.waitUntil(mutex_, limit)) {
+      }
+      --flushing_;
+      clean = clean && withdrawn_;
+    }
+  }
+  // What could not be withdrawn in words is withdrawn by the will.
+  transport_->stop(clean);
+  dispatcher_.stop();
+  const MutexLock lock(mutex_);
+  transition(link_, LinkState::down, "link", "closed");
+}
+
+// ---- The application's side
+// ------------------------------------------------------------------------------------
+
+KelSubscription* Session::createSubscription(const char* publication, KelSubscriptionListener* listener) {
+  const std::string name = publication == nullptr ? "" : publication;
+  auto handle =
+      std::make_shared<SubscriptionHandle>(name, listener, [this](SubscriptionHandle& subscription) {
+        const MutexLock lock(mutex_);
+        inbox_.resend(subscription);
+      });
+  const MutexLock lock(mutex_);
+  subscriptions_.emplace(handle.get(), handle);
+  inbox_.add(handle);
+  return handle.get();
+}
+
+void Session::releaseSubscription(KelSubscription* subscription) {
+  std::shared_ptr<SubscriptionHandle> handle;
+  {
+    const MutexLock lock(mutex_);
+    const auto at = subscriptions_.find(subscription);
+    if (at == subscriptions_.end()) return;
+    handle = std::move(at->second);
+    subscriptions_.erase(at);
+    inbox_.remove(*handle);
+  }
+  dispatcher_.cancel(*handle);
+}
+
+KelPublication* Session::createPublication(const char* publication, KelPublicationErrorHandler* handler) {
+  const std::string name = publication == nullptr ? "" : publication;
+  PublicationHandle::Sender& sender = *this;
+  auto handle = std::make_shared<PublicationHandle>(name, handler, sender);
+  const MutexLock lock(mutex_);
+  publications_.emplace(handle.get(), handle);
+  outbox_.add(handle);
+  return handle.get();
+}
+
+void Session::destroyPublication(KelPublication* publication) {
+  std::shared_ptr<PublicationHandle> handle;
+  {
+    const MutexLock lock(mutex_);
+    const auto at = publications_.find(publication);
+    if (at == publications_.end()) return;
+    handle = std::move(at->second);
+    publications_.erase(at);
+    outbox_.remove(*handle);
+    wakeFlush();
+  }
+  dispatcher_.cancel(*handle->target());
+}
+
+KelData* Session::createData() {
+  return new KelData();
+}
+
+void Session::send(PublicationHandle& handle, const KelData& data, const KelTimestamp& time) {
+  const std::string self = ports_.self.text();
+  EncodedRecord encoded = encodeRecord(RecordAccess::record(data), RecordHeader{1, time, self, {}});
+  const MutexLock lock(mutex_);
+  outbox_.send(handle, std::move(encoded), true);
+}
+
+void Session::declareBad(PublicationHandle& handle, const char* reason) {
+  const MutexLock lock(mutex_);
+  if (handle.name == nullptr) return;
+  outbox_.send(handle, outbox_.badRecord(handle, reason == nullptr ? "" : reason), false);
+}
+
+bool Session::flush(milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  const MutexLock lock(mutex_);
+  ++flushing_;
+  while (!outbox_.idle() && flushed_.waitUntil(mutex_, end)) {
+  }
+  --flushing_;
+  return outbox_.idle();
+}
+
+void Session::wakeFlush() {
+  if (flushing_ > 0) flushed_.notifyAll();
+}
+
+KelCounters Session::countersLocked() const {
+  KelCounters counters = inbox_.total();
+  const KelCounters sending = outbox_.total();
+  counters.sends = sending.sends;
+  counters.acknowledged = sending.acknowledged;
+  counters.refused = sending.refused;
+  counters.outgoingSuperseded = sending.outgoingSuperseded;
+  counters.outgoingPending = sending.outgoingPending;
+  const HandOffTally handOff = dispatcher_.total();
+  counters.delivered += handOff.delivered;
+  counters.superseded += handOff.superseded;
+  counters.discarded += handOff.discarded;
+  counters.pending += handOff.pending;
+  counters.listenerExceptions = handOff.exceptions;
+  counters.reconnects = reconnects_;
+  return counters;
+}
+
+KelCounters Session::counters() const {
+  const MutexLock lock(mutex_);
+  return countersLocked();
+}
+
+KelCounters Session::counters(const char* publication) const {
+  KelCounters counters;
+  if (publication == nullptr) return counters;
+  const MutexLock lock(mutex_);
+  inbox_.addCounters(publication, counters);
+  outbox_.addCounters(publication, counters);
+  return counters;
+}
+
+// ---- The transport's side
+// --------------------------------------------------------------------------------------
+
+void Session::up() {
+  const MutexLock lock(mutex_);
+  if (closing_) return;
+  if (everUp_) ++reconnects_;
+  if (!std::exchange(everUp_, true)) log(LogLevel::info, "connected to " + address_);
+  transition(link_, LinkState::syncing, "link", "up");
+  peers_.clear("link up");
+  subscribes_.linkUp();
+  subscribes_.request(ports_.topics.allPublishers(), 1);
+  subscribes_.request(ports_.topics.probe(), 1);
+  publishPresence(true);
+  inbox_.linkUp();
+}
+
+void Session::down(std::string_view reason) {
+  const MutexLock lock(mutex_);
+  if (closing_) return;
+  // The transport tells people about outages; here it is only a change of state.
+  if (link_ == LinkState::connecting) return;
+  transition(link_, LinkState::connecting, "link", reason);
+  subscribes_.linkDown();
+  peers_.clear("link down");
+  inbox_.linkDown("the link to the broker is lost: " + std::string(reason));
+  outbox_.linkDown();
+  wakeFlush();
+}
+
+void Session::message(std::string_view topic, std::string_view payload, bool retained) {
+  if (ports_.topics.isData(topic)) {
+    dataMessage(topic, payload);
+    return;
+  }
+  const auto parsed = ports_.topics.parse(topic);
+  if (!parsed) return;
+  const MutexLock lock(mutex_);
+  if (closing_ || (link_ != LinkState::syncing && link_ != LinkState::synced)) return;
+  switch (parsed->kind) {
+    case TopicKind::publisher:
+      presenceMessage(*parsed, payload, retained);
+      break;
+    case TopicKind::claim:
+      claimMessage(*parsed, payload, retained);
+      break;
+    case TopicKind::probe:
+      if (payload != ports_.self.text()) presenceDue_ = true;
+      if (presenceDue_ && ports_.now - presenceSent_ >= presencePause) publishPresence(true);
+      break;
+    case TopicKind::data:
+      break;
+  }
+}
+
+void Session::dataMessage(std::string_view topic, std::string_view payload) {
+  DecodedRecord decoded;
+  if (!payload.empty()) decoded = decodeRecord(payload);
+  if (decoded.record && !decoded.record->hasTime) {
+    // Nobody else has it yet, so it may still be completed: who gives no time is taken to speak of now.
+    decoded.record->time = KelTimestamp(ports_.wallClockNanoseconds());
+  }
+  const MutexLock lock(mutex_);
+  if (closing_) return;
+  inbox_.message(topic, std::move(decoded.record), decoded.error);
+}
+
+void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload, bool retained) {
+  if (topic.incarnation == ports_.self.incarnation) {
+    ownPresence(payload.empty(), retained);
+    return;
+  }
+  const std::string peer = topic.name + "/" + topic.incarnation;
+  if (payload.empty()) {
+    peerGone(peer, "publisher " + topic.name + " is gone", true);
+  } else {
+    peerSeen(peer, retained);
+  }
+}
+
+void Session::ownPresence(bool withdrawn, bool retained) {
+  if (withdrawn) {
+    // The will of a former link of this very process, late.
+    if (!retained) publishPresence(true);
+  } else if (!retained && link_ == LinkState::syncing) {
+    groupKnown();
+  }
+}
+
+void Session::groupKnown() {
+  transition(link_, LinkState::synced, "link", "the own presence came back");
+  probeDue_ = peers_.anyUnconfirmed();
+  if (probeDue_) publishProbe();
+  outbox_.groupKnown(peers_.named(ports_.self.name));
+}
+
+void Session::peerSeen(const std::string& peer, bool retained) {
+  const PeerTable::Change change = peers_.sawPresence(peer, retained, ports_.now);
+  if (!change.changed) return;
+  if (change.state == PeerState::alive) {
+    inbox_.peerAlive(peer);
+    outbox_.peerAlive(peer);
+  } else if (link_ == LinkState::synced) {
+    probeDue_ = true;
+    if (ports_.now - probeSent_ >= probePause) publishProbe();
+  }
+}
+
+void Session::peerGone(const std::string& peer, std::string_view reason, bool withdrawn) {
+  const bool known = peers_.remove(peer, reason);
+  if (!known && !withdrawn) return;
+  inbox_.peerGone(peer, reason, withdrawn);
+  if (known) outbox_.peerGone(peer);
+}
+
+void Session::claimMessage(const ParsedTopic& topic, std::string_view payload, bool retained) {
+  if (!retained && !payload.empty()) {
+    // Who claims, lives.
+    const auto claim = decodeClaim(payload);
+    if (claim && claim->publisher.incarnation != ports_.self.incarnation)
+      peerSeen(claim->publisher.text(), false);
+  }
+  outbox_.claimMessage(topic.name, payload, retained);
+}
+
+bool Session::publishPresence(bool alive) {
+  OutgoingMessage message;
+  message.topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
+  std::string payload;
+  if (alive) {
+    PresencePayload presence;
+    presence.publisher = ports_.self;
+    presence.host = host_;
+    presence.process = getpid();
+    presence.startedNanoseconds = startedNanoseconds_;
+    presence.counters = countersLocked();
+    payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
+    message.expirySeconds = static_cast<std::uint32_t>(2 * transport_->keepAlive().count());
+    presenceSent_ = ports_.now;
+    presenceDue_ = false;
+  }
+  message.payload = std::make_shared<const std::string>(std::move(payload));
+  return transport_->publish(message, alive ? presenceToken : withdrawalToken);
+}
+
+void Session::publishProbe() {
+  OutgoingMessage message;
+  message.topic = ports_.topics.probe();
+  message.payload = std::make_shared<const std::string>(ports_.self.text());
+  message.retain = false;
+  probeSent_ = ports_.now;
+  probeDue_ = false;
+  transport_->publish(message, presenceToken);
+}
+
+void Session::published(std::uint64_t token, std::string_view failure) {
+  const MutexLock lock(mutex_);
+  if (token == withdrawalToken) {
+    withdrawn_ = true;
+  } else {
+    outbox_.published(token, failure);
+  }
+  wakeFlush();
+}
+
+void Session::subscribed(std::uint64_t token, std::string_view failure) {
+  const MutexLock lock(mutex_);
+  const std::string filter = subscribes_.answered(token);
+  if (filter.empty() || closing_) return;
+  if (ports_.topics.isData(filter)) {
+    if (!failure.empty()) inbox_.refused(filter, failure);
+  } else if (filter == ports_.topics.allPublishers() || filter == ports_.topics.probe()) {
+    if (!failure.empty()) {
+      log(LogLevel::error, "the broker refused the subscription to " + filter + ": " + std::string(failure) +
+                               "; without it nothing can be received or published");
+    }
+  } else {
+    outbox_.subscribed(filter, failure);
+  }
+}
+
+void Session::noteStall(std::chrono::steady_clock::time_point now) {
+  // Who was not running could not hear anybody: it must not take everybody for gone before it has read what
+  // waits.
+  const auto pause = now - ports_.now;
+  if (!std::exchange(ticked_, true)) {
+    // What came before the clock's first word came at its first word.
+    peers_.forgive(pause);
+    presenceSent_ += pause;
+    probeSent_ += pause;
+  } else if (pause > longestTick) {
+    peers_.forgive(pause);
+  }
+  ports_.now = now;
+}
+
+void Session::tick(std::chrono::steady_clock::time_point now) {
+  const MutexLock lock(mutex_);
+  noteStall(now);
+  if (closing_ || (link_ != LinkState::syncing && link_ != LinkState::synced)) return;
+  const auto keepAlive = transport_->keepAlive();
+  const auto sincePresence = now - presenceSent_;
+  if (sincePresence >= keepAlive / 2 || (presenceDue_ && sincePresence >= presencePause))
+    publishPresence(true);
+  for (const std::string& peer : peers_.expire(now, 2 * keepAlive)) {
+    const auto id = PublisherId::parse(peer);
+    const std::string reason = "publisher " + (id ? id->name : peer) + " was not heard of in time";
+    inbox_.peerGone(peer, reason, false);
+    outbox_.peerGone(peer);
+  }
+  if (probeDue_ && now - probeSent_ >= probePause) publishProbe();
+  outbox_.tick();
+}
+
+}  // namespace kel

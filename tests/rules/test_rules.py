@@ -6,6 +6,7 @@ import unittest
 
 import build_paths
 import include_rule
+import messages
 
 CLEAN = {
     "PlatformDependant/SString.h": "#include <string>\n",
@@ -96,6 +97,40 @@ class BuildPaths(unittest.TestCase):
 
     def test_other_rooms_are_not_judged(self):
         self.assertEqual((0, []), self.judge("kel", "-I/r/kel/src"))
+
+
+class Messages(unittest.TestCase):
+    SOURCE = """constexpr runtime::Report<const char*> bad{"Unit", 17,
+                       "It is \\"%s\\"\\n"};
+constexpr runtime::Notice<> made{"Unit", "Made " "it\\n"};
+constexpr const char* someReason =
+    "%lu of them";"""
+    PAGE = """## Error reports
+| Unit | Number | Text | Cause | What to do |
+|---|---|---|---|---|
+| Unit | 17 | `It is "%s"` | why | this |
+## Informational lines
+| Unit | `Made it` | meaning |
+## Reasons of bad publications
+| `%lu of them` | cause | remedy |
+"""
+
+    def differences(self, source, page):
+        return messages.differences({"Unit.cpp": source}, page)
+
+    def test_a_page_that_lists_all_has_no_difference(self):
+        self.assertEqual((3, []), self.differences(self.SOURCE, self.PAGE))
+
+    def test_each_planted_difference_is_found(self):
+        planted = [(self.SOURCE.replace("17", "18"), self.PAGE, 2), (self.SOURCE.replace("It is", "It was"), self.PAGE, 2),
+                   (self.SOURCE.replace("Made", "Maid"), self.PAGE, 2), (self.SOURCE.replace("lu of", "lu in"), self.PAGE, 2),
+                   (self.SOURCE + 'constexpr runtime::Invariant extra{"Unit", 3, "x > 0"};', self.PAGE, 1),
+                   (self.SOURCE, self.PAGE + "| `nowhere said` | cause | remedy |\n", 1),
+                   (self.SOURCE + 'std::printf("so");', self.PAGE, 1), (self.SOURCE + "std::cout << 1;", self.PAGE, 1),
+                   (self.SOURCE, self.PAGE.replace("| this |", "| |"), 2)]
+        for source, page, count in planted:
+            with self.subTest(source=source, page=page):
+                self.assertEqual(count, len(self.differences(source, page)[1]))
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@ import sys
 DECLARATION = re.compile(r'runtime::(Report|Notice|Invariant)(?:<[^>]*>)?\s+\w+\s*(?:=\s*)?\{((?:[^{}"]|"(?:\\.|[^"\\])*")*)\}')
 REASON = re.compile(r'constexpr const char\* some\w+ =\s*((?:"(?:\\.|[^"\\])*"\s*)+);')
 TEXT = re.compile(r'"((?:\\.|[^"\\])*)"')
-ELSEWHERE = re.compile(r'\b(printf|fprintf|puts|fputs|putchar|fwrite|write|cout|cerr|clog)\b\s*(\(|<<)')
+ELSEWHERE = re.compile(r'\b(printf|fprintf|puts|fputs|putchar|fwrite|cout|cerr|clog)\b\s*(\(|<<)')
 ROW = re.compile(r'^\|(.*)\|$')
 SECTIONS = {"Error reports": ("Report", 5), "Informational lines": ("Notice", 3), "Broken invariants": ("Invariant", 4),
             "Reasons of bad publications": ("Reason", 3)}

@@ -72,6 +72,7 @@ class GroupListener final : public TransportListener {
     const MutexLock lock(mutex_);
     reason_ = reason;
   }
+  void unreachable(std::string_view reason) override { down(reason); }
   void published(std::uint64_t /*token*/, std::string_view failure) override {
     noteRefusal("the probe", failure);
   }

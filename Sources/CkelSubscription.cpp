@@ -50,10 +50,37 @@ CkelSubscription::~CkelSubscription() {
 
 // --- Kel threads
 
-template <typename Action>
-void CkelSubscription::reportingExceptions(Action action) const {
+void CkelSubscription::handleMessage(KelSubscription* /*handle*/, KelData& data) {
   try {
-    action();
+    takeRecord(data);
+  } catch (...) {
+    reportCaughtException();
+  }
+}
+
+void CkelSubscription::disconnected(KelSubscription* /*handle*/, char* /*reason*/) {
+  connectedToPublication = false;
+  try {
+    updateValidityOfMappedDPEs();
+  } catch (...) {
+    reportCaughtException();
+  }
+}
+
+void CkelSubscription::connected(KelSubscription* /*handle*/) {
+  connectedToPublication = true;
+  try {
+    updateValidityOfMappedDPEs();
+  } catch (...) {
+    reportCaughtException();
+  }
+}
+
+void CkelSubscription::handleException(KelSubscription* /*handle*/, KelException& /*exception*/) {}
+
+void CkelSubscription::reportCaughtException() const {
+  try {
+    throw;
   } catch (const std::runtime_error& error) {
     runtime::report(runtimeErrorThrown, error.what());
   } catch (...) {
@@ -61,38 +88,24 @@ void CkelSubscription::reportingExceptions(Action action) const {
   }
 }
 
-void CkelSubscription::handleMessage(KelSubscription* /*handle*/, KelData& data) {
-  reportingExceptions([this, &data] {
-    mustGetLastPubValueFlag = false;
-    if (data.getQuality() == noQuality) {
-      return;
+void CkelSubscription::takeRecord(KelData& data) {
+  mustGetLastPubValueFlag = false;
+  if (data.getQuality() == noQuality) {
+    return;
+  }
+  auto list = std::make_unique<DpIdValueList>();
+  {
+    const SmutexGuard guard(lock);
+    recordPassedUnmapped = recordPassedUnmapped || tagMappings.empty();
+    for (CkelDataMapping* const mapping : tagMappings) {
+      mapping->addValueToList(data, *list);
     }
-    auto list = std::make_unique<DpIdValueList>();
-    {
-      const SmutexGuard guard(lock);
-      recordPassedUnmapped = recordPassedUnmapped || tagMappings.empty();
-      for (CkelDataMapping* const mapping : tagMappings) {
-        mapping->addValueToList(data, *list);
-      }
-      for (CkelDataMapping* const mapping : tagMappings) {
-        mapping->addValueValidityStatusToList(*list);
-      }
+    for (CkelDataMapping* const mapping : tagMappings) {
+      mapping->addValueValidityStatusToList(*list);
     }
-    sendListOfUpdatesToPVSS(std::move(list), data.getTimestamp().timeNanoseconds / nsPerMs);
-  });
+  }
+  sendListOfUpdatesToPVSS(std::move(list), data.getTimestamp().timeNanoseconds / nsPerMs);
 }
-
-void CkelSubscription::disconnected(KelSubscription* /*handle*/, char* /*reason*/) {
-  connectedToPublication = false;
-  reportingExceptions([this] { updateValidityOfMappedDPEs(); });
-}
-
-void CkelSubscription::connected(KelSubscription* /*handle*/) {
-  connectedToPublication = true;
-  reportingExceptions([this] { updateValidityOfMappedDPEs(); });
-}
-
-void CkelSubscription::handleException(KelSubscription* /*handle*/, KelException& /*exception*/) {}
 
 void CkelSubscription::updateValidityOfMappedDPEs() {
   auto list = std::make_unique<DpIdValueList>();

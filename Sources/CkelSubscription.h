@@ -48,11 +48,14 @@ class CkelSubscription : public KelSubscriptionListener {
   void requestLastPublishedValue() { subscription->requestResend(); }
   [[nodiscard]] const CharString& getPubName() const { return publication; }
 
+ protected:
+  /// Reports the exception that is being handled.
+  void reportCaughtException() const;
+
  private:
   friend class CkelDataMapping;  // what it shows to Kel threads changes under the lock
 
-  template <typename Action>
-  void reportingExceptions(Action action) const;
+  void takeRecord(KelData& data) RUNTIME_EXCLUDES(lock);
   void updateValidityOfMappedDPEs() RUNTIME_EXCLUDES(lock);
   void sendListOfUpdatesToPVSS(std::unique_ptr<DpIdValueList> list, std::int64_t ms) const;
 

@@ -1,0 +1,263 @@
+// The wrapper base, the value fetch and the two mappings' base; the publisher's wrapper.
+#include <pvss/BitVar.h>
+#include <pvss/DpMsgAnswer.h>
+#include <pvss/IntegerVar.h>
+
+#include "Gateway.h"
+#include "mapping.h"
+#include "pubDpeWrapper.h"
+
+namespace gateway_test {
+namespace {
+
+using DpeWrapper = Gateway;
+using PubDpeWrapper = Gateway;
+
+class PlainWrapper : public CsimpleDPEWrapper {
+ public:
+  explicit PlainWrapper(const CharString& dpeName) : CsimpleDPEWrapper(dpeName) {}
+  [[nodiscard]] const CharString getDPESourceName() const override { return "original"; }
+  [[nodiscard]] const CharString getValidAttribName() const override { return "exp_inv"; }
+  [[nodiscard]] const DpIdentifier& valueId() const { return dpId_value; }
+  [[nodiscard]] const DpIdentifier& invalidId() const { return dpId_invalid; }
+};
+
+class PublisherWrapper : public CpubDpeWrapper {
+ public:
+  using CpubDpeWrapper::CpubDpeWrapper;
+  [[nodiscard]] const DpIdentifier& timeId() const { return dpId_timeStamp; }
+};
+
+std::string nameOf(const DpIdentifier& id) {
+  CharString name;
+  Manager::getLIName(id, name, 1);
+  return name.str();
+}
+
+TEST_F(DpeWrapper, linesTellOfItsLife) {
+  EXPECT_EQ(printedBy([] { const PlainWrapper wrapper("A.v"); }),
+            "Created DPEWrapper for DPE A.v\nDestroyed DPEWrapper for DPE A.v\n");
+}
+
+TEST_F(DpeWrapper, isNotValidBeforeItWasValidated) {
+  const PlainWrapper wrapper("A.v");
+  EXPECT_FALSE(wrapper.isValid());
+  EXPECT_FALSE(wrapper.isMarked());
+  EXPECT_EQ(wrapper.getName(), "A.v");
+  EXPECT_THROW(static_cast<void>(wrapper.getKELValueID()), CdepException);
+  EXPECT_THROW(static_cast<void>(wrapper.getKELinvalidBit()), CdepException);
+  EXPECT_THROW(static_cast<void>(wrapper.getTypeOfValueID()), CdepException);
+}
+
+TEST_F(DpeWrapper, resolvesValueInvalidFlagAndType) {
+  plant.addElement("A.v", DPELEMENT_FLOAT);
+  start();
+  PlainWrapper wrapper("A.v");
+  EXPECT_EQ(printedBy([&wrapper] { EXPECT_TRUE(wrapper.revalidateDPE()); }), "");
+  EXPECT_TRUE(wrapper.isValid());
+  EXPECT_EQ(nameOf(wrapper.getKELValueID()), "System1:A.v:_original.._value");
+  EXPECT_EQ(nameOf(wrapper.getKELinvalidBit()), "System1:A.v:_original.._exp_inv");
+  EXPECT_EQ(wrapper.getTypeOfValueID(), DPELEMENT_FLOAT);
+}
+
+TEST_F(DpeWrapper, elementThatDoesNotExistIsNotValid) {
+  start();
+  PlainWrapper wrapper("No.such");
+  EXPECT_EQ(printedBy([&wrapper] { EXPECT_FALSE(wrapper.revalidateDPE()); }), "");
+  EXPECT_FALSE(wrapper.isValid());
+  EXPECT_TRUE(wrapper.valueId().isNull());
+}
+
+TEST_F(DpeWrapper, withoutInvalidAttributeOnlyTheValueIsResolved) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.switchOff("A.v:_original.._exp_inv");
+  start();
+  PlainWrapper wrapper("A.v");
+  EXPECT_FALSE(wrapper.revalidateDPE());
+  EXPECT_FALSE(wrapper.isValid());
+  EXPECT_EQ(nameOf(wrapper.valueId()), "System1:A.v:_original.._value");
+  EXPECT_TRUE(wrapper.invalidId().isNull());
+}
+
+TEST_F(DpeWrapper, failedRevalidationKeepsWhatWasResolvedBefore) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  start();
+  PlainWrapper wrapper("A.v");
+  ASSERT_TRUE(wrapper.revalidateDPE());
+  plant.removeElement("A.v");
+  settle();
+  EXPECT_FALSE(wrapper.revalidateDPE());
+  EXPECT_FALSE(wrapper.isValid());
+  EXPECT_FALSE(wrapper.valueId().isNull());
+  EXPECT_THROW(static_cast<void>(wrapper.getKELValueID()), CdepException);
+}
+
+TEST_F(DpeWrapper, equalNamesAreEqualWhateverTheState) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  start();
+  PlainWrapper valid("A.v");
+  ASSERT_TRUE(valid.revalidateDPE());
+  const PlainWrapper unvalidated("A.v");
+  const PlainWrapper other("A.w");
+  EXPECT_TRUE(valid == unvalidated);
+  EXPECT_FALSE(valid == other);
+}
+
+TEST_F(DpeWrapper, marksComeAndGo) {
+  PlainWrapper wrapper("A.v");
+  wrapper.mark();
+  EXPECT_TRUE(wrapper.isMarked());
+  wrapper.clearMark();
+  EXPECT_FALSE(wrapper.isMarked());
+}
+
+TEST_F(DpeWrapper, validateMakesItValid) {
+  PlainWrapper wrapper("A.v");
+  wrapper.validate();
+  EXPECT_TRUE(wrapper.isValid());
+  EXPECT_NO_THROW(static_cast<void>(wrapper.getKELValueID()));
+}
+
+TEST_F(DpeWrapper, typeOfAVanishedElementIsStillAnAnswer) {
+  start();
+  const PlainWrapper wrapper("No.such");
+  DpElementType type = DPELEMENT_INT;
+  EXPECT_TRUE(wrapper.retrieveDPEsValueType(type));
+}
+
+TEST_F(DpeWrapper, listOfElementsStopsAtTheFirstUnknownName) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.addElement("C.v", DPELEMENT_INT);
+  start();
+  DpIdentList list;
+  const std::array<CharString, 3> names{"A.v", "B.v", "C.v"};
+  EXPECT_EQ(printedBy([&] { EXPECT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 3), 0); }),
+            "ERROR: simpleDPEWrapper 82 Failed to get dpID for B.v\n");
+  ASSERT_EQ(list.getNumberOfItems(), 1U);
+  EXPECT_EQ(nameOf(list[0]), "System1:A.v:_online.._value");
+}
+
+TEST_F(DpeWrapper, listOfNoElementsGivesItsPresentSize) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.addElement("B.v", DPELEMENT_INT);
+  start();
+  DpIdentList list;
+  const std::array<CharString, 2> names{"A.v", "B.v"};
+  EXPECT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 2), 2);
+  EXPECT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 0), 2);
+  EXPECT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), -1), 2);
+  EXPECT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 1), 3);
+}
+
+TEST_F(DpeWrapper, fetchWaitsForEveryAnswer) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.addElement("B.v", DPELEMENT_TEXT);
+  start();
+  plant.write("A.v", IntegerVar(5));
+  plant.write("B.v", TextVar("five"));
+  settle();
+  DpIdentList list;
+  const std::array<CharString, 2> names{"B.v:_original.._value", "A.v:_original.._value"};
+  ASSERT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 2), 2);
+  plant.clearRecords();
+  CdpGetCallBackHandler handler;
+  CsimpleDPEWrapper::getValuesOfDPEs(handler, list);
+  EXPECT_EQ(handler.getNumOfResponses(), 2);
+  EXPECT_EQ(describe(handler.getListOfResponses()),
+            (Lines{"B.v:_original.._value = text five", "A.v:_original.._value = int 5"}));
+  ASSERT_EQ(plant.gets().size(), 1U);
+  EXPECT_EQ(plant.gets()[0].answer, &handler);
+  EXPECT_EQ(plant.gets()[0].flags, 0U);
+}
+
+TEST_F(DpeWrapper, fetchOfNothingReturnsAtOnce) {
+  start();
+  CdpGetCallBackHandler handler;
+  CsimpleDPEWrapper::getValuesOfDPEs(handler, DpIdentList());
+  EXPECT_EQ(handler.getNumOfResponses(), 0);
+}
+
+TEST_F(DpeWrapper, itemWithoutValueIsReportedAndNotCounted) {
+  DpMsgAnswer answer;
+  AnswerGroup& first = answer.addGroup();
+  first.append(DpIdentifier(1, 1), new IntegerVar(1));
+  first.append(DpIdentifier(2, 1), nullptr);
+  answer.addGroup().append(DpIdentifier(3, 1), new IntegerVar(3));
+  CdpGetCallBackHandler handler;
+  EXPECT_EQ(printedBy([&] { handler.callBack(answer); }), "ERROR: AnswerCallBackHandler 17 var is null\n");
+  EXPECT_EQ(handler.getNumOfResponses(), 2);
+  const DpIdValueList& list = handler.getListOfResponses();
+  ASSERT_EQ(list.getNumberOfItems(), 2U);
+  EXPECT_EQ(list[0].getDpIdentifier(), DpIdentifier(1, 1));
+  EXPECT_EQ(list[1].getDpIdentifier(), DpIdentifier(3, 1));
+  EXPECT_EQ(describe(list[1].getValuePtr()), "int 3");
+}
+
+TEST_F(DpeWrapper, mappingKnowsTagAndElement) {
+  PlainWrapper wrapper("A.v");
+  const Cmapping mapping(wrapper, "temperature");
+  EXPECT_STREQ(mapping.getTagName(), "temperature");
+  EXPECT_STREQ(mapping.getDPEName(), "A.v");
+}
+
+// --- the publisher's wrapper
+
+TEST_F(PubDpeWrapper, resolvesOnlineValueInvalidFlagAndTime) {
+  plant.addElement("A.v", DPELEMENT_UINT);
+  start();
+  CpubDpeWrapper wrapper("A.v");
+  EXPECT_TRUE(wrapper.revalidateDPE());
+  EXPECT_EQ(nameOf(wrapper.getKELValueID()), "System1:A.v:_online.._value");
+  EXPECT_EQ(nameOf(wrapper.getKELinvalidBit()), "System1:A.v:_online.._invalid");
+  EXPECT_EQ(nameOf(wrapper.getKELTimeStampID()), "System1:A.v:_online.._stime");
+  EXPECT_EQ(wrapper.getTypeOfValueID(), DPELEMENT_UINT);
+}
+
+TEST_F(PubDpeWrapper, withoutOnlineConfigNothingIsResolved) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  for (const char* attribute : {"_value", "_invalid", "_stime"}) {
+    plant.switchOff(std::string("A.v:_online..") + attribute);
+  }
+  start();
+  PublisherWrapper wrapper("A.v");
+  EXPECT_EQ(printedBy([&wrapper] { EXPECT_FALSE(wrapper.revalidateDPE()); }), "");
+  EXPECT_FALSE(wrapper.isValid());
+  EXPECT_TRUE(wrapper.timeId().isNull());
+  EXPECT_THROW(static_cast<void>(wrapper.getKELTimeStampID()), CdepException);
+}
+
+TEST_F(PubDpeWrapper, withoutSourceTimeItIsNotValid) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.switchOff("A.v:_online.._stime");
+  start();
+  PublisherWrapper wrapper("A.v");
+  EXPECT_FALSE(wrapper.revalidateDPE());
+  EXPECT_FALSE(wrapper.isValid());
+  EXPECT_TRUE(wrapper.timeId().isNull());
+}
+
+TEST_F(PubDpeWrapper, keepsTheInvalidFlag) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  start();
+  CpubDpeWrapper wrapper("A.v");
+  EXPECT_FALSE(wrapper.isInvalidAttributeSet());
+  const BitVar set(PVSS_TRUE);
+  wrapper.storeInvalidAttribute(&set);
+  EXPECT_TRUE(wrapper.isInvalidAttributeSet());
+  EXPECT_TRUE(wrapper.revalidateDPE());
+  EXPECT_TRUE(wrapper.isInvalidAttributeSet());
+  const BitVar cleared(PVSS_FALSE);
+  wrapper.storeInvalidAttribute(&cleared);
+  EXPECT_FALSE(wrapper.isInvalidAttributeSet());
+}
+
+TEST_F(PubDpeWrapper, missingFlagLeavesTheKnownOne) {
+  CpubDpeWrapper wrapper("A.v");
+  const BitVar set(PVSS_TRUE);
+  wrapper.storeInvalidAttribute(&set);
+  wrapper.storeInvalidAttribute(nullptr);
+  EXPECT_TRUE(wrapper.isInvalidAttributeSet());
+}
+
+}  // namespace
+}  // namespace gateway_test

@@ -4,9 +4,10 @@
 //            a will, topic filters, acknowledged publishing. It knows nothing of records or presence.
 // Ownership  The session owns its transport; the listener outlives it.
 // Thread     Every call may come from any thread and never blocks, except stop(), which joins the transport's
-//            thread. The listener is called on that one thread, never two calls at a time, never from inside a
-//            call into the transport, and never after stop() has returned.
-// Errors     Nothing throws. A lost link is reported by down() and followed by endless, jittered reconnects with
+//            thread. The listener is called on that one thread, never two calls at a time, never from inside
+//            a call into the transport, and never after stop() has returned.
+// Errors     Nothing throws. A lost link is reported by down() and followed by endless, jittered reconnects
+// with
 //            growing pauses (capped at 2 s).
 #pragma once
 
@@ -34,6 +35,8 @@ class TransportListener {
   virtual void up() = 0;
   /// The link is gone; every token not acknowledged yet is void, every subscription too.
   virtual void down(std::string_view reason) = 0;
+  /// An attempt to connect failed; the next one follows.
+  virtual void unreachable(std::string_view /*reason*/) {}
   /// `retained` is true for a message that the broker had kept, false for one published now.
   virtual void message(std::string_view topic, std::string_view payload, bool retained) = 0;
   /// The broker has taken responsibility for the message (QoS 1) or it has left (QoS 0); `failure` is empty

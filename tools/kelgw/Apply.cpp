@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 
 #include "Command.h"
@@ -88,13 +89,20 @@ void showPlan(const Plan& plan, Functions functions, bool dryRun, Output& out) {
                fmt::format("{} version {}", functions == Functions::missing ? "install" : "replace by",
                            pvss::StoreAdmin::ownFunctionsVersion())});
   }
-  for (const PlanStep& step : plan.steps) {
+  // A dry run shows everything: the plan is what it is for.
+  constexpr std::size_t shown = 100;
+  const std::size_t rows = dryRun ? plan.steps.size() : std::min(shown, plan.steps.size());
+  for (std::size_t index = 0; index < rows; ++index) {
+    const PlanStep& step = plan.steps[index];
     table.row({std::string(wordOf(step.action)), escapeText(step.name), step.detail});
   }
   if (table.empty()) {
     out.line("nothing to do");
   } else {
     out.table(table);
+    if (rows < plan.steps.size()) {
+      out.line(fmt::format("... and {} more (--json shows all)", plan.steps.size() - rows));
+    }
     const std::size_t count = plan.steps.size() + (functions != Functions::current ? 1 : 0);
     out.line(fmt::format("{} {} {}", count, count == 1 ? "step" : "steps",
                          dryRun ? "to do; nothing was changed (--dry-run)" : "done"));
@@ -113,6 +121,8 @@ int run(const Options& options, Context& context) {
   const pvss::PlantFile plant = pvss::PlantFile::read(options.path);
   if (!plant.errors.empty()) {
     showPlantErrors(plant, options.path, context);
+    const std::size_t count = plant.errors.size();
+    context.out.remark(fmt::format("{} {}: nothing was changed", count, count == 1 ? "mistake" : "mistakes"));
     return exitBadInput;
   }
   const WantedState wanted = wantedStateOf(plant);

@@ -46,10 +46,10 @@ int runAction(const Action& action, Context& context) {
     context.out.remark(escapeText(error.what()));
     return exitBadInput;
   } catch (const pvss::StoreError& error) {
-    context.out.remark(error.what());
-    if (error.kind() == pvss::StoreError::Kind::unreachable) {
-      context.out.remark("is the store running, and is PVSS_STORE (or --store) its address?");
-    }
+    const bool unreachable = error.kind() == pvss::StoreError::Kind::unreachable;
+    context.out.remark(fmt::format(
+        "{}{}", error.what(),
+        unreachable ? "; is the store running, and is PVSS_STORE (or --store) its address?" : ""));
     return error.exitCode();
   }
 }

@@ -67,8 +67,12 @@ bool parseBoolean(std::string_view text) {
   throw DatumError(fmt::format("\"{}\" is neither true nor false", escapeText(text)));
 }
 
+/// As it is shown: 'A' in quotes, anything else by number; a character that is no digit also without quotes.
 std::int64_t parseCharacter(std::string_view text) {
-  if (text.size() == 1) {
+  if (text.size() == 3 && text.front() == '\'' && text.back() == '\'') {
+    return static_cast<unsigned char>(text[1]);
+  }
+  if (text.size() == 1 && (text.front() < '0' || text.front() > '9')) {
     return static_cast<unsigned char>(text.front());
   }
   try {

@@ -8,7 +8,9 @@ namespace kelgw {
 namespace {
 
 constexpr const char* footer =
-    "All values are as of one moment. Only the value, without table: --value.\n"
+    "All values are as of one moment. BITS are user bit 2 and user bit 1: 11 good, 01 of lesser standing, 00 "
+    "bad.\n"
+    "SOURCE TIME is when the value arose at its source.\n"
     "\n"
     "Examples:\n"
     "  kelgw dp get Boiler1.temperature\n"

@@ -13,7 +13,7 @@ constexpr const char* footer =
     "A value is read by the type of the element:\n"
     "  bit      true or false (1 0 on off yes no)\n"
     "  int uint whole numbers, 0x too      bit32  a number of 32 bits, 0x too\n"
-    "  float    1.5, 2e-3, nan, inf, -inf  char   one character or its number 0 to 255\n"
+    "  float    1.5, 2e-3, nan, inf, -inf  char   A, or '7' in quotes, or a number to 255\n"
     "  text     as it stands; with --escapes \\n \\t \\\\ \\xNN are understood\n"
     "  dyn_...  [1, 2, 3] or 1,2,3; [] is empty; items with commas in double quotes\n"
     "A value alone clears the invalid flag. A negative number goes behind --, as below.\n"

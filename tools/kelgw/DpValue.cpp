@@ -205,7 +205,7 @@ Json jsonOf(const pvss::StoreReading& reading) {
   object.emplace_back("userbit2", Json(reading.userBit2));
   object.emplace_back("stime", reading.valueTimeMs == 0 ? Json() : Json(showTimeMs(reading.valueTimeMs)));
   object.emplace_back("stimeMs", Json(reading.valueTimeMs));
-  object.emplace_back("invalidSinceMs", Json(reading.invalidTimeMs));
+  object.emplace_back("flagTimeMs", Json(reading.invalidTimeMs));
   return object;
 }
 

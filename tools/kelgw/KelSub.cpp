@@ -15,8 +15,8 @@ namespace kelgw {
 namespace {
 
 constexpr const char* footer =
-    "One line for each record: source time, publication, quality, fields as TAG=TYPE:VALUE (the form that\n"
-    "`kelgw kel pub` takes). \"connected\" and \"disconnected\" tell of the publisher. Ctrl-C ends.\n"
+    "One line for each record: source time, publication, quality, fields as TAG=TYPE:VALUE, strings in\n"
+    "quotes. \"connected\" and \"disconnected\" tell of the publisher. Ctrl-C ends.\n"
     "\n"
     "  --count N    ends after N records\n"
     "  --for S      ends after S seconds; with --count, fewer than N records by then is exit code 1\n"

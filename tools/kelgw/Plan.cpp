@@ -48,6 +48,52 @@ std::map<std::string, std::string> publicationsOf(const std::vector<std::string>
   return byName;
 }
 
+/// "a, b and 3 more", escaped.
+std::string someOf(const std::vector<std::string>& names) {
+  constexpr std::size_t shown = 3;
+  std::string text;
+  for (std::size_t index = 0; index < std::min(shown, names.size()); ++index) {
+    text += (index == 0 ? "" : ", ") + escapeText(names[index]);
+  }
+  return names.size() > shown ? fmt::format("{} and {} more", text, names.size() - shown) : text;
+}
+
+/// What became of the entries of a list; an entry is known by its first field.
+std::string differences(const std::vector<std::string>& before, const std::vector<std::string>& after) {
+  const auto byName = [](const std::vector<std::string>& entries) {
+    std::map<std::string, std::string> map;
+    for (const std::string& entry : entries) {
+      map.emplace(entry.substr(0, entry.find(fieldSeparator)), entry);
+    }
+    return map;
+  };
+  const auto old = byName(before);
+  const auto now = byName(after);
+  std::vector<std::string> added;
+  std::vector<std::string> changed;
+  std::vector<std::string> removed;
+  for (const auto& [name, entry] : now) {
+    const auto at = old.find(name);
+    if (at == old.end()) {
+      added.push_back(name);
+    } else if (at->second != entry) {
+      changed.push_back(name);
+    }
+  }
+  for (const auto& [name, entry] : old) {
+    if (!now.contains(name)) {
+      removed.push_back(name);
+    }
+  }
+  std::string text;
+  for (const auto& [word, names] : {std::pair{"new", added}, {"changed", changed}, {"gone", removed}}) {
+    if (!names.empty()) {
+      text += fmt::format("; {} {}", word, someOf(names));
+    }
+  }
+  return text.empty() ? "; in another order" : text;
+}
+
 class Planner {
  public:
   Planner(const WantedState& wantedState, const FoundState& foundState, const PlanOptions& planOptions)
@@ -135,10 +181,9 @@ class Planner {
   void planList(const std::string& list, const std::vector<std::string>& texts, const std::string& again) {
     const auto before = textsOf(readingOf(list));
     if (before != texts) {
-      const std::size_t count = before ? before->size() : 0;
       step(PlanStep::Action::list, list,
-           fmt::format("{} {}, {}", texts.size(), texts.size() == 1 ? "entry" : "entries",
-                       before ? fmt::format("was {}", count) : "never written"));
+           fmt::format("{} {}{}", texts.size(), texts.size() == 1 ? "entry" : "entries",
+                       before ? differences(*before, texts) : ", never written"));
     } else if (!again.empty()) {
       step(PlanStep::Action::listAgain, list, again);
     } else {

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <cstdlib>
 
 #include "Command.h"
 
@@ -14,6 +15,8 @@ extern "C" void askToStop(int /*signal*/) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  // The tool says itself what went wrong; the libraries' own lines are for whoever asks for them.
+  ::setenv("KELGW_LOG", "off", 0);
   std::signal(SIGINT, askToStop);
   std::signal(SIGTERM, askToStop);
   // A closed pipe on standard output is an error of the write; a lost server is one of the libraries.

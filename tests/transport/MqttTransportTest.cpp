@@ -22,6 +22,7 @@ using kel::testing::ScriptedBroker;
 using kel::testing::since;
 using Clock = std::chrono::steady_clock;
 using Record = RecordingListener::Record;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -33,6 +34,7 @@ TEST(MqttTransport, findsABrokerThatStartsLater) {
   client.start();
   ASSERT_TRUE(client.listener.waitFor([](const Record& record) { return record.ticks > 10; }));
   EXPECT_EQ(client.listener.snapshot().ups, 0);
+  EXPECT_THAT(client.listener.snapshot().failures, Contains("Connection refused"));
   EXPECT_FALSE(client.transport->publish(message("a", "1"), 1));
   EXPECT_FALSE(client.transport->subscribe("a", 1, 2));
   broker.start();

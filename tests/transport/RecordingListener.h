@@ -30,6 +30,7 @@ class RecordingListener : public TransportListener {
   struct Record {
     int ups = 0;
     std::vector<std::string> downs;
+    std::vector<std::string> failures;  ///< attempts to connect that came to nothing
     std::vector<Message> messages;
     std::map<std::uint64_t, std::string> published;   ///< token to failure text
     std::map<std::uint64_t, std::string> subscribed;  ///< likewise
@@ -52,6 +53,10 @@ class RecordingListener : public TransportListener {
   }
   void down(std::string_view reason) override {
     note([&] { record_.downs.emplace_back(reason); });
+    leave();
+  }
+  void unreachable(std::string_view reason) override {
+    note([&] { record_.failures.emplace_back(reason); });
     leave();
   }
   void message(std::string_view topic, std::string_view payload, bool retained) override {

@@ -52,8 +52,8 @@ class MqttConnection {
 
   [[nodiscard]] int descriptor() const;
   [[nodiscard]] bool wantsWrite() const;
-  /// Reads what is there, up to a bounded number of packets; true if more may be waiting.
-  bool readable(TimePoint now);
+  /// Reads what is there, up to a bounded number of packets; how many that were.
+  int readable(TimePoint now);
   void writable();
   /// Keep-alive; due every second or oftener, after readable().
   void upkeep(TimePoint now);

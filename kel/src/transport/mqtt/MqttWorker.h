@@ -75,6 +75,7 @@ class MqttWorker final : public KelTransport {
   void pause(std::chrono::milliseconds span);
   void wait(int descriptor, TimePoint until);
   void tickIfDue();
+  void countPackets(int packets, TimePoint now);
   [[nodiscard]] bool stopping() const { return order_.load(std::memory_order_acquire) != Order::None; }
 
   const MqttOptions options_;
@@ -97,6 +98,9 @@ class MqttWorker final : public KelTransport {
   OutageReport report_;
   TimePoint nextTick_{};
   TimePoint nextUpkeep_{};
+  TimePoint windowStart_{};
+  int windowPackets_ = 0;
+  bool busy_ = false;  ///< packets come so fast that waiting for the next one each time is waste
   std::minstd_rand random_;
 };
 

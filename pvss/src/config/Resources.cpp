@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <string_view>
 
 #include "config/ConfigFile.h"
+#include "config/ReadFile.h"
 #include "pvss/Settings.h"
 #include "store/StoreFactory.h"
 
@@ -84,25 +84,18 @@ std::string readCommandLine(int& argc, char** argv) {
   return file;
 }
 
-void readFile(const std::string& named) {
+void readConfig(const std::string& named) {
   reader().file = named.empty() ? defaultFile : named;
-  std::ifstream in(reader().file, std::ios::binary);
-  std::ostringstream text;
-  errno = 0;
-  if (in) {
-    text << in.rdbuf();
-  }
-  if (!in || (in.bad() || errno == EISDIR)) {
-    const int reason = errno;
-    const bool goOnWithout =
-        named.empty() && reason == ENOENT && !pvss::Settings::current().storeAddress().empty();
-    if (goOnWithout) {
+  std::string text;
+  if (const int reason = pvss::readFile(reader().file, text); reason != 0) {
+    const bool unnamed = named.empty() && reason == ENOENT;
+    if (unnamed && !pvss::Settings::current().storeAddress().empty()) {
       return;
     }
-    refuse(reader().file + ": " + std::strerror(reason == 0 ? EIO : reason) +
-           (named.empty() && reason == ENOENT ? "; name another file with -config, or set PVSS_STORE" : ""));
+    refuse(reader().file + ": " + std::strerror(reason) +
+           (unnamed ? "; name another file with -config, or set PVSS_STORE" : ""));
   }
-  reader().config = pvss::ConfigFile::parse(text.str());
+  reader().config = pvss::ConfigFile::parse(text);
   if (reader().config.errorLine != 0) {
     refuseLine(reader().config.errorLine, reader().config.error);
   }
@@ -156,7 +149,7 @@ void Resources::begin(int& argc, char** argv) {
   reader() = Reader();
   const std::string file = readCommandLine(argc, argv);
   if (!helpFlag && !helpDbgFlag) {
-    readFile(file);
+    readConfig(file);
   }
   standAtSection();
 }

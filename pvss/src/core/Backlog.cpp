@@ -232,7 +232,7 @@ std::uint64_t Backlog::thin(Entry& entry, std::size_t target) {
     const bool implied = !entry.impliedFlag.empty() && entry.impliedFlag[index];
     if (bytes_ > target && superseded(elements[index], entry.batch.clientSequence)) {
       const std::size_t bytes = bytesOf(elements[index]);
-      const std::uint32_t units = unitsOf(elements[index], implied);
+      const std::uint32_t units = entry.batch.restore ? 0 : unitsOf(elements[index], implied);
       entry.bytes -= bytes;
       entry.units -= units;
       bytes_ -= bytes;

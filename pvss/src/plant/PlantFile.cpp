@@ -1,12 +1,10 @@
 #include "pvss/PlantFile.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "basics/Values.h"
+#include "config/ReadFile.h"
 #include "pvss/DynVar.h"
 
 namespace pvss {
@@ -67,17 +65,13 @@ std::string PlantFile::errorText(std::string_view file) const {
 
 PlantFile PlantFile::read(const std::string& path) {
   errno = 0;
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  if (in) {
-    text << in.rdbuf();
-  }
-  if (!in || errno == EISDIR) {
+  std::string text;
+  if (const int reason = readFile(path, text); reason != 0) {
     PlantFile plant;
-    plant.errors.push_back({0, std::strerror(errno == 0 ? EIO : errno)});
+    plant.errors.push_back({0, std::strerror(reason)});
     return plant;
   }
-  return parse(text.str());
+  return parse(text);
 }
 
 std::shared_ptr<const Variable> makeTexts(const std::vector<std::string>& texts) {

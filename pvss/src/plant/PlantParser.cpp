@@ -64,7 +64,8 @@ class Parser {
   void takePublish(const YAML::Node& node);
   void takePublication(const YAML::Node& key, const YAML::Node& definition);
   void takeBufferTime(const YAML::Node& node, PlantFile::Publication& publication);
-  bool takeFields(const YAML::Node& node, const std::string& what, std::vector<PlantFile::Field>& fields);
+  bool takeFields(const YAML::Node& key, const YAML::Node& node, const std::string& what,
+                  std::vector<PlantFile::Field>& fields);
   void feed(const PlantFile::Field& field, const std::string& publication);
   PlantFile::Element* element(const PlantFile::Field& field);
 
@@ -303,10 +304,10 @@ void Parser::takeList(const YAML::Node& node, const std::string& what, std::stri
   }
 }
 
-bool Parser::takeFields(const YAML::Node& node, const std::string& what,
+bool Parser::takeFields(const YAML::Node& key, const YAML::Node& node, const std::string& what,
                         std::vector<PlantFile::Field>& fields) {
   if (!node.IsMap() || node.size() == 0) {
-    fail(node, what + " needs fields: \"tag: element\"");
+    fail(key, what + " needs fields: \"tag: element\"");
     return false;
   }
   std::unordered_set<std::string> tags;
@@ -368,7 +369,8 @@ void Parser::takeSubscribe(const YAML::Node& node) {
       fail(item.first, "publication " + quoted(subscription.publication) + " is subscribed to twice");
       continue;
     }
-    if (!takeFields(item.second, "publication " + quoted(subscription.publication), subscription.fields)) {
+    if (!takeFields(item.first, item.second, "publication " + quoted(subscription.publication),
+                    subscription.fields)) {
       continue;
     }
     for (const PlantFile::Field& field : subscription.fields) {
@@ -417,7 +419,7 @@ void Parser::takePublication(const YAML::Node& key, const YAML::Node& definition
   }
   if (!seen.contains("fields")) {
     fail(key, what + " has no fields");
-  } else if (takeFields(fields, what, publication.fields)) {
+  } else if (takeFields(key, fields, what, publication.fields)) {
     std::unordered_set<std::string> elements;
     for (const PlantFile::Field& field : publication.fields) {
       if (element(field) != nullptr && !elements.insert(field.element).second) {

@@ -42,9 +42,11 @@ std::unique_ptr<DatapointStore> makeStore(const std::string& address, std::strin
     problem = "no store: set PVSS_STORE, or store in [general] of the configuration file";
     return nullptr;
   }
-  if (const auto redis = redis::parseStoreAddress(address, problem)) {
+  std::string reason;
+  if (const auto redis = redis::parseStoreAddress(address, reason)) {
     return std::make_unique<redis::RedisStore>(*redis);
   }
+  problem = "store " + withoutSecrets(address) + ": " + reason;
   return nullptr;
 }
 

@@ -1,0 +1,48 @@
+// The filter of the log, and trouble that repeats.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "log/Log.h"
+#include "store/StoreFactory.h"
+
+namespace pvss::log {
+namespace {
+
+TEST(Log, TheFilterGivesEachRoomItsLevel) {
+  EXPECT_EQ(levelFor("pvss", ""), Level::info);
+  EXPECT_EQ(levelFor("pvss", "warn"), Level::warn);
+  EXPECT_EQ(levelFor("pvss", "off"), Level::off);
+  EXPECT_EQ(levelFor("pvss", "warn,pvss=debug"), Level::debug);
+  EXPECT_EQ(levelFor("pvss", "pvss=debug,warn"), Level::debug);
+  EXPECT_EQ(levelFor("store", "warn,pvss=debug"), Level::warn);
+  EXPECT_EQ(levelFor("pvss", "nonsense"), Level::info);
+  EXPECT_EQ(levelFor("pvss", "error,pvss=nonsense"), Level::error);
+}
+
+TEST(Log, ALineHasTimeRoomLevelAndWhat) {
+  ::testing::internal::CaptureStderr();
+  warn("store", "{} of {}", 1, "two");
+  debug("store", "not shown");
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              ::testing::MatchesRegex("[0-9]+:[0-9]+:[0-9]+.[0-9]+ store warning 1 of two\n"));
+}
+
+TEST(Repeated, TellsAtOnceThenOnceAMinuteWithTheCount) {
+  Repeated repeated;
+  const Repeated::TimePoint start{};
+  EXPECT_EQ(repeated.count(3, start), 3U);
+  EXPECT_EQ(repeated.count(2, start + std::chrono::seconds(10)), 0U);
+  EXPECT_EQ(repeated.count(5, start + std::chrono::seconds(59)), 0U);
+  EXPECT_EQ(repeated.count(1, start + std::chrono::seconds(60)), 8U);
+  EXPECT_EQ(repeated.count(0, start + std::chrono::hours(1)), 0U);
+}
+
+TEST(StoreFactory, SecretsInAnAddressAreNotShown) {
+  EXPECT_EQ(withoutSecrets("redis://host:6379"), "redis://host:6379");
+  EXPECT_EQ(withoutSecrets("redis://user:p@ss@host:6379/1?passfile=x"), "redis://host:6379/1");
+  EXPECT_EQ(withoutSecrets("redis+unix:///a@b/redis.sock"), "redis+unix:///a@b/redis.sock");
+  EXPECT_EQ(withoutSecrets("memory:plant.yaml"), "memory:plant.yaml");
+}
+
+}  // namespace
+}  // namespace pvss::log

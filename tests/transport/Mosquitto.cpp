@@ -95,6 +95,17 @@ Mosquitto::~Mosquitto() {
 }
 
 void Mosquitto::writeConfiguration() const {
+  if (!options_.file.empty()) {
+    std::ostringstream text;
+    text << std::ifstream(options_.file).rdbuf();
+    const std::string usual = "listener 1883 ";
+    std::string shipped = text.str();
+    const auto at = shipped.find("\n" + usual);
+    if (at == std::string::npos) throw std::runtime_error(options_.file + " has no such listener");
+    shipped.replace(at + 1, usual.size(), "listener " + std::to_string(port_) + " ");
+    static_cast<void>(folder_.write("mosquitto.conf", shipped + "user " + ownName() + "\nlog_dest none\n"));
+    return;
+  }
   std::ostringstream text;
   text << "listener " << port_ << " 127.0.0.1\n"
        << "user " << ownName() << "\n"

@@ -27,8 +27,10 @@ struct MosquittoOptions {
   std::vector<std::pair<std::string, std::string>> users =
       {};                              ///< name, password; with any, nobody is anonymous
   std::string acl = {};                ///< lines of an access control file
-  bool tls = false;                    ///< serverFiles() must have been made before
+  bool tls = false;                    ///< with a certificate for localhost by folder()/ca.pem
   std::vector<std::string> more = {};  ///< further configuration lines
+  /// A configuration for port 1883 to use, on the free port, instead of all the above.
+  std::string file = {};
 };
 
 /// A port of the loopback interface that nothing uses at this moment.

@@ -262,6 +262,24 @@ TEST(MqttTransport, keepsRetainedMessagesUntilTheyExpire) {
   EXPECT_EQ(record.messages[0].topic, "t/long");
 }
 
+TEST(MqttTransport, getsEveryRetainedMessageFromABrokerWithTheShippedConfiguration) {
+  kel::testing::MosquittoOptions options;
+  options.file = KEL_SHIPPED_BROKER_CONF;
+  Mosquitto broker(options);
+  broker.start();
+  Client sender(broker.url(), "sender");
+  ASSERT_TRUE(sender.startAndWait());
+  constexpr std::uint64_t count = 5000;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    ASSERT_TRUE(sender.transport->publish(message("t/" + std::to_string(i), std::to_string(i), true), i));
+  }
+  ASSERT_TRUE(sender.listener.waitFor([](const Record& record) { return record.published.size() == count; }));
+  Client late(broker.url(), "late");
+  ASSERT_TRUE(late.startAndWait());
+  ASSERT_TRUE(late.subscribe("t/#"));
+  EXPECT_TRUE(late.waitForMessages(count)) << late.listener.snapshot().messages.size();
+}
+
 TEST(MqttTransport, acceptsCallsFromInsideItsCallbacks) {
   Mosquitto broker;
   broker.start();

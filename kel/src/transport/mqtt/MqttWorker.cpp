@@ -184,9 +184,6 @@ void MqttWorker::run() {
     if (!served) {
       listener_->unreachable(failure);
     }
-    if (!served) {
-      listener_->unreachable(failure);
-    }
     if (served && now - began >= kStableLink) {
       backoff_.reset();
     }

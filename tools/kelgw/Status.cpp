@@ -38,6 +38,7 @@ struct StoreSide {
 
 struct BrokerSide {
   std::string error;
+  std::chrono::steady_clock::time_point when;
   std::size_t alive = 0;
   std::size_t gone = 0;
   std::size_t foreign = 0;
@@ -89,7 +90,25 @@ BrokerSide lookAtBroker(const Settings& settings) {
     }
   }
   side.publishers = browser.publishers();
+  side.when = std::chrono::steady_clock::now();
   return side;
+}
+
+std::int64_t counterOf(const KelPublisherInfo& publisher, const std::string& name) {
+  const auto at = publisher.counters.find(name);
+  return at == publisher.counters.end() ? 0 : at->second;
+}
+
+/// What a counter of one process run grew by a second between the two looks.
+double rateOf(const KelPublisherInfo& now, const std::string& name, const BrokerSide& before,
+              const BrokerSide& after) {
+  const double seconds = std::chrono::duration<double>(after.when - before.when).count();
+  for (const KelPublisherInfo& old : before.publishers) {
+    if (old.name == now.name && old.incarnation == now.incarnation && seconds > 0) {
+      return static_cast<double>(counterOf(now, name) - counterOf(old, name)) / seconds;
+    }
+  }
+  return 0;
 }
 
 std::optional<std::int64_t> numberOf(const std::string& text) {
@@ -148,6 +167,51 @@ void showStore(const StoreSide& side, Output& out) {
       fmt::format("        {} elements, {} changes so far, {:.1f} a second now; log {} entries, {} of {}",
                   is.elements, is.log.sequence, side.changesPerSecond, is.log.entries,
                   showBytes(is.log.bytes), showBytes(is.log.boundBytes)));
+}
+
+void showPublishers(const BrokerSide& before, const BrokerSide& side, Output& out) {
+  if (!side.error.empty() || side.publishers.empty()) {
+    return;
+  }
+  out.line("");
+  Table table({"ON THE BROKER", "STATE", "HOST", "PROCESS", "SENT", "A SECOND", "RECEIVED", "A SECOND"});
+  const auto number = [](std::int64_t count) { return Cell(fmt::format("{}", count), Style::plain, true); };
+  const auto rate = [](double each) {
+    return Cell(each > 0 ? fmt::format("{:.1f}", each) : "", Style::plain, true);
+  };
+  for (const KelPublisherInfo& publisher : side.publishers) {
+    const bool alive = publisher.liveness == KelPublisherInfo::Liveness::alive;
+    table.row({escapeText(publisher.name), Cell(alive ? "alive" : "silent", alive ? Style::good : Style::bad),
+               escapeText(publisher.host), number(publisher.process), number(counterOf(publisher, "sends")),
+               rate(rateOf(publisher, "sends", before, side)), number(counterOf(publisher, "received")),
+               rate(rateOf(publisher, "received", before, side))});
+  }
+  out.table(table);
+}
+
+/// One line for each direction of each healthy manager; its Kel side is the publisher of the same process.
+void showFlow(const StoreSide& store, const BrokerSide& before, const BrokerSide& broker, Output& out) {
+  for (const pvss::StoreManager& manager : store.managers) {
+    if (!healthy(manager)) {
+      continue;
+    }
+    const auto rates = ratesOf(manager, store);
+    const auto written = rates.find("confirmed");
+    double sent = 0;
+    for (const KelPublisherInfo& publisher : broker.publishers) {
+      if (publisher.process == manager.process && publisher.host == manager.host) {
+        sent = rateOf(publisher, "sends", before, broker);
+      }
+    }
+    const auto said = [&](double rate, const char* what) {
+      return rate > 0 ? out.styled(fmt::format("{:.1f} {} a second", rate, what), Style::good)
+                      : std::string("quiet");
+    };
+    out.line(fmt::format("{}    manager {}: Kel to elements {}; elements to Kel {}",
+                         out.styled("flow", Style::head), manager.number,
+                         said(written == rates.end() ? 0 : written->second, "attributes"),
+                         said(sent, "records")));
+  }
 }
 
 void showBroker(const BrokerSide& side, const Settings& settings, Output& out) {
@@ -257,7 +321,7 @@ Json jsonOfManager(const pvss::StoreManager& manager, const StoreSide& side) {
                       {"perSecond", Json(std::move(rates))}};
 }
 
-Json jsonOfBroker(const BrokerSide& side, const Settings& settings) {
+Json jsonOfBroker(const BrokerSide& before, const BrokerSide& side, const Settings& settings) {
   Json::Object object{{"reachable", Json(side.error.empty())}, {"address", Json(brokerAddress(settings))}};
   if (!side.error.empty()) {
     object.emplace_back("error", Json(side.error));
@@ -267,12 +331,30 @@ Json jsonOfBroker(const BrokerSide& side, const Settings& settings) {
   object.emplace_back("withoutPublisher", Json(static_cast<std::uint64_t>(side.gone)));
   object.emplace_back("foreign", Json(static_cast<std::uint64_t>(side.foreign)));
   object.emplace_back("unreadable", Json(static_cast<std::uint64_t>(side.unreadable)));
+  Json::Array publishers;
+  for (const KelPublisherInfo& publisher : side.publishers) {
+    Json::Object counters;
+    for (const auto& [name, count] : publisher.counters) {
+      counters.emplace_back(name, Json(count));
+    }
+    publishers.push_back(
+        Json::Object{{"name", Json(publisher.name)},
+                     {"alive", Json(publisher.liveness == KelPublisherInfo::Liveness::alive)},
+                     {"host", Json(publisher.host)},
+                     {"process", Json(publisher.process)},
+                     {"sentPerSecond", Json(rateOf(publisher, "sends", before, side))},
+                     {"receivedPerSecond", Json(rateOf(publisher, "received", before, side))},
+                     {"counters", Json(std::move(counters))}});
+  }
+  object.emplace_back("publishers", Json(std::move(publishers)));
   return object;
 }
 
 int run(double windowSeconds, Context& context) {
+  const BrokerSide before = lookAtBroker(context.settings);
   const StoreSide store = lookAtStore(windowSeconds, context);
-  const BrokerSide broker = lookAtBroker(context.settings);
+  // A broker that was away a moment ago is not waited for again.
+  const BrokerSide broker = before.error.empty() ? lookAtBroker(context.settings) : before;
   const bool anyHealthy = std::any_of(store.managers.begin(), store.managers.end(), healthy);
   if (context.out.json()) {
     Json::Array managers;
@@ -281,11 +363,13 @@ int run(double windowSeconds, Context& context) {
     }
     context.out.document(Json::Object{{"healthy", Json(anyHealthy && broker.error.empty())},
                                       {"store", jsonOfStore(store)},
-                                      {"broker", jsonOfBroker(broker, context.settings)},
+                                      {"broker", jsonOfBroker(before, broker, context.settings)},
                                       {"managers", Json(std::move(managers))}});
   } else {
     showStore(store, context.out);
     showBroker(broker, context.settings, context.out);
+    showFlow(store, before, broker, context.out);
+    showPublishers(before, broker, context.out);
     showManagers(store, context.out);
   }
   if (store.exitCode != exitDone) {

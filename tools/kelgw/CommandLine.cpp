@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 
@@ -54,10 +55,47 @@ int runAction(const Action& action, Context& context) {
   }
 }
 
+/// Every help text ends alike, so that nobody has to look for the exit codes.
+void finish(CLI::App* command) {
+  const std::string own = command->get_footer();
+  command->footer(fmt::format("{}{}For every command: --store --kel --json --limit, see `kelgw --help`.\n{}",
+                              own, own.empty() ? "" : "\n", exitCodes));
+  command->fallthrough();
+}
+
+/// Names what is no command among the words of the line; empty when every one is.
+std::string unknownCommand(const CLI::App& app, int count, const char* const* arguments) {
+  const CLI::App* level = &app;
+  for (int index = 1; index < count; ++index) {
+    const std::string word = arguments[index];
+    if (word == "--store" || word == "--kel" || word == "--limit") {
+      ++index;  // its value
+      continue;
+    }
+    if (word.starts_with('-')) {
+      continue;
+    }
+    const auto commands = level->get_subcommands([](const CLI::App*) { return true; });
+    if (commands.empty()) {
+      return {};
+    }
+    const auto at = std::find_if(commands.begin(), commands.end(),
+                                 [&](const CLI::App* command) { return command->get_name() == word; });
+    if (at == commands.end()) {
+      std::string known;
+      for (const CLI::App* const command : commands) {
+        known += " " + command->get_name();
+      }
+      return fmt::format("there is no command \"{}\" here; there are:{}", escapeText(word), known);
+    }
+    level = *at;
+  }
+  return {};
+}
+
 CLI::App& group(CLI::App& app, const char* name, const char* text) {
   CLI::App* const made = app.add_subcommand(name, text);
   made->require_subcommand(1);
-  made->fallthrough();
   return *made;
 }
 
@@ -75,7 +113,6 @@ int runCommandLine(int count, const char* const* arguments, std::FILE* results, 
   Settings settings;
   Chosen chosen;
   CLI::App app{"kelgw: look at and change both sides of a Kel gateway.", "kelgw"};
-  app.footer(fmt::format("{}{}", mainFooter, exitCodes));
   app.require_subcommand(1);
   app.fallthrough();
   app.add_option("--store", settings.store,
@@ -103,16 +140,13 @@ int runCommandLine(int count, const char* const* arguments, std::FILE* results, 
   addStatus(app, chosen);
   addExplain(app, chosen);
 
-  // Every help text ends with the exit codes, so that nobody has to look for them.
   for (CLI::App* const command : app.get_subcommands([](CLI::App*) { return true; })) {
-    for (CLI::App* const sub : command->get_subcommands([](CLI::App*) { return true; })) {
-      sub->footer(fmt::format("{}\n{}", sub->get_footer(), exitCodes));
-      sub->fallthrough();
-    }
-    command->footer(
-        fmt::format("{}{}{}", command->get_footer(), command->get_footer().empty() ? "" : "\n", exitCodes));
-    command->fallthrough();
+    const auto parts = command->get_subcommands([](CLI::App*) { return true; });
+    std::for_each(parts.begin(), parts.end(), finish);
+    finish(command);
   }
+  // Last, because a subcommand takes over the footer that its parent has when it is made.
+  app.footer(fmt::format("{}{}", mainFooter, exitCodes));
 
   try {
     app.parse(count, arguments);
@@ -121,7 +155,8 @@ int runCommandLine(int count, const char* const* arguments, std::FILE* results, 
     std::ostringstream complaint;
     const int code = app.exit(error, help, complaint);
     const std::string helpText = help.str();
-    const std::string complaintText = complaint.str();
+    const std::string unknown = code == 0 ? std::string() : unknownCommand(app, count, arguments);
+    const std::string complaintText = unknown.empty() ? complaint.str() : "kelgw: " + unknown + "\n";
     std::fwrite(helpText.data(), 1, helpText.size(), results);
     std::fwrite(complaintText.data(), 1, complaintText.size(), remarks);
     std::fflush(results);

@@ -78,6 +78,25 @@ TEST(CommandLine, AnswersMisuseWithTwoAndSaysWhy) {
   }
 }
 
+TEST(CommandLine, NamesTheCommandThatDoesNotExist) {
+  EXPECT_EQ(run({"fly"}).remarks,
+            "kelgw: there is no command \"fly\" here; there are: apply check dp kel status explain\n");
+  EXPECT_EQ(run({"--store", "x", "dp", "fly"}).remarks,
+            "kelgw: there is no command \"fly\" here; there are: ls get set watch\n");
+}
+
+TEST(CommandLine, TakesANegativeNumberAsAValue) {
+  // It gets as far as the store, which is not there.
+  EXPECT_EQ(run({"--store", "redis+unix:///nowhere.sock", "dp", "set", "A.b", "-3"}).code, exitUnreachable);
+  EXPECT_EQ(run({"--store", "redis+unix:///nowhere.sock", "dp", "set", "A.b", "-1.5e-3"}).code,
+            exitUnreachable);
+}
+
+TEST(CommandLine, NamesTheExitCodesOnceInEachHelpText) {
+  const std::string help = run({"kel", "--help"}).results;
+  EXPECT_EQ(help.find("Exit codes:"), help.rfind("Exit codes:")) << help;
+}
+
 TEST(CommandLine, RefusesBadInputBeforeItLooksForAServer) {
   // Port 1 of this machine answers nobody: only a refusal that needs no server gives 2.
   EXPECT_EQ(run({"--kel", "mqtt://127.0.0.1:1", "kel", "pub", "x", "a=int:many"}).code, exitBadInput);

@@ -98,11 +98,14 @@ int run(const std::string& path, bool live, Context& context) {
       context.out.line(
           fmt::format("{}:{}: {}: {}", path, finding.line, escapeText(finding.publication), finding.what));
     }
+    const auto counted = [](std::size_t count, const char* what) {
+      return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+    };
     context.out.line(fmt::format(
-        "{}: {} elements, {} fed from {} publications, {} publications sent{}", path, plant.elements.size(),
-        fed, plant.subscribe.size(), plant.publish.size(),
-        findings.empty() ? ": all right"
-                         : fmt::format(": {} of it cannot work with what is live now", findings.size())));
+        "{}: {}, {} fed by {}; {} sent: {}", path, counted(plant.elements.size(), "element"), fed,
+        counted(plant.subscribe.size(), "publication"), counted(plant.publish.size(), "publication"),
+        findings.empty() ? "all right"
+                         : counted(findings.size(), "thing") + " cannot work with what is live now"));
   }
   return findings.empty() ? exitDone : exitNotHeld;
 }

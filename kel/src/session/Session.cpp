@@ -228,7 +228,7 @@ void Session::up() {
   const MutexLock lock(mutex_);
   if (closing_) return;
   if (everUp_) ++reconnects_;
-  if (!std::exchange(everUp_, true)) log(LogLevel::info, "connected to " + address_);
+  if (!std::exchange(everUp_, true) && !awaited_) log(LogLevel::info, "connected to " + address_);
   transition(link_, LinkState::syncing, "link", "up");
   peers_.clear("link up");
   subscribes_.linkUp();
@@ -249,6 +249,11 @@ void Session::down(std::string_view reason) {
   inbox_.linkDown("the link to the broker is lost: " + std::string(reason));
   outbox_.linkDown();
   wakeFlush();
+}
+
+void Session::unreachable(std::string_view /*reason*/) {
+  const MutexLock lock(mutex_);
+  awaited_ = true;
 }
 
 void Session::message(std::string_view topic, std::string_view payload, bool retained) {

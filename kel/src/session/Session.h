@@ -54,6 +54,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   // TransportListener, on the transport's thread.
   void up() override;
   void down(std::string_view reason) override;
+  void unreachable(std::string_view reason) override;
   void message(std::string_view topic, std::string_view payload, bool retained) override;
   void published(std::uint64_t token, std::string_view failure) override;
   void subscribed(std::uint64_t token, std::string_view failure) override;
@@ -95,6 +96,8 @@ class Session final : public KelFactory, private TransportListener, private Publ
 
   LinkState link_ KEL_GUARDED_BY(mutex_) = LinkState::down;
   bool everUp_ KEL_GUARDED_BY(mutex_) = false;
+  bool awaited_ KEL_GUARDED_BY(mutex_) =
+      false;  ///< an attempt failed: the transport will tell when one succeeds
   bool closing_ KEL_GUARDED_BY(mutex_) = false;
   bool withdrawn_ KEL_GUARDED_BY(mutex_) = false;  ///< the broker has taken the withdrawal of the presence
   int flushing_ KEL_GUARDED_BY(mutex_) = 0;

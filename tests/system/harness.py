@@ -51,7 +51,8 @@ class Process:
 
     def __init__(self, arguments, env=None, cwd=None, stdin=False):
         self.arguments = [str(argument) for argument in arguments]
-        self.child = subprocess.Popen(self.arguments, stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, stdout=subprocess.PIPE,
+        # The child ends with the test run, whatever ends that.
+        self.child = subprocess.Popen(["setpriv", "--pdeathsig", "TERM", "--", *self.arguments], stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, stdout=subprocess.PIPE,
                                       stderr=subprocess.PIPE, env={**os.environ, **(env or {})}, cwd=cwd)
         self.out, self.err = [], []
         self.readers = [threading.Thread(target=self._read, args=pair, daemon=True)
@@ -83,6 +84,13 @@ class Process:
         for reader in self.readers:
             reader.join(5)
         return code
+
+    def wait_for(self, what, condition):
+        """As wait_until(), but the end of the process is a failure at once."""
+        def met():
+            assert self.running(), f"it ended instead of: {what}\n{self.said()}"
+            return condition()
+        return wait_until(lambda: what + "\n" + self.said(), met)
 
     def stop(self, limit=20.0):
         if self.running():
@@ -121,7 +129,7 @@ class Redis:
         self.process = Process(["redis-server", "--port", "0", "--unixsocket", self.path, "--dir", self.folder, "--save", "",
                                 "--appendonly", "yes", "--appendfsync", "everysec", "--maxmemory-policy", "noeviction",
                                 "--daemonize", "no", *self.settings])
-        wait_until(lambda: "redis to start\n" + self.process.said(), self._answers)
+        self.process.wait_for("redis to start", self._answers)
         return self
 
     def _answers(self):
@@ -190,12 +198,12 @@ class Broker:
         path = os.path.join(self.folder, "mosquitto.conf")
         with open(path, "w", encoding="utf-8") as config:
             config.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n"
-                         "max_inflight_messages 1000\nmax_queued_messages 0\nmax_packet_size 0\n"
+                         "max_inflight_messages 1000\nmax_queued_messages 0\n"
                          f"persistence true\npersistence_location {self.folder}/\n")
             if os.geteuid() == 0:
                 config.write("user root\n")
         self.process = Process(["mosquitto", "-c", path])
-        wait_until(lambda: "mosquitto to start\n" + self.process.said(), self._answers)
+        self.process.wait_for("mosquitto to start", self._answers)
         return self
 
     def _answers(self):
@@ -279,8 +287,12 @@ class Site:
         self.gateways = []
 
     def start(self):
-        self.redis.start()
-        self.broker.start()
+        try:
+            self.redis.start()
+            self.broker.start()
+        except BaseException:
+            self.close()
+            raise
         return self
 
     @property

@@ -112,8 +112,9 @@ def test_one_record_feeds_all_its_elements_in_one_write(site):
         assert key(shown(reading["value"]), floating) == key(expected(kind, values[kind]), floating)
         assert not reading["invalid"]
         assert reading["stimeMs"] == START_NS // 1_000_000
-    writes = [written for _, _, _, written in site.log() if "All.e0" in written]
+    writes = [written for _, _, _, written in site.log() if "v" in written.get("All.e0", ("", None))[0]]
     assert len(writes) == 1 and sorted(writes[0]) == sorted(elements), "one write has to carry all elements"
+    assert all(sorted(letters) == ["1", "2", "i", "v"] for letters, _ in writes[0].values())
 
 
 def test_the_unnamed_value_and_tags_of_every_sort_are_found(site):

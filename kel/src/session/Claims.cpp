@@ -209,7 +209,9 @@ void Outbox::tick() {
   std::vector<Name*> again;
   for (auto& [coded, name] : names_) {
     // A rival that never said that it owns the name may itself be waiting; an owner answers the next claim.
+    // One that is not confirmed to live has the time of its presence.
     if (name->state == PublicationState::waiting && !name->rivalIsOwner &&
+        ports_.peers.state(name->rival) != PeerState::unconfirmed &&
         ports_.now - name->waitingSince >= ports_.transport.keepAlive()) {
       again.push_back(name.get());
     }

@@ -426,7 +426,7 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
   const MutexLock lock(mutex_);
   noteStall(now);
   if (closing_ || (link_ != LinkState::syncing && link_ != LinkState::synced)) return;
-  const auto keepAlive = transport_->keepAlive();
+  const milliseconds keepAlive = transport_->keepAlive();
   const auto sincePresence = now - presenceSent_;
   if (sincePresence >= keepAlive / 2 || (presenceDue_ && sincePresence >= presencePause))
     publishPresence(true);

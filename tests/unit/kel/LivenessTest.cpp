@@ -1,0 +1,292 @@
+// Signs of life: presence, probes, and what happens when they fail to come.
+
+#include "KelFixture.h"
+#include "PayloadBuilder.h"
+#include "session/ControlPayload.h"
+#include "session/Session.h"
+
+namespace kel {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::delimited;
+using testing::intMetric;
+using testing::Journal;
+using testing::KelFixture;
+using testing::Listener;
+using testing::metric;
+using testing::number;
+
+struct LivenessTest : KelFixture {
+  /// A record of a publisher that exists only in this test.
+  static std::string record(int value, std::uint64_t sequence) {
+    return intMetric("_value", static_cast<std::uint32_t>(value)) +
+           metric("_publisher", 12, delimited(15, "ghost/1")) + metric("_seq", 4, number(11, sequence));
+  }
+  void presence(bool alive = true) {
+    broker->publish("kel/g/publisher/ghost/1",
+                    alive ? encodePresence({{"ghost", "1"}, "h", 1, 1, {}}, 1) : "", true);
+    settle();
+  }
+  void data(const std::string& payload) {
+    broker->publish("kel/g/data/x", payload, true);
+    settle();
+  }
+  std::size_t said(const std::string& topic) {
+    std::size_t count = 0;
+    for (const auto& entry : broker->recorded()) count += entry.first == topic ? 1U : 0U;
+    return count;
+  }
+};
+
+TEST_F(LivenessTest, APublisherIsHeardOfTwiceInEveryKeepAlive) {
+  broker->record("kel/g/publisher/#");
+  auto a = factory("a", "a1");
+  const std::size_t before = said("kel/g/publisher/a/a1");
+  advance(50s);
+  const std::size_t times = said("kel/g/publisher/a/a1") - before;
+  EXPECT_GE(times, 19U);
+  EXPECT_LE(times, 20U);
+}
+
+TEST_F(LivenessTest, AHalfOpenPublisherIsGoneWithinTwoKeepAlivesAndTwoSeconds) {
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  auto a = factory("a", "a1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  send(a->createPublication("x", nullptr), 1);
+  listener.lines(2);
+  broker->freeze("a-a1");
+  advance(12s);
+  EXPECT_EQ(listener.lines(3)[2], "disconnected: publisher a is gone");
+}
+
+TEST_F(LivenessTest, AHalfOpenSubscriberLosesItsConnectionsWithinTwoKeepAlivesAndTwoSeconds) {
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  auto a = factory("a", "a1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  send(a->createPublication("x", nullptr), 1);
+  listener.lines(2);
+  broker->setReachable("none", false);
+  broker->freeze("sub-s1");
+  advance(12s);
+  const Journal journal = listener.lines(5);
+  EXPECT_TRUE(journal[2].starts_with("disconnected: ")) << journal[2];
+  EXPECT_EQ(journal[3], "connected");
+  EXPECT_EQ(journal[4], "record 1");
+}
+
+TEST_F(LivenessTest, ARecordWaitsForTheSignOfLifeOfItsPublisher) {
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  data(record(1, 1));
+  data(record(2, 2));
+  EXPECT_EQ(subscriber->counters("x").held, 1);
+  EXPECT_EQ(subscriber->counters("x").superseded, 1);
+  presence();
+  EXPECT_EQ(listener.lines(2), (Journal{"connected", "record 2"}));
+  EXPECT_TRUE(balanced(subscriber->counters()));
+}
+
+TEST_F(LivenessTest, APublisherThatIsNotHeardOfIsGoneAndItsKeptRecordComesBackWithIt) {
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  presence();
+  data(record(1, 1));
+  listener.lines(2);
+  advance(9900ms);
+  EXPECT_EQ(listener.all().size(), 2U);
+  advance(200ms);
+  EXPECT_EQ(listener.lines(3)[2], "disconnected: publisher ghost was not heard of in time");
+  presence();
+  EXPECT_EQ(listener.lines(5),
+            (Journal{"connected", "record 1", "disconnected: publisher ghost was not heard of in time",
+                     "connected", "record 1"}));
+}
+
+TEST_F(LivenessTest, ARecordThatIsHeldGoesWhenItsPublisherWithdraws) {
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  data(record(1, 1));
+  presence(false);
+  EXPECT_EQ(subscriber->counters("x").discarded, 1);
+  presence();
+  data(record(2, 2));
+  EXPECT_EQ(listener.lines(2), (Journal{"connected", "record 2"}));
+}
+
+TEST_F(LivenessTest, ManyProbesGetOneAnswer) {
+  auto a = factory("a", "a1");
+  advance(1s);
+  broker->record("kel/g/publisher/#");
+  for (int i = 0; i < 50; ++i) broker->publish("kel/g/probe", "somebody", false);
+  settle();
+  advance(100ms);
+  EXPECT_LE(said("kel/g/publisher/a/a1"), 2U);
+  EXPECT_GE(said("kel/g/publisher/a/a1"), 1U);
+}
+
+TEST_F(LivenessTest, APresenceThatALateWillTookAwayIsPublishedAgain) {
+  auto a = factory("a", "a1");
+  broker->publish("kel/g/publisher/a/a1", "", true);
+  settle();
+  EXPECT_NE(broker->retained("kel/g/publisher/a/a1"), "");
+}
+
+TEST_F(LivenessTest, ANewcomerLearnsOfThePublishersWithinAMoment) {
+  auto a = factory("a", "a1");
+  send(a->createPublication("x", nullptr), 1);
+  advance(2s);
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  advance(200ms);
+  EXPECT_EQ(listener.lines(2), (Journal{"connected", "record 1"}));
+}
+
+/// A transport that does nothing by itself: the test is the network.
+class ScriptedTransport final : public KelTransport {
+ public:
+  void start(TransportListener& listener, TransportIdentity identity) override {
+    to = &listener;
+    will = identity.will.topic;
+  }
+  void stop(bool /*clean*/) override {}
+  bool publish(const OutgoingMessage& message, std::uint64_t token) override {
+    published.emplace_back(message.topic, *message.payload);
+    expiry = message.expirySeconds;
+    tokens.push_back(token);
+    return true;
+  }
+  bool subscribe(const std::string& filter, int /*qos*/, std::uint64_t token) override {
+    subscribed.emplace_back(filter, token);
+    return true;
+  }
+  bool unsubscribe(const std::string& /*filter*/) override { return true; }
+  [[nodiscard]] std::chrono::seconds keepAlive() const override { return 5s; }
+
+  TransportListener* to = nullptr;
+  std::string will;
+  std::optional<std::uint32_t> expiry;  ///< of the last message
+  std::vector<std::pair<std::string, std::string>> published;
+  std::vector<std::uint64_t> tokens;
+  std::vector<std::pair<std::string, std::uint64_t>> subscribed;
+};
+
+struct ScriptedSession : ::testing::Test {
+  ScriptedSession() {
+    auto owned = std::make_unique<ScriptedTransport>();
+    network = owned.get();
+    KelOptions options;
+    options.wallClockNanoseconds = [] { return std::int64_t{1}; };
+    KelUrl url;
+    url.group = "g";
+    session = std::make_unique<Session>("me", "m1", url, options, std::move(owned));
+  }
+  ~ScriptedSession() override {
+    network->to->down("the end");
+    session.reset();
+  }
+  void answerAll() {
+    for (; answered < network->subscribed.size(); ++answered) {
+      network->to->subscribed(network->subscribed[answered].second, "");
+    }
+  }
+
+  ScriptedTransport* network = nullptr;
+  std::unique_ptr<Session> session;
+  std::size_t answered = 0;
+  const std::chrono::steady_clock::time_point t0{1h};
+};
+
+TEST_F(ScriptedSession, AsksForPresenceFirstAndHasItsOwnAsItsWill) {
+  network->to->tick(t0);
+  network->to->up();
+  ASSERT_EQ(network->subscribed.size(), 2U);
+  EXPECT_EQ(network->subscribed[0].first, "kel/g/publisher/#");
+  EXPECT_EQ(network->subscribed[1].first, "kel/g/probe");
+  ASSERT_EQ(network->published.size(), 1U);
+  EXPECT_EQ(network->published[0].first, "kel/g/publisher/me/m1");
+  EXPECT_EQ(network->expiry, 10U) << "two keep-alives";
+  EXPECT_EQ(network->will, "kel/g/publisher/me/m1");
+}
+
+TEST_F(ScriptedSession, ClaimsNothingBeforeItsOwnPresenceIsBack) {
+  session->createPublication("x", nullptr);
+  network->to->tick(t0);
+  network->to->up();
+  answerAll();
+  EXPECT_EQ(network->subscribed.size(), 2U);
+  network->to->message("kel/g/publisher/me/m1", network->published[0].second, true);
+  EXPECT_EQ(network->subscribed.size(), 2U) << "kept from an earlier link: proves nothing";
+  network->to->message("kel/g/publisher/me/m1", network->published[0].second, false);
+  ASSERT_EQ(network->subscribed.size(), 3U);
+  EXPECT_EQ(network->subscribed[2].first, "kel/g/claim/x");
+  answerAll();
+  EXPECT_EQ(network->published.back().first, "kel/g/claim/x");
+}
+
+TEST_F(ScriptedSession, DoesNotTakeEverybodyForGoneAfterItWasStoppedItself) {
+  Listener listener;
+  session->createSubscription("x", &listener);
+  network->to->tick(t0);
+  network->to->up();
+  network->to->message("kel/g/publisher/ghost/1", "\x08\x01", false);
+  network->to->message("kel/g/data/x", LivenessTest::record(1, 1), true);
+  listener.lines(2);
+  // A minute in which this process did not run; what arrived meanwhile is read after the tick.
+  network->to->tick(t0 + 60s);
+  network->to->message("kel/g/publisher/ghost/1", "\x08\x01", false);
+  for (auto time = 60s; time < 69s; time += 1s) network->to->tick(t0 + time);
+  network->to->message("kel/g/data/x", LivenessTest::record(2, 2), false);
+  EXPECT_EQ(listener.lines(3), (Journal{"connected", "record 1", "record 2"}));
+  network->to->down("over");
+  listener.lines(4);
+}
+
+TEST_F(ScriptedSession, SubscribesToManyTopicsWithoutFloodingTheBroker) {
+  Listener listener;
+  for (int i = 0; i < 500; ++i) session->createSubscription(("x" + std::to_string(i)).c_str(), &listener);
+  network->to->tick(t0);
+  network->to->up();
+  EXPECT_EQ(network->subscribed.size(), 64U);
+  for (; answered < network->subscribed.size(); ++answered) {
+    network->to->subscribed(network->subscribed[answered].second, "");
+    EXPECT_LE(network->subscribed.size() - answered - 1, 64U);
+  }
+  EXPECT_EQ(network->subscribed.size(), 502U);
+}
+
+TEST_F(ScriptedSession, KeepsAtMostTwoHundredRecordsUnderWay) {
+  KelPublication* publication = session->createPublication("x", nullptr);
+  network->to->tick(t0);
+  network->to->up();
+  answerAll();
+  network->to->message("kel/g/publisher/me/m1", network->published[0].second, false);
+  answerAll();
+  const std::string claim = network->published.back().second;
+  network->to->message("kel/g/claim/x", claim, false);
+  const std::size_t before = network->published.size();
+  KelData data;
+  for (int i = 0; i < 1000; ++i) publication->send(data, KelTimestamp(1));
+  EXPECT_EQ(network->published.size() - before, 200U);
+  EXPECT_EQ(session->counters().outgoingPending, 1000);
+  for (std::size_t i = before; i < network->tokens.size(); ++i)
+    network->to->published(network->tokens[i], "");
+  EXPECT_EQ(network->published.size() - before, 1000U);
+  EXPECT_EQ(session->counters().outgoingPending, 0);
+  EXPECT_EQ(session->counters().acknowledged, 1000);
+}
+
+}  // namespace
+}  // namespace kel

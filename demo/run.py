@@ -213,7 +213,8 @@ class Demonstration:
         self.kel_url = f"mqtt://127.0.0.1:{port}?group={GROUP}"
         config = os.path.join(self.folder, "mosquitto.conf")
         with open(config, "w", encoding="utf-8") as file:
-            file.write(f"listener {port} 127.0.0.1\nallow_anonymous true\npersistence false\nset_tcp_nodelay true\n")
+            file.write(f"listener {port} 127.0.0.1\nallow_anonymous true\npersistence false\nset_tcp_nodelay true\n"
+                       "max_inflight_messages 200\nmax_queued_messages 1000000\n")
             if os.geteuid() == 0:
                 file.write("user root\n")
         broker = self.start_child("mosquitto", "mosquitto", "-c", config)
@@ -241,7 +242,7 @@ class Demonstration:
         if self.publications:
             self.witness = self.start_child("subscriber", self.program("kelgw"), "kel", "sub", *self.publications, "--json")
         self.input = self.start_child("live-input", self.program("kel-live-input"), "--summary-json")
-        say(f"gateway and live input are running; look deeper from a second terminal:")
+        say("gateway and live input are running; look deeper from a second terminal:")
         store, kel = f"PVSS_STORE={self.store_url}", f"KEL_URL='{self.kel_url}'"
         self.hints = [f"{store} {self.program('kelgw')} dp watch 'Machine.*'",
                       f"{kel} {self.program('kelgw')} kel sub machine/load machine/cpu",
@@ -291,10 +292,10 @@ class Demonstration:
 
     def lines(self, readings):
         for reading in readings:
-            stamp = (reading["stimeMs"], reading["invalid"])
-            if reading["stimeMs"] and self.shown.get(reading["name"]) != stamp:
-                self.shown[reading["name"]] = stamp
-                name, value, quality, invalid, when = self.row(reading)
+            # Every second everything arrives anew; here a line is worth it when something is different.
+            name, value, quality, invalid, when = self.row(reading)
+            if reading["stimeMs"] and self.shown.get(name) != (value, quality, invalid):
+                self.shown[name] = (value, quality, invalid)
                 print(f"{when}  {name} = {value}  {quality}, {invalid}", flush=True)
 
     def draw(self, readings):
@@ -391,6 +392,8 @@ class Demonstration:
 
 
 def short(value):
+    if isinstance(value, bool):
+        return "true" if value else "false"
     return f"{value:.4g}" if isinstance(value, float) else "-" if value is None else str(value)
 
 

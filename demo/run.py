@@ -350,8 +350,8 @@ class Demonstration:
             kel = self.gateway_counters()
             manager = {name: int(text) for name, text in self.log.manager().items() if text.isdigit()}
             now = (kel["received"], kel["delivered"], kel["sends"], manager["queued"], manager["confirmed"])
-            # Still for a second and a heartbeat, and nothing on its way.
-            if now == previous and kel["received"] >= sent["sent"] and manager["confirmed"] == manager["queued"] \
+            # Still for a heartbeat and more, and nothing on its way.
+            if now == previous and kel["received"] >= sent["sent"] and manager["pending"] == 0 \
                     and kel["pending"] == 0 and kel["outgoingPending"] == 0:
                 break
             if time.monotonic() > end:

@@ -70,6 +70,11 @@ TEST_F(Functions, TimeOfTheFlagMovesOnlyWhenTheFlagChanges) {
   EXPECT_THAT(hash("A.f"), ElementsAre("3", "0", "", "", "1900", "1800"));
 }
 
+TEST_F(Functions, OrderOfTheLettersDoesNotMatterBeforeTheValue) {
+  set("w", "1", "0", "1700", "", "A.f", "21i0v3");
+  EXPECT_THAT(hash("A.f"), ElementsAre("3", "0", "", "1", "1700", "1700"));
+}
+
 TEST_F(Functions, SameClientSequenceIsAppliedOnce) {
   EXPECT_EQ(set("w", "5", "0", "1700", "", "A.f", "v1"), "2");
   EXPECT_EQ(set("w", "5", "0", "1700", "", "A.f", "v2"), "0");

@@ -1,73 +1,20 @@
-// What the Redis store does when servers, functions, logs and rivals do not do what one would wish.
+// What the Redis store does when servers, functions and rivals do not do what one would wish.
 #include <gmock/gmock.h>
 
-#include "RedisServer.h"
-#include "StoreProbe.h"
-#include "pvss/StoreAdmin.h"
-#include "pvss/TextVar.h"
+#include "RedisProbe.h"
 
 namespace {
 
 using pvss::WriteOutcome;
+using storetest::countOf;
+using storetest::name;
+using storetest::prepare;
 using storetest::RedisServer;
 using storetest::StoreProbe;
+using storetest::valueInStore;
+using storetest::writeAll;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-constexpr const char* name = "A.f";
-
-void prepare(const RedisServer& server, DpElementType type = DPELEMENT_FLOAT) {
-  pvss::StoreAdmin admin(server.address());
-  admin.installFunctions();
-  pvss::StoreElement element;
-  element.name = name;
-  element.type = type;
-  admin.putElements({element});
-}
-
-std::string valueInStore(const RedisServer& server) {
-  return server.cli({"HGET", std::string("dp:d:") + name, "v"});
-}
-
-std::size_t countOf(const std::string& text, const std::string& part) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
-
-/// Writes batches begin..end through the probe as a manager would: kept until confirmed, offered again after
-/// a loss. True when all of them were confirmed.
-bool writeAll(StoreProbe& probe, std::uint64_t begin, std::uint64_t end,
-              const std::function<void(std::uint64_t)>& atConfirmed = {}) {
-  std::uint64_t next = begin;
-  std::uint64_t confirmed = begin - 1;
-  std::size_t downs = probe.downs.size();
-  std::size_t ups = probe.greetings.size();
-  probe.onConfirmed = [&](const StoreProbe::Confirmation& c) {
-    confirmed = c.clientSequence;
-    if (atConfirmed) atConfirmed(confirmed);
-  };
-  const bool done = probe.until(
-      [&] {
-        if (probe.downs.size() != downs) {
-          downs = probe.downs.size();
-          next = confirmed + 1;
-        }
-        if (probe.greetings.size() != ups) {
-          ups = probe.greetings.size();
-          confirmed = std::max(confirmed, probe.greetings.back().lastClientSequence);
-          next = confirmed + 1;
-        }
-        while (next <= end && probe.store().write(probe.batch(next, static_cast<std::int64_t>(1000 + next),
-                                                              name, static_cast<double>(next)))) {
-          ++next;
-        }
-        return confirmed == end;
-      },
-      std::chrono::seconds(60));
-  probe.onConfirmed = nullptr;
-  return done;
-}
 
 TEST(RedisFaults, ServerAwayAtStartIsOneLineWithAddressAndReasonAndOneWhenItIsBack) {
   RedisServer server(RedisServer::Keep::nothing, false);
@@ -134,6 +81,26 @@ TEST(RedisFaults, OtherVersionOfTheFunctionsIsNotUsed) {
   EXPECT_EQ(countOf(said, "function library 0"), 1U) << said;
 }
 
+TEST(RedisFaults, GatewayWorksWithNoMoreRightsThanDocumented) {
+  RedisServer server;
+  prepare(server);
+  server.cli({"ACL",         "SETUSER", "kel",      "on",      ">topsecret", "~dp:*",    "+fcall",
+              "+xread",      "+ping",   "+info",    "+select", "+@hash",     "+@string", "+@stream",
+              "+@sortedset", "+@list",  "+pexpire", "+pttl",   "+del",       "+time"});
+  const std::string file = server.folder() + "/pw";
+  ASSERT_EQ(std::system(("printf topsecret > " + file).c_str()), 0);
+  StoreProbe probe(server.address() + "?user=kel&passfile=" + file, "7.a");
+  ASSERT_TRUE(probe.untilUp());
+  ASSERT_TRUE(writeAll(probe, 1, 10));
+  probe.store().beat({{"state", "running"}});
+  probe.store().readSnapshot(1, {probe.intern(name)});
+  ASSERT_TRUE(probe.until([&] { return probe.answers.size() == 1 && probe.changes.size() == 10; }));
+  EXPECT_TRUE(probe.downs.empty());
+  EXPECT_EQ(server.cli({"HGET", "dp:mgr:7", "state"}), "running");
+  pvss::StoreAdmin tool(server.address() + "?user=kel&passfile=" + file);
+  EXPECT_THROW(tool.installFunctions(), pvss::StoreError) << "the gateway's user cannot load code";
+}
+
 TEST(RedisFaults, PasswordThatIsMissingIsSaid) {
   RedisServer server(RedisServer::Keep::nothing, false);
   server.start({"--requirepass", "topsecret"});
@@ -179,28 +146,6 @@ TEST(RedisFaults, ResentWriteThatWasAppliedIsADuplicate) {
   EXPECT_EQ(valueInStore(server), "3");
 }
 
-TEST(RedisFaults, ConnectionCutWithTheServerAliveGoesOnWithoutAGap) {
-  RedisServer server;
-  prepare(server);
-  StoreProbe probe(server.address(), "7.a");
-  ASSERT_TRUE(probe.untilUp());
-  ASSERT_TRUE(writeAll(probe, 1, 50));
-  server.cli({"CLIENT", "KILL", "TYPE", "normal"});
-  pvss::StoreAdmin other(server.address());
-  pvss::StoreWrite write;
-  write.name = name;
-  write.value = std::make_shared<FloatVar>(77.0);
-  other.write({write}, 5);
-  ASSERT_TRUE(probe.untilUp(2));
-  ASSERT_TRUE(writeAll(probe, 51, 100));
-  ASSERT_TRUE(probe.until([&] { return probe.changes.size() >= 101; }));
-  EXPECT_TRUE(probe.gaps.empty());
-  for (std::size_t i = 0; i < probe.changes.size(); ++i) EXPECT_EQ(probe.changes[i].sequence, i + 2);
-  EXPECT_EQ(probe.downs.size(), 1U);
-  EXPECT_EQ(probe.greetings[1].lastClientSequence, 50U);
-  EXPECT_EQ(probe.greetings[1].runId, probe.greetings[0].runId);
-}
-
 TEST(RedisFaults, WipedStoreIsNoticedAndNewestValuesCanBeRestored) {
   RedisServer server;
   prepare(server);
@@ -238,26 +183,6 @@ TEST(RedisFaults, WipeUnderWritesOnTheirWayLosesNone) {
   }));
   EXPECT_EQ(server.cli({"HGET", "dp:cli", "7.a"}).substr(0, 5), "3000 ");
   EXPECT_EQ(valueInStore(server), "3000");
-}
-
-TEST(RedisFaults, LogTrimmedPastTheReaderIsAGapAndTheRestIsDelivered) {
-  RedisServer server;
-  prepare(server);
-  StoreProbe probe(server.address(), "7.a");
-  ASSERT_TRUE(probe.untilUp());
-  server.cli({"CLIENT", "KILL", "TYPE", "normal"});
-  pvss::StoreAdmin other(server.address());
-  pvss::StoreWrite write;
-  write.name = name;
-  write.value = std::make_shared<FloatVar>(1.0);
-  for (int i = 0; i < 10; ++i) other.write({write}, i + 1);
-  server.cli({"XTRIM", "dp:log", "MAXLEN", "3"});
-  ASSERT_TRUE(probe.until([&] { return probe.changes.size() >= 3; }));
-  EXPECT_EQ(probe.gaps.size(), 1U);
-  EXPECT_THAT(probe.gaps.at(0), HasSubstr("2 to 8"));
-  EXPECT_EQ(probe.changes.at(0).sequence, 9U);
-  EXPECT_THAT(probe.events,
-              ElementsAre("catalogue", "catalogue", "gap", "change 9", "change 10", "change 11"));
 }
 
 TEST(RedisFaults, SecondManagerWithTheNumberWaitsAndTakesOverAfterTheLease) {
@@ -350,118 +275,6 @@ TEST(RedisFaults, RefusedWriteIsConfirmedAsSuchAndThoseBehindItPass) {
   EXPECT_EQ(probe.confirmations[0].text, "no such element: No.such");
   EXPECT_EQ(probe.confirmations[1].outcome, WriteOutcome::applied);
   EXPECT_TRUE(probe.downs.empty());
-}
-
-TEST(RedisFaults, WindowIsBoundedAndOpensWithConfirmations) {
-  RedisServer server;
-  prepare(server);
-  pvss::redis::RedisStoreOptions options;
-  options.windowBatches = 10;
-  StoreProbe probe(server.address(), "7.a", options);
-  ASSERT_TRUE(probe.untilUp());
-  std::uint64_t taken = 0;
-  while (probe.store().write(probe.batch(taken + 1, 1, name, 1))) ++taken;
-  EXPECT_EQ(taken, 10U);
-  ASSERT_TRUE(probe.until([&] { return probe.confirmations.size() == 10; }));
-  EXPECT_TRUE(probe.store().write(probe.batch(11, 1, name, 1)));
-}
-
-TEST(RedisFaults, ValueTooLargeForTheLogArrivesInItsPlace) {
-  RedisServer server;
-  prepare(server, DPELEMENT_TEXT);
-  StoreProbe probe(server.address(), "7.a");
-  ASSERT_TRUE(probe.untilUp());
-  const auto text = [&](std::uint64_t sequence, std::size_t size) {
-    pvss::WriteBatch out = probe.batch(sequence, 1, name, 0);
-    out.elements[0].value = std::make_shared<TextVar>(std::string(size, 'x').c_str());
-    return out;
-  };
-  ASSERT_TRUE(probe.store().write(text(1, 10)));
-  ASSERT_TRUE(probe.until([&] { return probe.changes.size() == 1; }));
-  ASSERT_TRUE(probe.store().write(text(2, 200000)));
-  ASSERT_TRUE(probe.store().write(text(3, 20)));
-  ASSERT_TRUE(probe.until([&] { return probe.changes.size() == 3; }));
-  EXPECT_THAT(probe.events, ElementsAre("catalogue", "change 2", "change 3", "change 4"));
-  EXPECT_EQ(probe.changes[1].elements.at(0).mask, pvss::attributeValue | pvss::attributeInvalid);
-  EXPECT_NE(probe.changes[1].elements.at(0).value, nullptr);
-  EXPECT_EQ(StoreProbe::textOf(probe.changes[2].elements.at(0)).size(), 20U);
-  EXPECT_TRUE(probe.gaps.empty());
-}
-
-TEST(RedisFaults, SnapshotInSeveralCallsIsTrueAsOfOneSequence) {
-  RedisServer server;
-  prepare(server);
-  constexpr int elements = 300;
-  std::vector<pvss::StoreElement> all;
-  for (int i = 0; i < elements; ++i) {
-    pvss::StoreElement element;
-    element.name = "N." + std::to_string(i);
-    element.type = DPELEMENT_FLOAT;
-    all.push_back(element);
-  }
-  pvss::StoreAdmin admin(server.address());
-  admin.putElements(all);
-  pvss::redis::RedisStoreOptions options;
-  options.snapshotElements = 7;
-  StoreProbe reader(server.address(), "8.reader", options, 8);
-  StoreProbe writer(server.address(), "7.writer");
-  ASSERT_TRUE(reader.untilUp());
-  ASSERT_TRUE(writer.untilUp());
-  std::vector<pvss::ElementId> wanted;
-  for (const auto& element : all) wanted.push_back(reader.intern(element.name));
-
-  // Batch k writes k to one element after the other, so what is true as of a sequence can be computed.
-  const std::uint64_t base = writer.greetings[0].logSequence;
-  std::uint64_t written = 0;
-  bool differed = false;
-  for (std::uint64_t request = 1; request <= 30; ++request) {
-    const std::size_t before = reader.answers.size();
-    reader.store().readSnapshot(request, wanted);
-    ASSERT_TRUE(reader.until([&] {
-      for (int i = 0; i < 5; ++i) {
-        const std::string target = "N." + std::to_string(written % elements);
-        if (!writer.store().write(writer.batch(written + 1, 1, target, static_cast<double>(written + 1))))
-          break;
-        ++written;
-      }
-      writer.store().poll(std::chrono::microseconds(0));
-      reader.store().poll(std::chrono::microseconds(0));
-      return reader.answers.size() > before;
-    }));
-    const auto& answer = reader.answers.back();
-    EXPECT_EQ(answer.request, request);
-    ASSERT_EQ(answer.states.size(), static_cast<std::size_t>(elements));
-    const std::uint64_t upTo = answer.sequence - base;
-    differed = differed || upTo > 0;
-    for (std::uint64_t i = 0; i < elements; ++i) {
-      std::uint64_t last = 0;  // the newest k <= upTo that wrote element i
-      if (upTo > i) last = ((upTo - 1 - i) / elements) * elements + i + 1;
-      const std::string expected = last == 0 ? "-" : std::to_string(last);
-      ASSERT_EQ(StoreProbe::textOf(answer.states[i].attributes), expected)
-          << "element " << i << " as of " << upTo;
-    }
-  }
-  EXPECT_TRUE(differed);
-}
-
-TEST(RedisFaults, CatalogueChangesComeInOrderWithValues) {
-  RedisServer server;
-  prepare(server);
-  StoreProbe probe(server.address(), "7.a");
-  ASSERT_TRUE(probe.untilUp());
-  pvss::StoreAdmin admin(server.address());
-  pvss::StoreElement element;
-  element.name = "N.x";
-  element.type = DPELEMENT_FLOAT;
-  pvss::StoreWrite write;
-  write.name = "N.x";
-  write.value = std::make_shared<FloatVar>(1.0);
-  admin.putElements({element});
-  admin.write({write}, 1);
-  admin.removeElements({"N.x"});
-  ASSERT_TRUE(probe.until([&] { return probe.catalogueChanges.size() == 2; }));
-  EXPECT_THAT(probe.events, ElementsAre("catalogue", "defined N.x", "change 3", "removed N.x"));
-  EXPECT_EQ(StoreProbe::textOf(probe.changes.at(0).elements.at(0)), "1");
 }
 
 }  // namespace

@@ -80,11 +80,13 @@ bool RedisStore::poll(std::chrono::microseconds atMost) {
         state_ == LinkState::leaseTaken) {
       until = std::min(until, retryAt_);
     }
+    if (!called_) pace(deadline);
     waits_[0] = commands_.wanted();
     waits_[1] = log_.wanted();
     const timespec wait = timespecOf(std::max(until - now_, Clock::duration::zero()));
     const int events = ::ppoll(waits_.data(), waits_.size(), &wait, nullptr);
     if (events > 0) {
+      wakesUntil_ = std::max(wakesUntil_, now_) + options_.wakeInterval;
       // A callback of the first may close the second, whose descriptor then means nothing any more.
       const int logDescriptor = waits_[1].fd;
       if (waits_[0].revents != 0) commands_.onReady(waits_[0].revents, now_);
@@ -96,6 +98,17 @@ bool RedisStore::poll(std::chrono::microseconds atMost) {
     now_ = Clock::now();
     if (now_ >= deadline) return false;
   }
+}
+
+/// Sleeps, with the sockets unseen, while wake-ups come too fast. Whoever waits for an answer is not kept
+/// waiting.
+void RedisStore::pace(Clock::time_point until) {
+  if (state_ != LinkState::up || !snapshots_.empty() || largeWaits_) return;
+  const Clock::time_point next = std::min(wakesUntil_ - options_.wakeBurst * options_.wakeInterval, until);
+  if (next <= now_) return;
+  const timespec wait = timespecOf(next - now_);
+  ::ppoll(nullptr, 0, &wait, nullptr);
+  now_ = Clock::now();
 }
 
 bool RedisStore::write(const WriteBatch& batch) {

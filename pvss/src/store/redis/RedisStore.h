@@ -33,6 +33,10 @@ struct RedisStoreOptions {
   std::chrono::milliseconds leaseRetry{1000};  ///< while another manager holds it, or functions are missing
   std::chrono::milliseconds logWait{2000};     ///< how long the server holds an idle log read
   std::size_t logEntries = 1024;               ///< entries taken in one log read
+  // Under steady traffic, poll() looks at the sockets no more often than this once a burst of so many is used
+  // up: waking up costs more than the work, and a loop that polls every millisecond loses nothing by it.
+  std::chrono::microseconds wakeInterval{1000};
+  unsigned wakeBurst = 32;
   RedisConnection::Limits limits{};
 };
 
@@ -86,6 +90,7 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   void reply(RedisConnection& connection, std::uint64_t tag, ReplyCursor reply) override;
 
   // The link: RedisStoreLink.cpp
+  void pace(Clock::time_point until);
   void enter(LinkState next, std::string_view cause);
   void onTimers();
   void restart(std::string_view reason);
@@ -140,8 +145,9 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   Clock::time_point now_{};
   Clock::time_point retryAt_{};  // in pausing, badFunctions and leaseTaken
   Clock::time_point tickAt_{};
-  std::string troubleTold_;  // what was said last on standard error, empty when all was well
-  bool called_ = false;      // the listener, during this poll
+  Clock::time_point wakesUntil_{};  // what the wake-ups so far have used up of the time
+  std::string troubleTold_;         // what was said last on standard error, empty when all was well
+  bool called_ = false;             // the listener, during this poll
 
   bool leaseKnown_ = false;  // the listener was told once
   bool leaseHeld_ = false;

@@ -87,22 +87,24 @@ local function append(kind, head, list, from, bytes)
   return seq
 end
 
--- Splits "i0" "11" "20" "v<text>" and says which letters were there; nil when it is no such text.
+-- Splits "i0" "11" "20" "v<text>" into fields to set; then the letters that were there, whether there is a value,
+-- and the flag if there is one. Nil when it is no such text.
 local function split(text)
-  local set, letters, n, p, size = {}, '', 0, 1, #text
+  local set, letters, n, p, size, flag = {}, '', 0, 1, #text, nil
   while p <= size do
     local c = string.sub(text, p, p)
     if c == 'v' then
       set[n + 1], set[n + 2] = 'v', string.sub(text, p + 1)
-      return set, letters .. 'v', true
+      return set, letters .. 'v', true, flag
     end
     local bit = string.sub(text, p + 1, p + 1)
     if (c ~= 'i' and c ~= '1' and c ~= '2') or (bit ~= '0' and bit ~= '1') then return nil end
     set[n + 1], set[n + 2] = c, bit
+    if c == 'i' then flag = bit end
     n, p, letters = n + 2, p + 2, letters .. c
   end
   if n == 0 then return nil end
-  return set, letters, false
+  return set, letters, false, flag
 end
 
 -- dp_set writer fence number previous time flags (name text)...
@@ -132,7 +134,7 @@ local function dp_set(_, args)
     local name, text = args[i], args[i + 1]
     local key = 'dp:d:' .. name
     local have = redis.pcall('HMGET', key, 'i', 't')
-    local set, letters, valued = split(text)
+    local set, letters, valued, flag = split(text)
     if have.err or not set then
       broken = name
     elseif not have[1] and not have[2] and redis.call('HEXISTS', 'dp:cat', name) == 0 then
@@ -144,7 +146,7 @@ local function dp_set(_, args)
         set[#set + 1] = 't'
         set[#set + 1] = time
       end
-      if set[1] == 'i' and set[2] ~= (have[1] or '1') then
+      if flag and flag ~= (have[1] or '1') then
         set[#set + 1] = 'ti'
         set[#set + 1] = time
       end

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The figures of the gateway, measured on this machine in one run and printed as one table of ratios.
 
-usage: bench/run.py --bin BUILD/bin [NAME...]      names: core, cpu, peer, start, publish
+usage: bench/run.py --bin BUILD/bin [NAME...]      names: core, store, cpu, peer, start
 
 Every figure has its own yardstick in the same run, because absolute numbers of a noisy machine say little.
 """
@@ -86,6 +86,18 @@ class Bench:
         rate = figure["valuesPerCpuSecond"]
         self.row("core: values per second of one core (20 fields, loopback, memory store)",
                  f"{rate / 1e6:.2f} million", ">= 1 million", rate >= 1e6)
+
+    def store(self):
+        """What one write through the store costs, its confirmation and its return by the log included."""
+        site = self.site()
+        try:
+            result = subprocess.run([self.program("bench_store"), site.redis.url], capture_output=True, text=True, check=True)
+        finally:
+            site.close()
+        figure = json.loads(result.stdout.splitlines()[-1])
+        self.row("store: CPU of a write of one element, 10,000 a second (waking up once a millisecond included)",
+                 f"{figure['paced']:.1f} µs (a poll that only sleeps: {figure['idlePoll']:.1f} µs)", "<= 5 µs",
+                 figure["paced"] <= 5)
 
     def cpu(self):
         """CPU per record through the real broker and store against a subscriber that only counts."""
@@ -202,7 +214,7 @@ class Bench:
         sys.stdout.flush()
 
 
-FIGURES = ("core", "cpu", "peer", "start")
+FIGURES = ("core", "store", "cpu", "peer", "start")
 
 
 def main():

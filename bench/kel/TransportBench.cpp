@@ -32,7 +32,7 @@ std::atomic<bool> stopped{false};
 
 double threadCpuSeconds() {
   timespec time = {};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  static_cast<void>(clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time));
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
@@ -45,7 +45,8 @@ class Counting : public kel::TransportListener {
     if (filter_.empty() || !transport_.subscribe(filter_, 1, 1)) set(ready_);
   }
   void down(std::string_view reason) override {
-    std::fprintf(stderr, "bench_transport: %.*s\n", static_cast<int>(reason.size()), reason.data());
+    static_cast<void>(
+        std::fprintf(stderr, "bench_transport: %.*s\n", static_cast<int>(reason.size()), reason.data()));
   }
   void message(std::string_view /*topic*/, std::string_view payload, bool /*retained*/) override {
     if (messages == 0) cpuBefore = threadCpuSeconds();
@@ -55,7 +56,7 @@ class Counting : public kel::TransportListener {
   }
   void published(std::uint64_t /*token*/, std::string_view /*failure*/) override { ++acknowledged; }
   void subscribed(std::uint64_t /*token*/, std::string_view failure) override {
-    if (!failure.empty()) std::fprintf(stderr, "bench_transport: the filter is refused\n");
+    if (!failure.empty()) static_cast<void>(std::fprintf(stderr, "bench_transport: the filter is refused\n"));
     set(ready_);
   }
   void tick(Clock::time_point /*now*/) override { cpuNow = threadCpuSeconds(); }
@@ -107,9 +108,10 @@ int receive(kel::KelTransport& transport, const std::string& filter) {
   while (!stopped) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   transport.stop(true);
   const double spent = counting.messages == 0 ? 0 : counting.cpuNow - counting.cpuBefore;
-  std::printf("{\"messages\": %llu, \"cpuSeconds\": %.6f, \"microsecondsPerMessage\": %.3f}\n",
-              static_cast<unsigned long long>(counting.messages), spent,
-              counting.messages == 0 ? 0 : spent * 1e6 / static_cast<double>(counting.messages));
+  static_cast<void>(
+      std::printf("{\"messages\": %llu, \"cpuSeconds\": %.6f, \"microsecondsPerMessage\": %.3f}\n",
+                  static_cast<unsigned long long>(counting.messages), spent,
+                  counting.messages == 0 ? 0 : spent * 1e6 / static_cast<double>(counting.messages)));
   return 0;
 }
 
@@ -132,9 +134,10 @@ int send(kel::KelTransport& transport, const std::string& topic, std::uint64_t c
   while (counting.acknowledged < count && !stopped) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   transport.stop(true);
-  std::printf("{\"sent\": %llu, \"seconds\": %.3f, \"perSecond\": %.0f, \"microsecondsPerMessage\": %.3f}\n",
-              static_cast<unsigned long long>(count), seconds, static_cast<double>(count) / seconds,
-              counting.cpuNow * 1e6 / static_cast<double>(count));
+  static_cast<void>(std::printf(
+      "{\"sent\": %llu, \"seconds\": %.3f, \"perSecond\": %.0f, \"microsecondsPerMessage\": %.3f}\n",
+      static_cast<unsigned long long>(count), seconds, static_cast<double>(count) / seconds,
+      counting.cpuNow * 1e6 / static_cast<double>(count)));
   return 0;
 }
 
@@ -155,10 +158,10 @@ int latency(kel::KelTransport& transport, std::uint64_t count) {
   transport.stop(true);
   std::sort(micros.begin(), micros.end());
   if (micros.empty()) return 1;
-  std::printf(
+  static_cast<void>(std::printf(
       "{\"messages\": %zu, \"medianMicroseconds\": %.0f, \"p99Microseconds\": %.0f, \"worstMicroseconds\": "
       "%.0f}\n",
-      micros.size(), micros[micros.size() / 2], micros[micros.size() * 99 / 100], micros.back());
+      micros.size(), micros[micros.size() / 2], micros[micros.size() * 99 / 100], micros.back()));
   return 0;
 }
 
@@ -169,18 +172,18 @@ int main(int argc, char** argv) {
   const bool fits =
       (mode == "receive" && argc == 4) || (mode == "send" && argc == 7) || (mode == "latency" && argc == 4);
   if (!fits) {
-    std::fprintf(
+    static_cast<void>(std::fprintf(
         stderr,
-        "usage: bench_transport receive URL FILTER | send URL TOPIC COUNT RATE SIZE | latency URL COUNT\n");
+        "usage: bench_transport receive URL FILTER | send URL TOPIC COUNT RATE SIZE | latency URL COUNT\n"));
     return 2;
   }
-  std::signal(SIGTERM, [](int) { stopped = true; });
-  std::signal(SIGINT, [](int) { stopped = true; });
+  static_cast<void>(std::signal(SIGTERM, [](int) { stopped = true; }));
+  static_cast<void>(std::signal(SIGINT, [](int) { stopped = true; }));
   std::string error;
   const auto url = kel::KelUrl::parse(argv[2], error);
   const auto transport = url ? kel::makeMqttTransport(*url, error) : nullptr;
   if (!transport) {
-    std::fprintf(stderr, "bench_transport: %s\n", error.c_str());
+    static_cast<void>(std::fprintf(stderr, "bench_transport: %s\n", error.c_str()));
     return 2;
   }
   if (mode == "receive") return receive(*transport, argv[3]);

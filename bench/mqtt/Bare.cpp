@@ -37,7 +37,7 @@ double cpuSeconds() {
 void onConnect(mosquitto* handle, void* self, int reason, int /*flags*/,
                const mosquitto_property* /*properties*/) {
   if (reason != 0) {
-    std::fprintf(stderr, "bench_bare: refused: %s\n", mosquitto_reason_string(reason));
+    static_cast<void>(std::fprintf(stderr, "bench_bare: refused: %s\n", mosquitto_reason_string(reason)));
     std::exit(3);
   }
   mosquitto_subscribe_v5(handle, nullptr, static_cast<Count*>(self)->filter.c_str(), 1, 0, nullptr);
@@ -55,11 +55,11 @@ void onMessage(mosquitto* /*handle*/, void* self, const mosquitto_message* messa
 
 int main(int argc, char** argv) {
   if (argc != 4) {
-    std::fprintf(stderr, "usage: bench_bare HOST PORT FILTER\n");
+    static_cast<void>(std::fprintf(stderr, "usage: bench_bare HOST PORT FILTER\n"));
     return 2;
   }
-  std::signal(SIGTERM, [](int) { stopped = true; });
-  std::signal(SIGINT, [](int) { stopped = true; });
+  static_cast<void>(std::signal(SIGTERM, [](int) { stopped = true; }));
+  static_cast<void>(std::signal(SIGINT, [](int) { stopped = true; }));
   Count count;
   count.filter = argv[3];
   mosquitto_lib_init();
@@ -69,17 +69,17 @@ int main(int argc, char** argv) {
   mosquitto_int_option(handle, MOSQ_OPT_RECEIVE_MAXIMUM, 200);
   mosquitto_connect_v5_callback_set(handle, onConnect);
   mosquitto_message_v5_callback_set(handle, onMessage);
-  int code = mosquitto_connect(handle, argv[1], std::atoi(argv[2]), 60);
+  int code = mosquitto_connect(handle, argv[1], static_cast<int>(std::strtol(argv[2], nullptr, 10)), 60);
   while (code == MOSQ_ERR_SUCCESS && !stopped) code = mosquitto_loop(handle, 1000, 1);
   if (code != MOSQ_ERR_SUCCESS && !stopped) {
-    std::fprintf(stderr, "bench_bare: %s\n", mosquitto_strerror(code));
+    static_cast<void>(std::fprintf(stderr, "bench_bare: %s\n", mosquitto_strerror(code)));
     return 3;
   }
   const double spent = count.messages == 0 ? 0 : cpuSeconds() - count.cpuBefore;
-  std::printf(
+  static_cast<void>(std::printf(
       "{\"messages\": %llu, \"bytes\": %llu, \"cpuSeconds\": %.6f, \"microsecondsPerMessage\": %.3f}\n",
       count.messages, count.bytes, spent,
-      count.messages == 0 ? 0 : spent * 1e6 / static_cast<double>(count.messages));
+      count.messages == 0 ? 0 : spent * 1e6 / static_cast<double>(count.messages)));
   mosquitto_destroy(handle);
   mosquitto_lib_cleanup();
   return 0;

@@ -43,7 +43,8 @@ struct Plan {
 class SaysTrouble : public KelPublicationErrorHandler {
  public:
   void handleException(KelPublication* publication, KelException& exception) override {
-    std::fprintf(stderr, "bench_flood: %s: %s\n", publication->getTopicName(), exception.what());
+    static_cast<void>(
+        std::fprintf(stderr, "bench_flood: %s: %s\n", publication->getTopicName(), exception.what()));
   }
 };
 
@@ -122,11 +123,12 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 64));
   app.add_option("--hold", plan.hold, "seconds to stay afterwards")->check(CLI::NonNegativeNumber);
   CLI11_PARSE(app, argc, argv);
-  std::signal(SIGTERM, [](int) { stopped = true; });
-  std::signal(SIGINT, [](int) { stopped = true; });
+  static_cast<void>(std::signal(SIGTERM, [](int) { stopped = true; }));
+  static_cast<void>(std::signal(SIGINT, [](int) { stopped = true; }));
 
   plan.publishers = std::min(plan.publishers, plan.publications);
   std::vector<std::unique_ptr<Publisher>> publishers;
+  publishers.reserve(static_cast<std::size_t>(plan.publishers));
   for (int p = 0; p < plan.publishers; ++p) {
     publishers.push_back(std::make_unique<Publisher>("bench-flood-" + std::to_string(p), plan.fields));
   }
@@ -136,6 +138,7 @@ int main(int argc, char** argv) {
 
   const auto start = Clock::now();
   std::vector<std::thread> threads;
+  threads.reserve(publishers.size());
   for (int p = 0; p < plan.publishers; ++p) {
     // Each has the publications p, p + publishers, ..., so round-robin over all is round-robin in each.
     const std::int64_t share = plan.records / plan.publishers + (p < plan.records % plan.publishers ? 1 : 0);
@@ -158,8 +161,8 @@ int main(int argc, char** argv) {
       {"sent", sum.sends},      {"acknowledged", sum.acknowledged},
       {"refused", sum.refused}, {"superseded", sum.outgoingSuperseded},
       {"seconds", seconds},     {"recordsPerSecond", static_cast<double>(sum.acknowledged) / seconds}};
-  std::printf("%s\n", result.dump().c_str());
-  std::fflush(stdout);
+  static_cast<void>(std::printf("%s\n", result.dump().c_str()));
+  static_cast<void>(std::fflush(stdout));
   const auto until = Clock::now() + std::chrono::seconds(plan.hold);
   while (!stopped && Clock::now() < until) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   return all && sum.acknowledged == plan.records ? 0 : 1;

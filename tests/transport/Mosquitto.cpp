@@ -123,7 +123,8 @@ void Mosquitto::writeConfiguration() const {
     text << "allow_anonymous true\n";
   } else {
     std::string lines;
-    for (const auto& [user, password] : options_.users) lines += user + ":" + password + "\n";
+    for (const auto& [user, password] : options_.users)
+      lines.append(user).append(":").append(password).append("\n");
     const std::string file = folder_.write("users", lines);
     require(runProgram({"mosquitto_passwd", "-U", file}), "mosquitto_passwd");
     text << "allow_anonymous false\npassword_file " << file << "\n";
@@ -210,6 +211,7 @@ std::string Mosquitto::log() const {
 
 int runProgram(const std::vector<std::string>& words) {
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;

@@ -29,6 +29,7 @@ using ::testing::Optional;
 TEST(Backoff, growsToItsCapAndStartsAnewAfterAReset) {
   Backoff backoff;
   std::vector<long> pauses;
+  pauses.reserve(8);
   for (int i = 0; i < 8; ++i) pauses.push_back(backoff.next(1.0).count());
   EXPECT_THAT(pauses, ::testing::ElementsAre(100, 200, 400, 800, 1600, 2000, 2000, 2000));
   backoff.reset();

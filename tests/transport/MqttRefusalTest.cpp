@@ -204,9 +204,9 @@ TEST(MqttRefusal, refusesATlsBrokerThatIsNotTheOneItAskedFor) {
   const std::string ownAuthority = "?ca=" + (broker.folder().path() / "ca.pem").string();
   const std::string otherAuthority = "?ca=" + (other.path() / "ca.pem").string();
   const std::string port = std::to_string(broker.port());
-  for (const std::string& address :
-       {"mqtts://localhost:" + port + otherAuthority, "mqtts://127.0.0.1:" + port + ownAuthority,
-        "mqtts://localhost:" + port}) {
+  const std::string byName = "mqtts://localhost:" + port;
+  const std::string byAddress = "mqtts://127.0.0.1:" + port;
+  for (const std::string& address : {byName + otherAuthority, byAddress + ownAuthority, byName}) {
     Client client(address);
     ::testing::internal::CaptureStderr();
     client.start();

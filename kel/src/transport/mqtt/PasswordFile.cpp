@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <system_error>
 
 namespace kel::mqtt {
@@ -47,8 +46,11 @@ std::optional<std::string> readPasswordFile(const std::string& path, std::string
     return std::nullopt;
   }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777U));
+    std::string mode(4, '0');
+    for (std::size_t digit = 0; digit < mode.size(); ++digit) {
+      const auto shift = 3U * (static_cast<unsigned>(mode.size() - 1 - digit));
+      mode[digit] = static_cast<char>('0' + ((status.st_mode >> shift) & 7U));
+    }
     error = named + " is open to others than its owner (mode " + mode + "): chmod 600 it";
     return std::nullopt;
   }

@@ -137,7 +137,7 @@ const char* Record::copyText(std::string_view text) {
 std::size_t Record::findIndex(std::string_view name, std::uint32_t hash) const {
   const auto same = [&](const Field& field) {
     return field.hash == hash && field.nameSize == name.size() &&
-           std::memcmp(field.name, name.data(), name.size()) == 0;
+           (name.empty() || std::memcmp(field.name, name.data(), name.size()) == 0);
   };
   if (index_.empty()) {
     for (std::size_t i = 0; i < fields_.size(); ++i) {

@@ -48,13 +48,14 @@ TEST_F(CallbackTest, ReleaseWaitsForARunningOneAndNoneFollows) {
   std::promise<void> entered;
   std::promise<void> leave;
   auto mayLeave = leave.get_future().share();
-  std::atomic<bool> left{false};
+  std::atomic<int> inside{0};
   std::atomic<int> calls{0};
   Listener& listener = newListener();
   listener.onMessage = [&](KelSubscription*, KelData&) {
+    ++inside;
     if (calls.fetch_add(1) == 0) entered.set_value();
     mayLeave.wait();
-    left = true;
+    --inside;
   };
   auto subscriber = factory("sub", "s1");
   KelSubscription* subscription = subscriber->createSubscription("x", &listener);
@@ -63,12 +64,17 @@ TEST_F(CallbackTest, ReleaseWaitsForARunningOneAndNoneFollows) {
   entered.get_future().wait();
   auto released = std::async(std::launch::async, [&] {
     subscriber->releaseSubscription(subscription);
-    return left.load();
+    return std::pair(inside.load(), calls.load());
   });
   leave.set_value();
-  EXPECT_TRUE(released.get()) << "release came back while the callback was running";
-  EXPECT_EQ(calls, 1);
-  settle();
+  const auto [insideThen, callsThen] = released.get();
+  EXPECT_EQ(insideThen, 0) << "release came back while a callback was running";
+  Listener& other = newListener();
+  subscriber->createSubscription("x", &other);
+  send(publication, 3);
+  EXPECT_TRUE(
+      other.waitFor([](const Journal& journal) { return !journal.empty() && journal.back() == "record 3"; }));
+  EXPECT_EQ(calls, callsThen);
   EXPECT_TRUE(balanced(subscriber->counters()));
 }
 

@@ -50,11 +50,9 @@ class JournalBase {
 
  protected:
   void note(const std::string& line) {
-    {
-      const std::lock_guard lock(mutex_);
-      journal_.push_back(line);
-      threads_.push_back(std::this_thread::get_id());
-    }
+    // Told under the lock: who waits may end this object as soon as it has what it waited for.
+    const std::lock_guard lock(mutex_);
+    journal_.push_back(line);
     changed_.notify_all();
   }
 
@@ -62,7 +60,6 @@ class JournalBase {
   std::mutex mutex_;
   std::condition_variable changed_;
   Journal journal_;
-  std::vector<std::thread::id> threads_;
 };
 
 /// "record 5" is a record whose unnamed value is the int 5, good and in order.

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <thread>
 
 #include "Command.h"
 #include "DpValue.h"
@@ -72,6 +73,30 @@ std::string lineOfChange(const pvss::StoreChange& change, std::size_t width, con
   return line;
 }
 
+/// Ends a watch that waits: by a signal, or because nobody reads any more.
+class Ending {
+ public:
+  explicit Ending(Context& context)
+      : watcher([this, &context] {
+          while (!over && !flag) {
+            flag = context.stop || context.out.readerGone();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+          }
+        }) {}
+  ~Ending() {
+    over = true;
+    watcher.join();
+  }
+  Ending(const Ending&) = delete;
+  Ending& operator=(const Ending&) = delete;
+  [[nodiscard]] const std::atomic<bool>& wanted() const { return flag; }
+
+ private:
+  std::atomic<bool> flag{false};
+  std::atomic<bool> over{false};
+  std::thread watcher;  // last: it uses the two above
+};
+
 int run(const Options& options, Context& context) {
   pvss::StoreAdmin store = openStore(context.settings);
   const std::vector<std::string> names = expandNames(store, options.names);
@@ -80,6 +105,7 @@ int run(const Options& options, Context& context) {
     width = std::max(width, escapeText(name).size());
   }
   std::uint64_t seen = 0;
+  const Ending ending(context);
   store.watch(
       names,
       [&](const pvss::StoreChange& change) {
@@ -88,7 +114,7 @@ int run(const Options& options, Context& context) {
         seen += change.kind == pvss::StoreChange::Kind::current ? 0U : 1U;
         return read && (options.count == 0 || seen < options.count);
       },
-      context.stop, spanOf(options.seconds));
+      ending.wanted(), spanOf(options.seconds));
   return options.count != 0 && seen < options.count && !context.stop ? exitNotHeld : exitDone;
 }
 

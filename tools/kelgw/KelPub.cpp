@@ -119,6 +119,14 @@ int run(const Options& options, Context& context) {
   }
   const bool taken = factory->flush(context.settings.limit());
   const KelCounters counters = factory->counters();
+  if (counters.acknowledged < counters.sends || counters.sends == 0) {
+    // The library says why on a thread of its own.
+    const auto end = steady_clock::now() + milliseconds(500);
+    while (handler.last().empty() &&
+           pause(std::min(end, steady_clock::now() + milliseconds(20)), context.stop) &&
+           steady_clock::now() < end) {
+    }
+  }
   if (context.out.json()) {
     context.out.document(Json::Object{{"publication", Json(options.publication)},
                                       {"publisher", Json(publisher)},
@@ -133,7 +141,7 @@ int run(const Options& options, Context& context) {
   }
   const std::string reason = handler.last();
   if (!reason.empty()) {
-    context.out.remark(fmt::format("{}: {}", escapeText(options.publication), escapeText(reason)));
+    context.out.remark(escapeText(reason));
   }
   if (!taken || counters.refused != 0 || counters.acknowledged == 0) {
     if (reason.empty()) {

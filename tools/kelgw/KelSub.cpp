@@ -150,6 +150,7 @@ int run(const Options& options, Context& context) {
   const auto span = spanOf(options.seconds);
   const auto end = span ? Clock::now() + *span : Clock::time_point::max();
   std::uint64_t records = 0;
+  std::size_t failed = 0;  // subscriptions that cannot work; when none is left, there is nothing to wait for
   bool reading = true;
   while (reading && !context.stop && (options.count == 0 || records < options.count) && Clock::now() < end) {
     // Short waits, because a signal does not wake them.
@@ -157,11 +158,17 @@ int run(const Options& options, Context& context) {
     const auto event =
         mailbox.take(std::min(std::chrono::milliseconds(100), rest + std::chrono::milliseconds(1)));
     if (!event) {
+      reading = !context.out.readerGone();
       continue;
     }
     reading = context.out.json() ? context.out.event(jsonOfEvent(*event))
                                  : context.out.line(lineOfEvent(*event, width, options.full, context.out));
     records += event->kind == Event::Kind::record ? 1U : 0U;
+    failed += event->kind == Event::Kind::error ? 1U : 0U;
+    reading = reading && failed < options.publications.size();
+  }
+  if (failed != 0) {
+    return exitNotHeld;
   }
   return options.count != 0 && records < options.count && !context.stop ? exitNotHeld : exitDone;
 }

@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -92,6 +93,11 @@ bool Output::line(std::string_view text) {
   std::fwrite(text.data(), 1, text.size(), results);
   std::fputc('\n', results);
   return std::fflush(results) == 0 && std::ferror(results) == 0;
+}
+
+bool Output::readerGone() const {
+  pollfd descriptor{::fileno(results), 0, 0};
+  return ::poll(&descriptor, 1, 0) == 1 && (descriptor.revents & POLLERR) != 0;
 }
 
 bool Output::table(const Table& table) {

@@ -47,6 +47,8 @@ class Output {
   [[nodiscard]] bool terminal() const { return colours; }
   /// One whole line, visible at once; false when nobody reads any more (a closed pipe).
   bool line(std::string_view text);
+  /// Whether whoever read a pipe on standard output has gone: then a command that only waits may end.
+  [[nodiscard]] bool readerGone() const;
   bool event(const Json& json) { return line(json.line()); }
   bool document(const Json& json) { return line(json.document()); }
   bool table(const Table& table);

@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "Pattern.h"
 
@@ -30,6 +31,17 @@ TEST(Output, SaysThatNobodyReadsAnyMore) {
   Output out(full, full, true);
   EXPECT_FALSE(out.line("lost"));
   std::fclose(full);
+}
+
+TEST(Output, NoticesThatTheReaderOfAPipeHasGone) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  std::FILE* const writer = ::fdopen(ends[1], "w");
+  const Output out(writer, writer, true);
+  EXPECT_FALSE(out.readerGone());
+  ::close(ends[0]);
+  EXPECT_TRUE(out.readerGone());
+  std::fclose(writer);
 }
 
 TEST(Pattern, MatchesAsAShellDoes) {

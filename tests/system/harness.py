@@ -52,7 +52,8 @@ class Process:
     def __init__(self, arguments, env=None, cwd=None, stdin=False):
         self.arguments = [str(argument) for argument in arguments]
         # The child ends with the test run, whatever ends that.
-        self.child = subprocess.Popen(["setpriv", "--pdeathsig", "TERM", "--", *self.arguments], stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, stdout=subprocess.PIPE,
+        self.child = subprocess.Popen(["setpriv", "--pdeathsig", "TERM", "--", *self.arguments],
+                                      stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, stdout=subprocess.PIPE,
                                       stderr=subprocess.PIPE, env={**os.environ, **(env or {})}, cwd=cwd)
         self.out, self.err = [], []
         self.readers = [threading.Thread(target=self._read, args=pair, daemon=True)

@@ -188,7 +188,8 @@ def test_an_entry_that_cannot_work_is_reported_and_the_others_do(site):
     site.apply({"P.x": "int"}, {}, {"good": {"bufferTime": 0, "fields": {"x": "P.x"}}})
     set_value(site, "P.x", "1")
     (listed,) = site.get(harness.PUBLICATIONS)["elements"]
-    entries = ["only\x1a0", "odd\x1a0\x1aP.x\x1at\x1amore", "name\x1a\x1aP.x", "late\x1asoon\x1aP.x", "gone\x1a0\x1aNo.such", *listed["value"]]
+    entries = ["only\x1a0", "odd\x1a0\x1aP.x\x1at\x1amore", "name\x1a\x1aP.x", "late\x1asoon\x1aP.x",
+               "gone\x1a0\x1aNo.such", *listed["value"]]
     set_value(site, harness.PUBLICATIONS, "[" + ", ".join('"' + entry.replace("\x1a", "\\x1A") + '"' for entry in entries) + "]")
     gateway = site.gateway()
     reader = Reader(site, "good")

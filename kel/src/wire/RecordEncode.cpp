@@ -73,7 +73,8 @@ void planValue(MetricPlan& plan, const Field& field) {
       planNumber(plan, dataInt8, field.value.byte);
       return;
     case typeShort:
-      planNumber(plan, dataInt16, static_cast<std::uint16_t>(field.value.int16));
+      // Sign-extended to the 32 bits of the field: some decoders read all of them, others the low 16.
+      planNumber(plan, dataInt16, static_cast<std::uint32_t>(std::int32_t{field.value.int16}));
       return;
     case typeInt:
       planNumber(plan, dataInt32, static_cast<std::uint32_t>(field.value.int32));

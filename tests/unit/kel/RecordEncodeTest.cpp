@@ -47,10 +47,10 @@ TEST(RecordEncode, WritesEveryScalarAsItsDatatype) {
             "2001"
             "50ff01");
   EXPECT_EQ(oneField(static_cast<short>(-1)),
-            "1209"
+            "120b"
             "0a0178"
             "2002"
-            "50ffff03");
+            "50ffffffff0f");
   EXPECT_EQ(oneField(-1),
             "120b"
             "0a0178"

@@ -116,8 +116,7 @@ void Mosquitto::writeConfiguration() const {
        << "log_type error\nlog_type warning\nlog_type notice\n"
        << "persistence " << (options_.persistence ? "true" : "false") << "\n";
   if (options_.persistence) {
-    text << "persistence_location " << folder_.path().string()
-         << "/\nautosave_on_changes true\nautosave_interval 1\n";
+    text << "persistence_location " << folder_.path().string() << "/\nautosave_interval 1800\n";
   }
   if (options_.users.empty()) {
     text << "allow_anonymous true\n";

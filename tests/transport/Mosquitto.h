@@ -23,7 +23,7 @@
 namespace kel::testing {
 
 struct MosquittoOptions {
-  bool persistence = false;  ///< retained messages survive stop() and start()
+  bool persistence = false;  ///< what is retained survives stop(), not kill()
   std::vector<std::pair<std::string, std::string>> users =
       {};                              ///< name, password; with any, nobody is anonymous
   std::string acl = {};                ///< lines of an access control file

@@ -24,6 +24,15 @@ constexpr runtime::Report<const char*> exceptionThrown{"CkelSubscription", 124,
 constexpr int noQuality = -1;
 constexpr std::int64_t nsPerMs = 1'000'000;
 constexpr std::int64_t msPerSecond = 1000;
+constexpr std::size_t itemsPerMapping = 4;  // value, two user bits, invalid flag
+
+/// Makes room ahead, on platforms whose list can.
+template <typename List>
+void makeRoom(List& list, std::size_t items) {
+  if constexpr (requires { list.reserve(items); }) {
+    list.reserve(items);
+  }
+}
 
 }  // namespace
 
@@ -97,6 +106,7 @@ void CkelSubscription::takeRecord(KelData& data) {
   {
     const SmutexGuard guard(lock);
     recordPassedUnmapped = recordPassedUnmapped || tagMappings.empty();
+    makeRoom(*list, itemsPerMapping * tagMappings.size());
     for (CkelDataMapping* const mapping : tagMappings) {
       mapping->addValueToList(data, *list);
     }

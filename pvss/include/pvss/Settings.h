@@ -11,9 +11,10 @@
 namespace pvss {
 
 struct Settings {
-  std::string store;                             ///< key `store`; the variable PVSS_STORE wins
-  std::size_t backlogBytes = 64U * 1024 * 1024;  ///< key `backlogBytes`: bound of the unconfirmed writes
-  std::string system = "System1";                ///< key `system`: name of the default system
+  std::string store;  ///< key `store`; the variable PVSS_STORE wins
+  std::size_t backlogBytes =
+      std::size_t{64} * 1024 * 1024;  ///< key `backlogBytes`: bound of the unconfirmed writes
+  std::string system = "System1";     ///< key `system`: name of the default system
 
   /// The settings of this process.
   static Settings& current();

@@ -1,5 +1,7 @@
 #include "pvss/Resources.h"
 
+#include <fmt/core.h>
+
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -30,9 +32,14 @@ Reader& reader() {
   return instance;
 }
 
+// A stream that takes nothing leaves nobody to tell.
+void say(std::FILE* stream, const std::string& text) {
+  static_cast<void>(std::fputs(text.c_str(), stream));
+  static_cast<void>(std::fflush(stream));
+}
+
 [[noreturn]] void refuse(const std::string& message) {
-  std::fprintf(stderr, "%s\n", message.c_str());
-  std::fflush(stderr);
+  say(stderr, message + "\n");
   std::exit(2);
 }
 
@@ -74,7 +81,7 @@ std::string readCommandLine(int& argc, char** argv) {
         refuse(program + ": -num takes a manager number from 1 to 255, not '" + std::string(text) + "'");
       }
     } else {
-      refuse(program + ": unknown switch '" + std::string(word) + "', see " + program + " -help");
+      refuse(fmt::format("{0}: unknown switch '{1}', see {0} -help", program, word));
     }
   }
   if (argc > 1) {
@@ -203,9 +210,9 @@ void Resources::end(int& /*argc*/, char** /*argv*/) {
 }
 
 void Resources::printHelp() {
-  std::printf(
+  say(stdout,
       "Switches:\n"
-      "  -config FILE  the configuration file; without it %s below the working directory\n"
+      "  -config FILE  the configuration file; without it config/config below the working directory\n"
       "  -num N        the manager number, 1 to 255; without it 1\n"
       "  -help         this text\n"
       "  -helpdbg      how to see more of what the manager does\n"
@@ -215,15 +222,12 @@ void Resources::printHelp() {
       "  store = \"redis://127.0.0.1:6379\"  where the data points are: memory:FILE, redis+unix://PATH,\n"
       "                                    redis://HOST:PORT, rediss://HOST:PORT; PVSS_STORE wins\n"
       "  backlogBytes = 67108864           room for writes that the store has not confirmed\n"
-      "  system = \"System1\"                name of the system that the data points belong to\n",
-      defaultFile);
-  std::fflush(stdout);
+      "  system = \"System1\"                name of the system that the data points belong to\n");
 }
 
 void Resources::printHelpDbg() {
-  std::printf(
+  say(stdout,
       "KELGW_LOG sets what is written to standard error: trace, debug, info (without it), warn, error or "
       "off;\n"
       "\"info,pvss=debug,store=trace\" sets it room by room. One line each: time, room, level, what.\n");
-  std::fflush(stdout);
 }

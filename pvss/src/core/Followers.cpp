@@ -40,21 +40,19 @@ Followers::FollowerPtr Followers::make(const DpIdentList& ids, WaitForAnswer* ta
   auto follower = std::make_shared<Follower>();
   follower->target = target;
   follower->items.reserve(ids.getNumberOfItems());
+  ++made_;
+  places_.resize(std::max(places_.size(), catalogue_.size()));
   for (const DpIdentifier& id : ids) {
-    Item item{id, 0};
+    Item item;
+    item.id = id;
     const AttributeCode code = attributeOf(id);
-    if (!id.isNull() && code != AttributeCode::none) {
-      // Lists are short or sorted by element, so the search from the end finds at once what is there.
-      const auto found =
-          std::find_if(follower->slots.rbegin(), follower->slots.rend(),
-                       [&id](const Slot& slot) { return slot.state.attributes.element == id.getEl(); });
-      if (found == follower->slots.rend()) {
-        Slot& slot = follower->slots.emplace_back();
-        slot.state.attributes.element = id.getEl();
-        item.slot = static_cast<std::uint32_t>(follower->slots.size() - 1);
-      } else {
-        item.slot = static_cast<std::uint32_t>(follower->slots.rend() - found - 1);
+    if (id.getEl() < places_.size() && !id.isNull() && code != AttributeCode::none) {
+      Place& place = places_[id.getEl()];
+      if (place.follower != made_) {
+        place = {made_, static_cast<std::uint32_t>(follower->slots.size())};
+        follower->slots.emplace_back().state.attributes.element = id.getEl();
       }
+      item.slot = place.slot;
       Slot& slot = follower->slots[item.slot];
       slot.wanted = static_cast<std::uint8_t>(slot.wanted | touchingBits(code));
       slot.wantsAddress = slot.wantsAddress || !needsState(code);
@@ -343,7 +341,7 @@ void Followers::push(const Follower& follower, Delivery::Kind kind) {
   delivery.last = follower.life == Life::ended;
   delivery.items.reserve(follower.items.size());
   for (const Item& item : follower.items) {
-    if (needsState(attributeOf(item.id)) && !item.id.isNull()) {
+    if (needsState(attributeOf(item.id)) && item.slot < follower.slots.size()) {
       delivery.items.push_back(captureState(item.id, follower.slots[item.slot].state, catalogue_));
     } else {
       delivery.items.push_back(captureAddress(item.id, catalogue_));

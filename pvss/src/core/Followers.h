@@ -63,7 +63,7 @@ class Followers {
   };
   struct Item {
     DpIdentifier id;
-    std::uint32_t slot = 0;
+    std::uint32_t slot = ~0U;  // none, for an identifier of nothing
   };
   enum class Life : std::uint8_t {
     starting,   // its first snapshot is not there yet
@@ -101,8 +101,16 @@ class Followers {
              std::uint64_t sequence);
   void push(const Follower& follower, Delivery::Kind kind);
 
+  // Where an element stands among the slots of the follower being made.
+  struct Place {
+    std::uint64_t follower = 0;
+    std::uint32_t slot = 0;
+  };
+
   const Catalogue& catalogue_;
   Ready ready_;
+  std::vector<Place> places_;  // by element; scratch of make()
+  std::uint64_t made_ = 0;
   std::vector<std::vector<Interest>> interests_;  // by element
   std::vector<FollowerPtr> connects_;
   std::deque<FollowerPtr> toAsk_;

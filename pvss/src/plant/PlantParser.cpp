@@ -19,13 +19,17 @@ int lineOf(const YAML::Node& node) {
   return node.Mark().line + 1;
 }
 
-// A name as it can be shown in one line.
-std::string quoted(std::string_view text) {
-  std::string result = "'";
+// A text as it can be shown in one line.
+std::string shown(std::string_view text) {
+  std::string result;
   for (const char byte : text.substr(0, 120)) {
     result += static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f ? '?' : byte;
   }
-  return result + (text.size() > 120 ? "...'" : "'");
+  return result + (text.size() > 120 ? "..." : "");
+}
+
+std::string quoted(std::string_view text) {
+  return "'" + shown(text) + "'";
 }
 
 bool hasControl(std::string_view text) {
@@ -140,7 +144,8 @@ PlantFile Parser::parse(std::string_view text) {
       take("publish", &Parser::takePublish);
     }
   } catch (const YAML::Exception& problem) {
-    plant_.errors.push_back({problem.mark.is_null() ? 0 : problem.mark.line + 1, "not YAML: " + problem.msg});
+    plant_.errors.push_back(
+        {problem.mark.is_null() ? 0 : problem.mark.line + 1, "not YAML: " + shown(problem.msg)});
   }
   std::stable_sort(
       plant_.errors.begin(), plant_.errors.end(),

@@ -55,6 +55,16 @@ TEST_F(ManagerTest, AnswersComeFromInsideDispatchOnly) {
   EXPECT_THAT(notes.lines, ElementsAre("answer 0", "answer 0"));
 }
 
+TEST_F(ManagerTest, AnIdentifierThatNobodyMadeAnswersWithoutValue) {
+  start();
+  Notes notes;
+  plant->write("A.x", FloatVar(5), 1);
+  Manager::dpGet(DpIdentList{DpIdentifier(9999, 1), id("A.x"), DpIdentifier(0, 1), DpIdentifier(1, 99)},
+                 Manager::eventId, &notes, 0);
+  dispatch();
+  EXPECT_THAT(notes.lines, ElementsAre("answer - 5 - -"));
+}
+
 TEST_F(ManagerTest, AddressesAreAnsweredWithoutTheStore) {
   start();
   plant->setLinkUp(false);

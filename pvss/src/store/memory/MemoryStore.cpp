@@ -1,7 +1,6 @@
 #include "store/memory/MemoryStore.h"
 
-#include <time.h>
-
+#include <ctime>
 #include <utility>
 
 namespace pvss {

@@ -202,7 +202,7 @@ void RedisConnection::flush() {
     }
     sent_ += result.bytes;
   }
-  constexpr std::size_t keepBytes = 256 * 1024;
+  constexpr std::size_t keepBytes = std::size_t{256} * 1024;
   if (output_.capacity() > keepBytes) output_ = std::string();
   output_.clear();
   sent_ = 0;

@@ -26,10 +26,10 @@
 namespace pvss::redis {
 
 struct RedisStoreOptions {
-  std::size_t windowBatches = 1024;            ///< batches on their way without a confirmation
-  std::size_t windowBytes = 4 * 1024 * 1024;   ///< and their bytes; one larger batch goes alone
-  std::size_t snapshotElements = 10000;        ///< elements asked for in one call
-  std::chrono::milliseconds lease{3000};       ///< of the manager number, on the store's clock
+  std::size_t windowBatches = 1024;                        ///< batches on their way without a confirmation
+  std::size_t windowBytes = std::size_t{4} * 1024 * 1024;  ///< and their bytes; one larger batch goes alone
+  std::size_t snapshotElements = 10000;                    ///< elements asked for in one call
+  std::chrono::milliseconds lease{3000};                   ///< of the manager number, on the store's clock
   std::chrono::milliseconds leaseRetry{1000};  ///< while another manager holds it, or functions are missing
   std::chrono::milliseconds logWait{2000};     ///< how long the server holds an idle log read
   std::size_t logEntries = 1024;               ///< entries taken in one log read

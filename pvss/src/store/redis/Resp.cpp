@@ -111,7 +111,7 @@ void ReplyReader::feed(const char* bytes, std::size_t size) {
 ReplyReader::Result ReplyReader::next() {
   if (complete_) {
     // One huge reply (a catalogue) must not keep its memory for ever.
-    constexpr std::size_t keepBytes = 256 * 1024;
+    constexpr std::size_t keepBytes = std::size_t{256} * 1024;
     if (bytes_.capacity() > keepBytes) {
       bytes_ = std::string();
       nodes_ = std::vector<ReplyNode>();

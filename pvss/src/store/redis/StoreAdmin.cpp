@@ -254,6 +254,7 @@ std::uint64_t StoreAdmin::write(const std::vector<StoreWrite>& writes, std::int6
   if (writes.empty()) return impl_->sequence();
   impl_->needFunctions();
   std::vector<std::string> names;
+  names.reserve(writes.size());
   for (const StoreWrite& write : writes) names.push_back(write.name);
   const std::vector<DpElementType> types = impl_->typesOf(names);
 

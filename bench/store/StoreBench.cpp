@@ -107,7 +107,8 @@ double idlePolls(pvss::redis::RedisStore& store) {
 
 int main(int count, char** words) {
   if (count < 2) {
-    std::fprintf(stderr, "usage: bench_store ADDRESS    of an empty store, redis+unix:///path for example\n");
+    static_cast<void>(std::fprintf(
+        stderr, "usage: bench_store ADDRESS    of an empty store, redis+unix:///path for example\n"));
     return 2;
   }
   const std::string address = words[1];
@@ -133,8 +134,8 @@ int main(int count, char** words) {
   std::uint64_t sequence = 0;
   measureStore(store, counter, sequence, 20000, 0, 1);
   const auto show = [](const char* what, const Figure& figure) {
-    std::fprintf(stderr, "%-42s %6.2f us CPU per batch, %8.0f batches/s\n", what, figure.microseconds,
-                 figure.rate);
+    static_cast<void>(std::fprintf(stderr, "%-42s %6.2f us CPU per batch, %8.0f batches/s\n", what,
+                                   figure.microseconds, figure.rate));
   };
   const Figure flood = measureStore(store, counter, sequence, 200000, 0, 1);
   show("1 element, as fast as the window opens", flood);
@@ -144,8 +145,9 @@ int main(int count, char** words) {
   show("20 elements, as fast as the window opens", measureStore(store, counter, sequence, 40000, 0, 20));
   show("20 elements, 5,000 a second", measureStore(store, counter, sequence, 20000, 5000, 20));
   const double idle = idlePolls(store);
-  std::fprintf(stderr, "%-42s %6.2f us CPU per poll of 1 ms\n", "idle", idle);
-  std::printf("{\"flood\": %.3f, \"paced\": %.3f, \"idlePoll\": %.3f, \"batchesPerSecond\": %.0f}\n",
-              flood.microseconds, paced.microseconds, idle, flood.rate);
+  static_cast<void>(std::fprintf(stderr, "%-42s %6.2f us CPU per poll of 1 ms\n", "idle", idle));
+  static_cast<void>(
+      std::printf("{\"flood\": %.3f, \"paced\": %.3f, \"idlePoll\": %.3f, \"batchesPerSecond\": %.0f}\n",
+                  flood.microseconds, paced.microseconds, idle, flood.rate));
   return 0;
 }

@@ -8,7 +8,6 @@ namespace {
 
 using storetest::RedisServer;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 std::vector<std::string> lines(const std::string& text) {

@@ -132,6 +132,7 @@ TEST(RedisFlow, SnapshotInSeveralCallsIsTrueAsOfOneSequence) {
   ASSERT_TRUE(reader.untilUp());
   ASSERT_TRUE(writer.untilUp());
   std::vector<pvss::ElementId> wanted;
+  wanted.reserve(all.size());
   for (const auto& element : all) wanted.push_back(reader.intern(element.name));
 
   // Batch k writes k to one element after the other, so what is true as of a sequence can be computed.

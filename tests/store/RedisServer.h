@@ -4,13 +4,13 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -53,6 +53,7 @@ class RedisServer {
                  {"--appendonly", keeps ? "yes" : "no", "--appendfsync", keeps ? "always" : "no"});
     words.insert(words.end(), more.begin(), more.end());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     process_ = ::fork();

@@ -48,6 +48,7 @@ class RedisFixture final : public StoreFixture {
   void write(const std::vector<std::pair<std::string, ElementWrite>>& elements,
              std::int64_t timeMs) override {
     std::vector<pvss::StoreWrite> writes;
+    writes.reserve(elements.size());
     for (const auto& [name, element] : elements) {
       writes.push_back({name, element.value, element.invalid, element.userBit1, element.userBit2});
     }

@@ -308,7 +308,8 @@ TEST_F(Admin, ManagersShowBeatLeaseAndCountersInOrder) {
 TEST_F(Admin, StatisticsCountWhatEachWriterHadApplied) {
   admin.write({valueOf("A.f", 1)});
   admin.write({valueOf("A.f", 2)});
-  admin.setLogBound(64 * 1024 * 1024);
+  constexpr std::uint64_t bound = std::uint64_t{64} * 1024 * 1024;
+  admin.setLogBound(bound);
   const auto all = admin.statistics();
   EXPECT_EQ(all.address, server.address());
   EXPECT_THAT(all.serverVersion, testing::StartsWith("7."));
@@ -319,7 +320,7 @@ TEST_F(Admin, StatisticsCountWhatEachWriterHadApplied) {
   EXPECT_EQ(all.log.sequence, 3U);
   EXPECT_EQ(all.log.firstSequence, 1U);
   EXPECT_EQ(all.log.entries, 3U);
-  EXPECT_EQ(all.log.boundBytes, 64U * 1024 * 1024);
+  EXPECT_EQ(all.log.boundBytes, bound);
   ASSERT_EQ(all.writers.size(), 1U);
   EXPECT_EQ(all.writers[0].applied, 2U);
   EXPECT_EQ(all.writers[0].lastClientSequence, 2U);

@@ -27,6 +27,10 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+// Ticks come every 80 ms. A loaded machine may stretch that; a connect or a look-up that blocks takes many
+// seconds.
+constexpr auto kNotBlocked = 1000ms;
+
 TEST(MqttTransport, findsABrokerThatStartsLater) {
   Mosquitto broker;
   Client client(broker.url());
@@ -117,7 +121,7 @@ TEST(MqttTransport, keepsAnIdleLinkForManyKeepAlives) {
   const auto ticks = client.listener.snapshot().ticks;
   ASSERT_TRUE(client.listener.waitFor([&](const Record& record) { return record.ticks >= ticks + 60; }));
   EXPECT_THAT(client.listener.snapshot().downs, IsEmpty());
-  EXPECT_LE(client.listener.snapshot().longestWithoutTick, 100ms);
+  EXPECT_LE(client.listener.snapshot().longestWithoutTick, kNotBlocked);
 }
 
 TEST(MqttTransport, letsTheWillOutOnAnAbruptEndOnly) {
@@ -335,7 +339,7 @@ TEST(MqttTransport, ticksAndStopsAtOnceWhileAConnectHangs) {
   const auto start = Clock::now();
   client.transport->stop(true);
   EXPECT_LT(since(start), 1s);
-  EXPECT_LE(client.listener.snapshot().longestWithoutTick, 100ms);
+  EXPECT_LE(client.listener.snapshot().longestWithoutTick, kNotBlocked);
 }
 
 TEST(MqttTransport, givesUpOnABrokerThatAcceptsAndSaysNothingAndStopsAtOnceMeanwhile) {
@@ -368,7 +372,7 @@ TEST(MqttTransport, namesAHostThatCannotBeFound) {
   client.start();
   ASSERT_TRUE(client.listener.waitFor([](const Record& record) { return record.ticks > 20; }));
   client.transport->stop(true);
-  EXPECT_LE(client.listener.snapshot().longestWithoutTick, 100ms);
+  EXPECT_LE(client.listener.snapshot().longestWithoutTick, kNotBlocked);
   EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("no-such-host.invalid"));
 }
 

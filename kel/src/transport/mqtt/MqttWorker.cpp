@@ -31,7 +31,7 @@ constexpr auto kStableLink = 5s;        // a link that held so long starts the p
 // Above so many packets a second (kBusyPackets in kWindow) we let them gather for kGather before we read:
 // waking up for each one is most of what receiving costs.
 constexpr auto kWindow = 10ms;
-constexpr int kBusyPackets = 20;
+constexpr int kBusyPackets = 30;
 constexpr auto kGather = 400us;
 
 // What the library may hold: enough to keep its in-flight window full while we are busy elsewhere, and far

@@ -16,7 +16,7 @@ struct Counters {
   std::uint64_t queued = 0;     ///< handed to dpSetTimed
   std::uint64_t confirmed = 0;  ///< in the store
   std::uint64_t coalesced = 0;  ///< given up for a newer write of the same attribute
-  std::uint64_t dropped = 0;    ///< discarded because another manager took the number, or with the manager
+  std::uint64_t dropped = 0;    ///< discarded because another manager took the number
   std::uint64_t rejected = 0;   ///< not writable: unknown identifier, wrong type, refused by the store
   std::uint64_t pending = 0;    ///< waiting in the backlog, handed over or not
 

@@ -52,6 +52,64 @@ TEST(RedisFaults, HostNameIsLookedUpWithoutBlocking) {
   EXPECT_TRUE(probe.greetings.empty());
 }
 
+TEST(RedisFaults, HostIsReachedByNumberAndByName) {
+  RedisServer server(RedisServer::Keep::nothing, false);
+  const std::string port = RedisServer::freePort();
+  server.start({"--port", port, "--bind", "127.0.0.1"});
+  prepare(server);
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    StoreProbe probe("redis://" + std::string(host) + ":" + port, "7.a");
+    ASSERT_TRUE(probe.untilUp()) << host;
+    EXPECT_EQ(probe.greetings[0].address, "redis://" + std::string(host) + ":" + port);
+  }
+}
+
+TEST(RedisFaults, ServerThatHangsIsLeftAfterTheLimitAndTakenUpAgainWithoutAGap) {
+  RedisServer server;
+  prepare(server);
+  pvss::redis::RedisStoreOptions options;
+  options.logWait = std::chrono::milliseconds(100);
+  options.limits.reply = std::chrono::milliseconds(600);
+  options.limits.connect = std::chrono::milliseconds(600);
+  StoreProbe probe(server.address(), "7.a", options);
+  ASSERT_TRUE(probe.untilUp());
+  ASSERT_TRUE(writeAll(probe, 1, 10));
+  server.hold();
+  ASSERT_TRUE(probe.store().write(probe.batch(11, 11, name, 11)));
+  ASSERT_TRUE(probe.until([&] { return !probe.downs.empty(); }));
+  EXPECT_THAT(probe.downs.at(0), HasSubstr("no answer within 600 ms"));
+  server.letGo();
+  ASSERT_TRUE(probe.untilUp(2));
+  ASSERT_TRUE(writeAll(probe, probe.greetings[1].lastClientSequence + 1, 12));
+  EXPECT_EQ(valueInStore(server), "12");
+  ASSERT_TRUE(probe.until([&] { return probe.changes.size() == 12; }));
+  EXPECT_TRUE(probe.gaps.empty());
+}
+
+TEST(RedisFaults, WhatIsNoRedisIsSaid) {
+  RedisServer folder(RedisServer::Keep::nothing, false);
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, folder.socket().c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  testing::internal::CaptureStderr();
+  StoreProbe probe(folder.address(), "7.a");
+  probe.store().poll(std::chrono::milliseconds(0));
+  for (int i = 0; i < 2; ++i) {
+    const int peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(peer, 0);
+    EXPECT_EQ(::send(peer, "HTTP/1.1 400 Bad Request\r\n\r\n", 28, MSG_NOSIGNAL), 28);
+    ::close(peer);
+  }
+  probe.during(std::chrono::milliseconds(30));
+  ::close(listener);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(said, HasSubstr("does not speak the Redis protocol"));
+  EXPECT_TRUE(probe.greetings.empty());
+}
+
 TEST(RedisFaults, MissingFunctionsAreSaidOnceWithTheRemedyAndTakenUpWhenInstalled) {
   RedisServer server;
   pvss::redis::RedisStoreOptions options;

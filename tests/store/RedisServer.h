@@ -3,7 +3,9 @@
 // The folder outlives a kill(), so that start() brings back what an append-only file kept.
 #pragma once
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -77,6 +79,25 @@ class RedisServer {
     ::kill(process_, SIGKILL);
     ::waitpid(process_, nullptr, 0);
     process_ = -1;
+  }
+
+  /// Holds it as a machine that hangs, and lets it go on.
+  void hold() const { ::kill(process_, SIGSTOP); }
+  void letGo() const { ::kill(process_, SIGCONT); }
+
+  /// A port of the loopback that nobody uses now.
+  static std::string freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+      throw std::runtime_error("no free port");
+    }
+    ::close(fd);
+    return std::to_string(ntohs(address.sin_port));
   }
 
   /// What redis-cli prints for the words.

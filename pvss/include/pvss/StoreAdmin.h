@@ -183,8 +183,9 @@ class StoreAdmin {
   std::uint64_t write(const std::vector<StoreWrite>& writes, std::int64_t timeMs = 0);
 
   /// Calls back the current state of every chosen element, then each change in order, until `stop` is true
-  /// or `duration` has passed (none: no end) or the callback returns false. Lost connections are taken up
-  /// again within the limit; missed changes are followed by the current states. Unknown names are refused.
+  /// or `duration` has passed (none: no end) or the callback returns false. A lost connection is made again
+  /// within the limit. Missed changes, another server process, and a change too large for the log are
+  /// followed by the current states of all. Unknown names are refused. The callback must not use this object.
   void watch(const std::vector<std::string>& names, const std::function<bool(const StoreChange&)>& callback,
              const std::atomic<bool>& stop, std::optional<std::chrono::milliseconds> duration = std::nullopt);
 

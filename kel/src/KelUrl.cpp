@@ -115,7 +115,12 @@ std::string takeHost(KelUrl& url, std::string_view authority) {
     port = colon == std::string_view::npos ? std::string_view() : authority.substr(colon);
   }
   if (url.host.empty()) return "the host is missing";
-  if (url.host.find_first_of(" /\t\r\n") != std::string::npos) return "the host is not a name or an address";
+  constexpr std::string_view inBrackets = "0123456789abcdefABCDEF:.";
+  const bool isHost = authority.front() == '['
+                          ? url.host.find(':') != std::string::npos &&
+                                url.host.find_first_not_of(inBrackets) == std::string::npos
+                          : allPlain(url.host);
+  if (!isHost) return "the host is not a name or an address";
   url.port = url.tls() ? 8883 : 1883;
   if (!port.empty()) {
     const auto number = wholeNumber(port.substr(1));

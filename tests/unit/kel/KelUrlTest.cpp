@@ -96,7 +96,10 @@ TEST(KelUrl, RefusesWhatIsNoAddress) {
   EXPECT_EQ(refusal("mqtt://b:"), "Kel address: the port must be 1 to 65535");
   EXPECT_EQ(refusal("mqtt://b:65536"), "Kel address: the port must be 1 to 65535");
   EXPECT_EQ(refusal("mqtt://[::1"), "Kel address: the host has '[' without ']'");
-  EXPECT_EQ(refusal("mqtt://a b"), "Kel address: the host is not a name or an address");
+  for (const char* host : {"a b", "a/b", "[b]", "[1]", "[::g]", "a\x82"}) {
+    EXPECT_EQ(refusal(std::string("mqtt://") + host), "Kel address: the host is not a name or an address")
+        << host;
+  }
   EXPECT_EQ(refusal("loopback:a/b"),
             "Kel address: the broker's name may hold letters, digits, '.', '_' and '-'");
 }

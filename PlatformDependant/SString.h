@@ -13,9 +13,9 @@
 class SString {
  public:
   SString();
-  SString(const std::string& text);  // NOLINT(google-explicit-constructor): names are written as literals
+  SString(const std::string& text);
   SString(const SString& text);
-  SString(const char* text);  // NOLINT(google-explicit-constructor)
+  SString(const char* text);
   /// The first `count` characters at `text`.
   SString(const char* text, unsigned int count);
   virtual ~SString();
@@ -43,9 +43,9 @@ class SString {
   [[nodiscard]] SString operator+(const char* text) const;
 
   [[nodiscard]] char* getString() const { return stringStore.getDataBlock(); }
-  operator char*() { return getString(); }              // NOLINT(google-explicit-constructor)
-  operator const char*() const { return getString(); }  // NOLINT(google-explicit-constructor)
-  operator const std::string() const;                   // NOLINT(google-explicit-constructor)
+  operator char*() { return getString(); }
+  operator const char*() const { return getString(); }
+  operator const std::string() const;
 
   [[nodiscard]] unsigned int strLen() const;
 

@@ -9,9 +9,9 @@
 #include <pthread.h>
 #include <sys/time.h>
 #include <sys/timeb.h>
-#include <time.h>
 
 #include <atomic>
+#include <ctime>
 #include <type_traits>
 
 #include "SString.h"

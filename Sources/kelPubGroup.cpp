@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <iterator>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -254,24 +253,26 @@ void PublicationUpdateThread::stopInOrder() {
   for (const GroupHolder* const holder : std::exchange(groupsWaitingToPublish, {})) {
     delete holder;
   }
+  groupsInList.clear();
 }
 
 bool PublicationUpdateThread::addGroup(CkelPubGroup& group, unsigned long mSecToWaitBeforePublish) {
   const SmutexGuard guard(lock);
   bringFirstUpToDate();
+  if (!groupsInList.insert(&group).second) {
+    return false;
+  }
 
   unsigned long totalTimeLeftToWait = 0;
   unsigned long relativeDelay = 0;
   auto insertionPoint = groupsWaitingToPublish.end();
   for (auto entry = groupsWaitingToPublish.begin(); entry != groupsWaitingToPublish.end(); ++entry) {
-    if ((*entry)->sameGroup(group)) {
-      return false;
-    }
     const unsigned long timeLeftBefore = totalTimeLeftToWait;
     totalTimeLeftToWait += (*entry)->getMSecDelay();
-    if (insertionPoint == groupsWaitingToPublish.end() && totalTimeLeftToWait > mSecToWaitBeforePublish) {
+    if (totalTimeLeftToWait > mSecToWaitBeforePublish) {
       insertionPoint = entry;
       relativeDelay = mSecToWaitBeforePublish - timeLeftBefore;
+      break;
     }
   }
 
@@ -338,6 +339,7 @@ void PublicationUpdateThread::endTurn(const Turn& turn, short waitResult) {
   }
   const std::unique_ptr<const GroupHolder> due(groupsWaitingToPublish.front());
   groupsWaitingToPublish.pop_front();
+  groupsInList.erase(&due->group());
   startWait = runtime::wallClockNow();  // the entries behind count from this moment
   due->publishPubGroup();
 }

@@ -207,6 +207,22 @@ class Bench:
         finally:
             site.close()
 
+    def publish(self):
+        """1,000 publications of 10 DPEs, buffer time 100 ms, every DPE changing 50 times a second for 30 s."""
+        result = subprocess.run([self.program("bench_publish"), "--json"], capture_output=True, text=True, check=False)
+        figure = json.loads(result.stdout.splitlines()[-1])
+        changes, wanted = figure["changes"], figure["wantedChanges"]
+        self.row("publish: changes taken in of those wanted (1,000 x 10 DPEs, 50 a second)",
+                 f"{changes / 1e6:.2f} of {wanted / 1e6:.2f} million, {figure['cpuSeconds'] / figure['seconds']:.2f} cores",
+                 "shown", True)
+        self.row("publish: most records of one publication, buffer time 100 ms",
+                 f"{figure['mostPerPublication']} in {figure['seconds']:.0f} s",
+                 f"<= {figure['allowedPerPublication']:.0f}", figure["tooOften"] == 0)
+        self.row("publish: publications whose last record is not the last values", str(figure["notLast"]), "0",
+                 figure["notLast"] == 0)
+        self.row("publish: gaps and repeated records", f"{figure['gaps']} and {figure['repeated']}", "0 and 0",
+                 figure["gaps"] == 0 and figure["repeated"] == 0)
+
     def table(self):
         widths = [max(len(str(row[column])) for row in [("figure", "measured", "goal", "held"), *self.rows]) for column in range(4)]
         for row in [("figure", "measured", "goal", "held"), *self.rows]:
@@ -214,7 +230,7 @@ class Bench:
         sys.stdout.flush()
 
 
-FIGURES = ("core", "store", "cpu", "peer", "start")
+FIGURES = ("core", "store", "cpu", "peer", "start", "publish")
 
 
 def main():

@@ -22,8 +22,10 @@ constexpr std::string_view room = "pvss";
 
 // Callbacks of one dispatch at most, so that the caller's own work is not starved.
 constexpr std::size_t deliveriesPerDispatch = 256;
-// However many callbacks there are, input and output get their turn this often.
+// However many callbacks there are, input and output get their turn this often,
 constexpr std::chrono::milliseconds pollEvery(5);
+// unless so many wait already: then the store's log holds what comes, and memory stays bounded.
+constexpr std::size_t deliveriesBeforeReading = 16384;
 constexpr std::chrono::seconds beatEvery(1);
 
 std::string randomIncarnation() {
@@ -129,7 +131,7 @@ void ManagerCore::dispatch(std::chrono::microseconds atMost) {
   beat(now);
   pump();
   if (delivered) {
-    if (now - lastPoll_ < pollEvery) {
+    if (now - lastPoll_ < pollEvery || ready_.size() > deliveriesBeforeReading) {
       return;
     }
     atMost = std::chrono::microseconds(0);

@@ -60,16 +60,13 @@ void Outbox::subscribed(std::string_view topic, std::string_view failure) {
     publishClaim(*at->second, false);
     return;
   }
-  const std::string text =
-      "the broker refused the claim on publication " + parsed->name + ": " + std::string(failure);
-  log(LogLevel::warn, text);
-  if (!at->second->handles.empty()) tell(*at->second->handles.front(), text);
+  tellClaimRefused(*at->second, failure);
 }
 
 void Outbox::publishClaim(Name& name, bool owner) {
   const ClaimPayload claim{ports_.self, owner, name.attempt};
-  publishControl(ports_.topics.claim(name.coded),
-                 encodeClaim(claim, ports_.wallClockNanoseconds() / 1'000'000));
+  const std::string payload = encodeClaim(claim, ports_.wallClockNanoseconds() / 1'000'000);
+  claimTokens_[publishControl(ports_.topics.claim(name.coded), payload)] = name.coded;
 }
 
 void Outbox::claimMessage(std::string_view publication, std::string_view payload, bool retained) {

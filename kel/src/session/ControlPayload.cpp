@@ -47,6 +47,7 @@ std::string encodePresence(const PresencePayload& presence, std::int64_t timesta
   record.setText(record.put("host"), presence.host);
   putNumber(record, "process", presence.process);
   putNumber(record, "started", presence.startedNanoseconds);
+  putNumber(record, "keepAlive", presence.keepAlive.count());
   for (const auto& [name, counter] : counterNames) {
     putNumber(record, "counters/" + std::string(name), presence.counters.*counter);
   }
@@ -67,6 +68,13 @@ bool decodePresence(std::string_view payload, KelPublisherInfo& info) {
     }
   }
   return true;
+}
+
+std::optional<std::chrono::seconds> presenceKeepAlive(std::string_view payload) {
+  const DecodedRecord decoded = decodeRecord(payload);
+  const std::int64_t seconds = decoded.record ? numberOf(*decoded.record, "keepAlive") : 0;
+  if (seconds < 1 || seconds > 3600) return std::nullopt;
+  return std::chrono::seconds(seconds);
 }
 
 }  // namespace kel

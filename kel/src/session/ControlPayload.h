@@ -1,6 +1,7 @@
 // What presence and claims carry: Sparkplug payloads like records, with plain metrics.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -27,11 +28,15 @@ struct PresencePayload {
   std::string host;
   std::int64_t process = 0;
   std::int64_t startedNanoseconds = 0;
+  std::chrono::seconds keepAlive{5};  ///< it is published at least twice as often
   KelCounters counters;
 };
 [[nodiscard]] std::string encodePresence(const PresencePayload& presence, std::int64_t timestampMs);
 /// Fills what the payload says; false when it is not a presence.
 bool decodePresence(std::string_view payload, KelPublisherInfo& info);
+
+/// The keep-alive that a presence names; nothing when it names none that makes sense.
+[[nodiscard]] std::optional<std::chrono::seconds> presenceKeepAlive(std::string_view payload);
 
 /// Every counter by its name in KelCounters.
 struct CounterName {

@@ -105,11 +105,28 @@ void Outbox::removeName(Name& name) {
   names_.erase(names_.find(name.coded));
 }
 
-void Outbox::publishControl(const std::string& topic, std::string payload) {
+std::uint64_t Outbox::publishControl(const std::string& topic, std::string payload) {
   OutgoingMessage message;
   message.topic = topic;
   message.payload = std::make_shared<const std::string>(std::move(payload));
-  ports_.transport.publish(message, controlToken | nextControl_++);
+  const std::uint64_t token = controlToken | nextControl_++;
+  ports_.transport.publish(message, token);
+  return token;
+}
+
+void Outbox::claimPublished(std::uint64_t token, std::string_view failure) {
+  const auto at = claimTokens_.find(token);
+  if (at == claimTokens_.end()) return;
+  const auto name = names_.find(at->second);
+  claimTokens_.erase(at);
+  if (name != names_.end() && !failure.empty()) tellClaimRefused(*name->second, failure);
+}
+
+void Outbox::tellClaimRefused(Name& name, std::string_view failure) {
+  const std::string text =
+      "the broker refused the claim on publication " + name.publication + ": " + std::string(failure);
+  log(LogLevel::warn, text);
+  if (!name.handles.empty()) tell(*name.handles.front(), text);
 }
 
 void Outbox::publishClosed(Name& name) {
@@ -183,15 +200,14 @@ void Outbox::pump() {
   }
 }
 
-bool Outbox::published(std::uint64_t token, std::string_view failure) {
+void Outbox::published(std::uint64_t token, std::string_view failure) {
   if ((token & controlToken) != 0) {
-    if (!failure.empty())
-      log(LogLevel::warn, "the broker refused a claim or a presence: " + std::string(failure));
-    return true;
+    claimPublished(token, failure);
+    return;
   }
-  if (token < firstInFlight_ || token - firstInFlight_ >= inFlight_.size()) return false;
+  if (token < firstInFlight_ || token - firstInFlight_ >= inFlight_.size()) return;
   InFlight& entry = inFlight_[token - firstInFlight_];
-  if (entry.done) return true;
+  if (entry.done) return;
   entry.done = true;
   PublicationHandle& handle = *entry.handle;
   if (entry.record.counted) {
@@ -216,7 +232,6 @@ bool Outbox::published(std::uint64_t token, std::string_view failure) {
     ++firstInFlight_;
   }
   pump();
-  return true;
 }
 
 void Outbox::linkDown() {
@@ -224,17 +239,18 @@ void Outbox::linkDown() {
   earlierUnderName_.clear();
   firstInFlight_ += inFlight_.size();
   // Back to the front, the oldest foremost.
-  for (auto entry = inFlight_.rbegin(); entry != inFlight_.rend(); ++entry) {
-    if (entry->done) continue;
-    if (entry->handle->name == nullptr) {
-      if (!entry->record.counted) continue;
+  while (!inFlight_.empty()) {
+    InFlight entry = std::move(inFlight_.back());
+    inFlight_.pop_back();
+    if (entry.done) continue;
+    if (entry.handle->name != nullptr) {
+      queue_.pushFront(entry.handle, std::move(entry.record));
+    } else if (entry.record.counted) {
       --total_.outgoingPending;
       ++total_.outgoingSuperseded;
-    } else {
-      queue_.pushFront(entry->handle, std::move(entry->record));
     }
   }
-  inFlight_.clear();
+  claimTokens_.clear();
   for (auto& [coded, name] : names_) {
     name->claimSubscribed = false;
     name->rival.clear();

@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "kel/KelCounters.h"
@@ -98,8 +99,7 @@ class Outbox {
   void peerAlive(std::string_view peer);
   void peerGone(std::string_view peer);
   void tick();
-  /// False when the token is none of this side's.
-  bool published(std::uint64_t token, std::string_view failure);
+  void published(std::uint64_t token, std::string_view failure);
 
   [[nodiscard]] bool idle() const { return total_.outgoingPending == 0; }
   [[nodiscard]] KelCounters total() const { return total_; }
@@ -126,7 +126,9 @@ class Outbox {
   void tell(const PublicationHandle& handle, const std::string& text);
   void activate(Name& name, bool resendLast);
   void publishClosed(Name& name);
-  void publishControl(const std::string& topic, std::string payload);
+  std::uint64_t publishControl(const std::string& topic, std::string payload);
+  void claimPublished(std::uint64_t token, std::string_view failure);
+  void tellClaimRefused(Name& name, std::string_view failure);
   void pump();
 
   SessionPorts& ports_;
@@ -138,6 +140,7 @@ class Outbox {
   std::uint64_t firstInFlight_ = 1;  ///< token of the front
   std::uint64_t nextControl_ = 1;
   std::int64_t nextAttempt_ = 1;
+  std::unordered_map<std::uint64_t, std::string> claimTokens_;  ///< coded names of claims under way
   KelCounters total_;
 };
 

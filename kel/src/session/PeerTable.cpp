@@ -18,10 +18,17 @@ const char* stateName(PeerState state) {
   return "?";
 }
 
-PeerTable::Change PeerTable::sawPresence(std::string_view peer, bool retained, Time now) {
+PeerTable::Change PeerTable::sawSign(std::string_view peer, Time now, std::chrono::nanoseconds limit) {
+  const auto at = peers_.find(peer);
+  return sawPresence(peer, false, now, at == peers_.end() ? limit : at->second.limit);
+}
+
+PeerTable::Change PeerTable::sawPresence(std::string_view peer, bool retained, Time now,
+                                         std::chrono::nanoseconds limit) {
   auto at = peers_.find(peer);
-  if (at == peers_.end()) at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now}).first;
+  if (at == peers_.end()) at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now, limit}).first;
   Peer& entry = at->second;
+  entry.limit = limit;
   bool changed = false;
   if (!retained) {
     entry.heard = now;
@@ -46,10 +53,10 @@ void PeerTable::clear(std::string_view cause) {
   peers_.clear();
 }
 
-std::vector<std::string> PeerTable::expire(Time now, std::chrono::nanoseconds limit) {
+std::vector<std::string> PeerTable::expire(Time now) {
   std::vector<std::string> gone;
   for (const auto& [name, peer] : peers_) {
-    if (now - peer.heard >= limit) gone.push_back(name);
+    if (now - peer.heard >= peer.limit) gone.push_back(name);
   }
   for (const std::string& name : gone) remove(name, "not heard of in time");
   std::sort(gone.begin(), gone.end());

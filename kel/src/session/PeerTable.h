@@ -34,13 +34,15 @@ class PeerTable {
     PeerState state = PeerState::gone;
     bool changed = false;
   };
-  Change sawPresence(std::string_view peer, bool retained, Time now);
+  Change sawPresence(std::string_view peer, bool retained, Time now, std::chrono::nanoseconds limit);
+  /// Another live sign of it; its time limit stays, or is this one when it was not known.
+  Change sawSign(std::string_view peer, Time now, std::chrono::nanoseconds limit);
   /// Its presence was withdrawn. False when it was not known.
   bool remove(std::string_view peer, std::string_view cause);
   void clear(std::string_view cause);
 
-  /// Takes out who has not been heard of for `limit`.
-  std::vector<std::string> expire(Time now, std::chrono::nanoseconds limit);
+  /// Takes out who has not been heard of in time.
+  std::vector<std::string> expire(Time now);
   /// This process was not running for so long: nobody could be heard.
   void forgive(std::chrono::nanoseconds pause);
 
@@ -55,6 +57,7 @@ class PeerTable {
   struct Peer {
     PeerState state = PeerState::gone;
     Time heard;
+    std::chrono::nanoseconds limit{};
   };
   TextMap<Peer> peers_;
 };

@@ -20,6 +20,7 @@ constexpr milliseconds longestTick{500};
 constexpr std::chrono::seconds withdrawalLimit{1};
 constexpr std::uint64_t withdrawalToken = ~std::uint64_t{0};
 constexpr std::uint64_t presenceToken = withdrawalToken - 1;
+constexpr std::uint64_t probeToken = withdrawalToken - 2;
 
 std::string hostName() {
   std::array<char, 256> name{};
@@ -302,7 +303,8 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
   if (payload.empty()) {
     peerGone(peer, "publisher " + topic.name + " is gone", true);
   } else {
-    peerSeen(peer, retained);
+    const auto keepAlive = presenceKeepAlive(payload).value_or(transport_->keepAlive());
+    peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive));
   }
 }
 
@@ -322,8 +324,7 @@ void Session::groupKnown() {
   outbox_.groupKnown(peers_.named(ports_.self.name));
 }
 
-void Session::peerSeen(const std::string& peer, bool retained) {
-  const PeerTable::Change change = peers_.sawPresence(peer, retained, ports_.now);
+void Session::peerSeen(const std::string& peer, PeerTable::Change change) {
   if (!change.changed) return;
   if (change.state == PeerState::alive) {
     inbox_.peerAlive(peer);
@@ -345,8 +346,10 @@ void Session::claimMessage(const ParsedTopic& topic, std::string_view payload, b
   if (!retained && !payload.empty()) {
     // Who claims, lives.
     const auto claim = decodeClaim(payload);
-    if (claim && claim->publisher.incarnation != ports_.self.incarnation)
-      peerSeen(claim->publisher.text(), false);
+    if (claim && claim->publisher.incarnation != ports_.self.incarnation) {
+      const std::string peer = claim->publisher.text();
+      peerSeen(peer, peers_.sawSign(peer, ports_.now, 2 * transport_->keepAlive()));
+    }
   }
   outbox_.claimMessage(topic.name, payload, retained);
 }
@@ -361,6 +364,7 @@ bool Session::publishPresence(bool alive) {
     presence.host = host_;
     presence.process = getpid();
     presence.startedNanoseconds = startedNanoseconds_;
+    presence.keepAlive = transport_->keepAlive();
     presence.counters = countersLocked();
     payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
     message.expirySeconds = static_cast<std::uint32_t>(2 * transport_->keepAlive().count());
@@ -378,13 +382,20 @@ void Session::publishProbe() {
   message.retain = false;
   probeSent_ = ports_.now;
   probeDue_ = false;
-  transport_->publish(message, presenceToken);
+  transport_->publish(message, probeToken);
 }
 
 void Session::published(std::uint64_t token, std::string_view failure) {
   const MutexLock lock(mutex_);
   if (token == withdrawalToken) {
     withdrawn_ = true;
+  } else if (token == presenceToken) {
+    const bool refused = !failure.empty();
+    if (refused && !presenceRefused_) {
+      log(LogLevel::error, "the broker refused the presence of this publisher: " + std::string(failure) +
+                               "; without it nothing can be published");
+    }
+    presenceRefused_ = refused;
   } else {
     outbox_.published(token, failure);
   }
@@ -430,7 +441,7 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
   const auto sincePresence = now - presenceSent_;
   if (sincePresence >= keepAlive / 2 || (presenceDue_ && sincePresence >= presencePause))
     publishPresence(true);
-  for (const std::string& peer : peers_.expire(now, 2 * keepAlive)) {
+  for (const std::string& peer : peers_.expire(now)) {
     const auto id = PublisherId::parse(peer);
     const std::string reason = "publisher " + (id ? id->name : peer) + " was not heard of in time";
     inbox_.peerGone(peer, reason, false);

@@ -69,7 +69,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
       KEL_REQUIRES(mutex_);
   void ownPresence(bool withdrawn, bool retained) KEL_REQUIRES(mutex_);
   void claimMessage(const ParsedTopic& topic, std::string_view payload, bool retained) KEL_REQUIRES(mutex_);
-  void peerSeen(const std::string& peer, bool retained) KEL_REQUIRES(mutex_);
+  void peerSeen(const std::string& peer, PeerTable::Change change) KEL_REQUIRES(mutex_);
   void peerGone(const std::string& peer, std::string_view reason, bool withdrawn) KEL_REQUIRES(mutex_);
   void groupKnown() KEL_REQUIRES(mutex_);
   bool publishPresence(bool alive) KEL_REQUIRES(mutex_);
@@ -105,6 +105,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   bool ticked_ KEL_GUARDED_BY(mutex_) = false;
   std::chrono::steady_clock::time_point presenceSent_ KEL_GUARDED_BY(mutex_);
   std::chrono::steady_clock::time_point probeSent_ KEL_GUARDED_BY(mutex_);
+  bool presenceRefused_ KEL_GUARDED_BY(mutex_) = false;
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
   /// Handles live here from create to release; the key is what the application holds.

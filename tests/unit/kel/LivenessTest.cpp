@@ -25,13 +25,14 @@ struct LivenessTest : KelFixture {
   }
   void presence(bool alive = true) {
     broker->publish("kel/g/publisher/ghost/1",
-                    alive ? encodePresence({{"ghost", "1"}, "h", 1, 1, {}}, 1) : "", true);
+                    alive ? encodePresence({{"ghost", "1"}, "h", 1, 1, keepAlive, {}}, 1) : "", true);
     settle();
   }
   void data(const std::string& payload) {
     broker->publish("kel/g/data/x", payload, true);
     settle();
   }
+  std::chrono::seconds keepAlive{5};
   std::size_t said(const std::string& topic) {
     std::size_t count = 0;
     for (const auto& entry : broker->recorded()) count += entry.first == topic ? 1U : 0U;
@@ -109,6 +110,21 @@ TEST_F(LivenessTest, APublisherThatIsNotHeardOfIsGoneAndItsKeptRecordComesBackWi
   EXPECT_EQ(listener.lines(5),
             (Journal{"connected", "record 1", "disconnected: publisher ghost was not heard of in time",
                      "connected", "record 1"}));
+}
+
+TEST_F(LivenessTest, APublisherWithALongerKeepAliveHasItsOwnTime) {
+  Listener& listener = newListener();
+  auto subscriber = factory("sub", "s1");
+  subscriber->createSubscription("x", &listener);
+  settle();
+  keepAlive = 30s;
+  presence();
+  data(record(1, 1));
+  listener.lines(2);
+  advance(59s);
+  EXPECT_EQ(listener.all().size(), 2U);
+  advance(2s);
+  EXPECT_EQ(listener.lines(3)[2], "disconnected: publisher ghost was not heard of in time");
 }
 
 TEST_F(LivenessTest, ARecordThatIsHeldGoesWhenItsPublisherWithdraws) {
@@ -234,6 +250,20 @@ TEST_F(ScriptedSession, ClaimsNothingBeforeItsOwnPresenceIsBack) {
   EXPECT_EQ(network->subscribed[2].first, "kel/g/claim/x");
   answerAll();
   EXPECT_EQ(network->published.back().first, "kel/g/claim/x");
+}
+
+TEST_F(ScriptedSession, TellsOfAClaimThatTheBrokerRefuses) {
+  testing::Handler handler;
+  KelPublication* publication = session->createPublication("x", &handler);
+  network->to->tick(t0);
+  network->to->up();
+  answerAll();
+  network->to->message("kel/g/publisher/me/m1", network->published[0].second, false);
+  answerAll();
+  ASSERT_EQ(network->published.back().first, "kel/g/claim/x");
+  network->to->published(network->tokens.back(), "not authorised");
+  EXPECT_EQ(handler.lines(1), Journal{"x: the broker refused the claim on publication x: not authorised"});
+  session->destroyPublication(publication);
 }
 
 TEST_F(ScriptedSession, DoesNotTakeEverybodyForGoneAfterItWasStoppedItself) {

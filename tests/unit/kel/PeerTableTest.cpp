@@ -10,7 +10,7 @@ const PeerTable::Time t0{};
 
 TEST(PeerTable, TakesAKeptPresenceForUnconfirmed) {
   PeerTable peers;
-  const auto change = peers.sawPresence("gw/1", true, t0);
+  const auto change = peers.sawPresence("gw/1", true, t0, 10s);
   EXPECT_TRUE(change.changed);
   EXPECT_EQ(change.state, PeerState::unconfirmed);
   EXPECT_TRUE(peers.known("gw/1"));
@@ -20,41 +20,52 @@ TEST(PeerTable, TakesAKeptPresenceForUnconfirmed) {
 
 TEST(PeerTable, TakesALivePresenceForAlive) {
   PeerTable peers;
-  peers.sawPresence("gw/1", true, t0);
-  EXPECT_TRUE(peers.sawPresence("gw/1", false, t0).changed);
+  peers.sawPresence("gw/1", true, t0, 10s);
+  EXPECT_TRUE(peers.sawPresence("gw/1", false, t0, 10s).changed);
   EXPECT_TRUE(peers.alive("gw/1"));
-  EXPECT_FALSE(peers.sawPresence("gw/1", false, t0).changed);
-  EXPECT_FALSE(peers.sawPresence("gw/1", true, t0).changed);
+  EXPECT_FALSE(peers.sawPresence("gw/1", false, t0, 10s).changed);
+  EXPECT_FALSE(peers.sawPresence("gw/1", true, t0, 10s).changed);
   EXPECT_TRUE(peers.alive("gw/1"));
 }
 
 TEST(PeerTable, ForgetsWhoIsNotHeardOf) {
   PeerTable peers;
-  peers.sawPresence("kept/1", true, t0);
-  peers.sawPresence("live/1", false, t0);
-  peers.sawPresence("kept/1", true, t0 + 5s);  // says nothing
-  peers.sawPresence("live/1", false, t0 + 5s);
-  EXPECT_TRUE(peers.expire(t0 + 9s, 10s).empty());
-  EXPECT_EQ(peers.expire(t0 + 10s, 10s), std::vector<std::string>{"kept/1"});
-  EXPECT_TRUE(peers.expire(t0 + 14s, 10s).empty());
-  EXPECT_EQ(peers.expire(t0 + 15s, 10s), std::vector<std::string>{"live/1"});
+  peers.sawPresence("kept/1", true, t0, 10s);
+  peers.sawPresence("live/1", false, t0, 10s);
+  peers.sawPresence("kept/1", true, t0 + 5s, 10s);  // says nothing
+  peers.sawPresence("live/1", false, t0 + 5s, 10s);
+  EXPECT_TRUE(peers.expire(t0 + 9s).empty());
+  EXPECT_EQ(peers.expire(t0 + 10s), std::vector<std::string>{"kept/1"});
+  EXPECT_TRUE(peers.expire(t0 + 14s).empty());
+  EXPECT_EQ(peers.expire(t0 + 15s), std::vector<std::string>{"live/1"});
   EXPECT_FALSE(peers.known("live/1"));
 }
 
 TEST(PeerTable, ForgivesATimeInWhichNobodyListened) {
   PeerTable peers;
-  peers.sawPresence("live/1", false, t0);
+  peers.sawPresence("live/1", false, t0, 10s);
   peers.forgive(30s);
-  EXPECT_TRUE(peers.expire(t0 + 35s, 10s).empty());
-  EXPECT_EQ(peers.expire(t0 + 40s, 10s).size(), 1U);
+  EXPECT_TRUE(peers.expire(t0 + 35s).empty());
+  EXPECT_EQ(peers.expire(t0 + 40s).size(), 1U);
+}
+
+TEST(PeerTable, GivesEachTheTimeThatItAsksFor) {
+  PeerTable peers;
+  peers.sawPresence("quick/1", false, t0, 2s);
+  peers.sawPresence("slow/1", false, t0, 60s);
+  peers.sawSign("slow/1", t0 + 1s, 2s);
+  peers.sawSign("new/1", t0 + 1s, 3s);
+  EXPECT_EQ(peers.expire(t0 + 2s), std::vector<std::string>{"quick/1"});
+  EXPECT_EQ(peers.expire(t0 + 60s), std::vector<std::string>{"new/1"});
+  EXPECT_EQ(peers.expire(t0 + 61s), std::vector<std::string>{"slow/1"});
 }
 
 TEST(PeerTable, FindsEverybodyUnderAName) {
   PeerTable peers;
-  peers.sawPresence("gw/1", false, t0);
-  peers.sawPresence("gw/2", true, t0);
-  peers.sawPresence("gw2/3", false, t0);
-  peers.sawPresence("gw/sub/4", false, t0);
+  peers.sawPresence("gw/1", false, t0, 10s);
+  peers.sawPresence("gw/2", true, t0, 10s);
+  peers.sawPresence("gw2/3", false, t0, 10s);
+  peers.sawPresence("gw/sub/4", false, t0, 10s);
   EXPECT_EQ(peers.named("gw").size(), 2U);
   EXPECT_EQ(peers.named("gw/sub"), std::vector<std::string>{"gw/sub/4"});
   EXPECT_TRUE(peers.remove("gw/1", "test"));

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The figures of the gateway, measured on this machine in one run and printed as one table of ratios.
 
-usage: bench/run.py --bin BUILD/bin [NAME...]      names: core, store, cpu, peer, start
+usage: bench/run.py --bin BUILD/bin [NAME...]      names: core, store, cpu, peer, start, publish
 
 Every figure has its own yardstick in the same run, because absolute numbers of a noisy machine say little.
 """

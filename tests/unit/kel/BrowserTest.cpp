@@ -6,7 +6,6 @@ namespace kel {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::KelFixture;
 
 /// The browser lives on real time; the broker of these tests does too.
 struct BrowserTest : ::testing::Test {

@@ -34,7 +34,7 @@ Wanted wantedFrom(int argc, char** argv) {
   Wanted wanted;
   const auto number = [&](int& i, const char* name, int& target) {
     if (std::strcmp(argv[i], name) == 0 && i + 1 < argc) {
-      target = std::atoi(argv[++i]);
+      target = static_cast<int>(std::strtol(argv[++i], nullptr, 10));
     }
   };
   for (int i = 1; i < argc; ++i) {

@@ -82,6 +82,7 @@ void writeRecords(benchmark::State& state) {
   const int publications = static_cast<int>(state.range(1));
   const Bench bench(fields * publications);
   std::vector<Bench::Ids> ids;
+  ids.reserve(static_cast<std::size_t>(publications));
   for (int index = 0; index < publications; ++index) {
     ids.push_back(bench.ids(index * fields, fields));
   }

@@ -37,9 +37,9 @@ int main(int count, char** arguments) {
     std::cerr << "usage: traffic_publisher NAME PUBLICATION RECORDS [FIELDS [PER_SECOND]]\n";
     return 2;
   }
-  const long long records = std::atoll(arguments[3]);
-  const int fields = count > 4 ? std::atoi(arguments[4]) : 1;
-  const long long perSecond = count > 5 ? std::atoll(arguments[5]) : 0;
+  const long long records = std::strtoll(arguments[3], nullptr, 10);
+  const int fields = count > 4 ? static_cast<int>(std::strtol(arguments[4], nullptr, 10)) : 1;
+  const long long perSecond = count > 5 ? std::strtoll(arguments[5], nullptr, 10) : 0;
 
   Handler handler;
   const std::unique_ptr<KelFactory> factory(Kel::create(arguments[1]));

@@ -1,8 +1,8 @@
 // Configuration file and command line.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -74,6 +74,7 @@ class ResourcesTest : public ::testing::Test {
   static void begin(std::vector<std::string> words) {
     words.insert(words.begin(), "manager");
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string& word : words) {
       pointers.push_back(word.data());
     }

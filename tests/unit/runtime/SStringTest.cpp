@@ -30,6 +30,7 @@ TEST(SString, isBuiltFromEveryKindOfText) {
   EXPECT_STREQ(SString("abc").getString(), "abc");
   EXPECT_STREQ(SString(std::string("abc")).getString(), "abc");
   const SString original("abc");
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the copy is what is tested
   const SString copy(original);
   EXPECT_STREQ(copy.getString(), "abc");
   EXPECT_NE(copy.getString(), original.getString());

@@ -45,7 +45,7 @@ Wanted wantedFrom(int argc, char** argv) {
   Wanted wanted;
   const auto number = [&](int& i, const char* name, int& target) {
     if (std::strcmp(argv[i], name) == 0 && i + 1 < argc) {
-      target = std::atoi(argv[++i]);
+      target = static_cast<int>(std::strtol(argv[++i], nullptr, 10));
     }
   };
   for (int i = 1; i < argc; ++i) {
@@ -177,8 +177,8 @@ class Driver final : public pvss::testing::ManagerObserver {
     const auto due = static_cast<std::int64_t>(elapsed * wanted_.rate * wanted_.publications);
     for (int n = 0; n < atOnce && writes_ < due; ++n, ++writes_) {
       const auto publication = static_cast<std::size_t>(writes_ % wanted_.publications);
-      const auto value =
-          std::make_shared<const FloatVar>(static_cast<double>(writes_ / wanted_.publications + 1));
+      const std::int64_t round = writes_ / wanted_.publications + 1;
+      const auto value = std::make_shared<const FloatVar>(static_cast<double>(round));
       for (auto& [name, write] : batches_[publication]) {
         write.value = value;
       }

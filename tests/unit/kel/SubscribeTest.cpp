@@ -268,6 +268,32 @@ TEST_F(SubscribeTest, CountsWhatIsNotARecordAndGoesOn) {
   EXPECT_TRUE(balanced(subscriber->counters()));
 }
 
+TEST_F(SubscribeTest, ReportsWhatIsNotARecordOnceAMinute) {
+  subscribe();
+  const auto bad = [&] {
+    broker->publish("kel/g/data/plant/x", "not a\n record", true);
+    settle();
+  };
+  const auto lines = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
+  ::testing::internal::CaptureStderr();
+  for (int i = 0; i < 5; ++i) bad();
+  const std::string first = ::testing::internal::GetCapturedStderr();
+  ::testing::internal::CaptureStderr();
+  advance(59s);
+  bad();
+  const std::string quiet = ::testing::internal::GetCapturedStderr();
+  ::testing::internal::CaptureStderr();
+  advance(2s);
+  bad();
+  const std::string second = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(lines(first), 1) << first;
+  EXPECT_NE(first.find("kel warn not a record on kel/g/data/plant/x: the payload is truncated"),
+            std::string::npos);
+  EXPECT_EQ(quiet, "");
+  EXPECT_EQ(lines(second), 1) << second;
+  EXPECT_NE(second.find("(6 since the last report)"), std::string::npos) << second;
+}
+
 TEST_F(SubscribeTest, TellsOfANameThatNoPublicationCanHave) {
   subscriber->createSubscription("", &listener);
   EXPECT_EQ(listener.lines(1), Journal{"exception: no publication can be called '': the name is empty"});

@@ -82,6 +82,7 @@ top=$1
 shift
 mount -t proc proc "$top/proc"
 mount --bind /dev "$top/dev"
+mount -t devpts -o newinstance,ptmxmode=0666 devpts "$top/dev/pts"
 others() { find /proc -maxdepth 1 -name '[0-9]*' -printf '%f\n' | sort -n; }
 mount -t proc proc /proc
 worst=0

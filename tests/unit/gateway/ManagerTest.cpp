@@ -186,6 +186,7 @@ TEST_F(ManagerLoop, burstFromSeveralThreadsIsWrittenInItsOrderOneCallEach) {
   // The order of queueing across threads is fixed by taking turns.
   std::atomic<int> next{0};
   std::vector<std::thread> senders;
+  senders.reserve(threads);
   for (int t = 0; t < threads; ++t) {
     senders.emplace_back([&next, &id, t] {
       for (int i = 0; i < updates; ++i) {

@@ -35,7 +35,7 @@ class Configuration : public ::testing::Test {
     KelApiResources::publisherName = defaultPublisher;
   }
   [[nodiscard]] std::string file(const std::string& text) const {
-    const std::string path = (folder_ / "config").string();
+    std::string path = (folder_ / "config").string();
     std::ofstream(path) << text;
     return path;
   }

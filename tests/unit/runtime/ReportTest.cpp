@@ -82,14 +82,19 @@ TEST(Report, isVisibleAtOnceInAPipe) {
             "ERROR: Unit 17 var is null\n");
 }
 
+std::string nameOfThread(int t) {
+  return std::string(static_cast<std::size_t>(50 + 100 * t), static_cast<char>('a' + t));
+}
+
 TEST(Report, threadsDoNotTearEachOthersLines) {
   constexpr int threads = 4;
   constexpr int lines = 500;
   const std::string output = printedBy([] {
     std::vector<std::thread> writers;
+    writers.reserve(threads);
     for (int t = 0; t < threads; ++t) {
       writers.emplace_back([t] {
-        const std::string name(static_cast<std::size_t>(50 + 100 * t), static_cast<char>('a' + t));
+        const std::string name = nameOfThread(t);
         for (int i = 0; i < lines; ++i) {
           runtime::report(twoTexts, name.c_str(), name.c_str());
         }
@@ -104,8 +109,9 @@ TEST(Report, threadsDoNotTearEachOthersLines) {
   for (std::string line; std::getline(in, line);) {
     bool whole = false;
     for (int t = 0; t < threads; ++t) {
-      const std::string name(static_cast<std::size_t>(50 + 100 * t), static_cast<char>('a' + t));
-      if (line == "ERROR: Unit 92 DPE " + name + " has bad driver id " + name) {
+      std::string expected = "ERROR: Unit 92 DPE ";
+      expected.append(nameOfThread(t)).append(" has bad driver id ").append(nameOfThread(t));
+      if (line == expected) {
         ++counts[static_cast<std::size_t>(t)];
         whole = true;
       }

@@ -109,6 +109,7 @@ def test_a_flood_of_failures_is_not_a_flood_of_lines(site):
     site.apply({"A.x": "int"}, {"p": {"v": "A.x"}})
     gateway = site.gateway()
     harness.wait_until("the mapping", lambda: any("Created client mapping" in line for line in gateway.out))
+    harness.wait_until("the broker", lambda: any("connected to mqtt" in line for line in gateway.err))
     before = len(gateway.err)
     site.redis.stop()
     site.broker.stop()

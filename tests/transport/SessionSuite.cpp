@@ -187,6 +187,7 @@ TEST_P(SessionSuite, LosesNothingAndKeepsTheOrderOfFourPublishers) {
   for (int p = 0; p < 4; ++p) send(publications[static_cast<std::size_t>(p)], 1);
   for (Ordered& here : ordered) ASSERT_TRUE(here.subscriber.waitForLast("record 1"));
   std::vector<std::thread> threads;
+  threads.reserve(publications.size());
   for (KelPublication* publication : publications) {
     threads.emplace_back([publication] {
       for (int i = 2; i <= records; ++i) send(publication, i);

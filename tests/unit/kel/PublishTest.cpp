@@ -11,7 +11,6 @@ using namespace std::chrono_literals;
 using testing::Handler;
 using testing::Journal;
 using testing::KelFixture;
-using testing::Listener;
 
 struct PublishTest : KelFixture {
   /// The counts of the records that have gone over a topic.

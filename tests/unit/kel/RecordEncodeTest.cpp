@@ -10,7 +10,6 @@ namespace kel {
 namespace {
 
 using testing::hex;
-using testing::unhex;
 
 std::string fieldsOf(const KelData& data) {
   const EncodedRecord encoded = encodeRecord(RecordAccess::record(data), {});

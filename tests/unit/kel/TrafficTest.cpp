@@ -83,6 +83,7 @@ TEST_F(TrafficTest, KeepsItsPromisesWhileEverythingChanges) {
         const auto own =
             factory("pub" + std::to_string(p), "p" + std::to_string(p) + "n" + std::to_string(life));
         std::vector<KelPublication*> publications;
+        publications.reserve(names);
         for (int i = 0; i < names; ++i)
           publications.push_back(own->createPublication(nameOf(random()).c_str(), nullptr));
         for (int i = 0; i < 300 && !stop; ++i) {

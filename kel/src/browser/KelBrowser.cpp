@@ -58,10 +58,12 @@ class GroupListener final : public TransportListener {
 
  private:
   void up() override {
-    transport_.subscribe(topics_.allPublishers(), 1, 1);
-    transport_.subscribe(topics_.allClaims(), 1, 2);
+    // With QoS 0: of a whole group at once, a broker drops what is beyond its queue for messages to be
+    // acknowledged.
+    transport_.subscribe(topics_.allPublishers(), 0, 1);
+    transport_.subscribe(topics_.allClaims(), 0, 2);
     transport_.subscribe(topics_.allData(), 0, 3);
-    transport_.subscribe(topics_.probe(), 1, 4);
+    transport_.subscribe(topics_.probe(), 0, 4);
     OutgoingMessage probe;
     probe.topic = topics_.probe();
     probe.payload = std::make_shared<const std::string>(self_);

@@ -7,8 +7,7 @@
 //            thread. The listener is called on that one thread, never two calls at a time, never from inside
 //            a call into the transport, and never after stop() has returned.
 // Errors     Nothing throws. A lost link is reported by down() and followed by endless, jittered reconnects
-// with
-//            growing pauses (capped at 2 s).
+//            with growing pauses (capped at 2 s).
 #pragma once
 
 #include <chrono>

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The demonstration behind ./dev run: everything private, everything live, everything gone afterwards.
 
-usage: demo/run.py --bin FOLDER [--for SECONDS]
+usage: demo/run.py --bin FOLDER [--for SECONDS] [--table]
 
 Starts Redis on a unix socket and mosquitto on a free loopback port, both in one temporary folder; puts demo/plant.yaml
 into the store; starts the gateway and the live input; shows the values as they change, as a table on a terminal and as
@@ -255,9 +255,8 @@ class Demonstration:
 
     # -------------------------------------------------------------------------------------- watching
 
-    def watch(self, seconds):
+    def watch(self, seconds, table):
         end = None if seconds is None else time.monotonic() + seconds
-        table = sys.stdout.isatty()
         if table:
             sys.stdout.write("\x1b[?1049h\x1b[?25l")
         try:
@@ -408,6 +407,7 @@ def main():
     parser = argparse.ArgumentParser(description="Runs the whole demonstration privately.")
     parser.add_argument("--bin", required=True, help="folder with kel-gateway, kelgw and kel-live-input")
     parser.add_argument("--for", dest="seconds", type=float, help="end after this many seconds")
+    parser.add_argument("--table", action="store_true", default=sys.stdout.isatty(), help="the table also where there is no terminal")
     arguments = parser.parse_args()
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, stop_asked)
@@ -420,7 +420,7 @@ def main():
         try:
             demonstration.start()
             started = True
-            demonstration.watch(arguments.seconds)
+            demonstration.watch(arguments.seconds, arguments.table)
         except Stop:
             pass
         # The end was asked for, by time or by a person; nobody may interrupt what follows.

@@ -1,9 +1,7 @@
 """./dev run: it shows live values, says what happened, and leaves nothing behind, however it ends."""
 
 import os
-import pty
 import re
-import select
 import signal
 import subprocess
 import tempfile
@@ -19,10 +17,10 @@ SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "d
 class Demonstration:
     """The script with a temporary folder of its own, so that what it leaves there can be seen."""
 
-    def __init__(self, *switches):
+    def __init__(self, *switches, env=None):
         self.tmp = tempfile.TemporaryDirectory(prefix="kelgw-test.")
         self.process = harness.Process(["/usr/bin/python3", "-B", SCRIPT, "--bin", harness.BIN, *switches],
-                                       env={"TMPDIR": self.tmp.name})
+                                       env={"TMPDIR": self.tmp.name, **(env or {})})
 
     def children(self):
         """Processes that work in its folder."""
@@ -48,8 +46,8 @@ class Demonstration:
 def demonstration():
     made = []
 
-    def make(*switches):
-        made.append(Demonstration(*switches))
+    def make(*switches, **options):
+        made.append(Demonstration(*switches, **options))
         return made[-1]
 
     yield make
@@ -121,33 +119,21 @@ def test_values_that_do_not_reach_the_store_are_counted_as_lost(demonstration):
     assert run.number("lost") > 0
 
 
-def test_on_a_terminal_it_is_a_table_that_changes(demonstration):
-    try:
-        master, slave = pty.openpty()
-    except OSError as reason:
-        pytest.skip(f"a table needs a terminal, and this system gives none ({reason}): is /dev/pts mounted?")
-    with tempfile.TemporaryDirectory(prefix="kelgw-test.") as folder:
-        os.set_inheritable(slave, True)
-        child = subprocess.Popen(["/usr/bin/python3", "-B", SCRIPT, "--bin", harness.BIN, "--for", "4"], stdin=subprocess.DEVNULL,
-                                 stdout=slave, stderr=slave, env={**os.environ, "TMPDIR": folder, "LINES": "60", "COLUMNS": "120"})
-        os.close(slave)
-        shown, end = b"", time.monotonic() + 90 * harness.PATIENCE
-        while time.monotonic() < end:
-            if select.select([master], [], [], 0.2)[0]:
-                try:
-                    piece = os.read(master, 65536)
-                except OSError:
-                    break
-                shown += piece
-            elif child.poll() is not None:
-                break
-        assert child.wait(10) == 0, shown[-3000:]
-        os.close(master)
-        text = shown.decode()
-        frames = text.split("\x1b[H")[1:]
-        assert len(frames) >= 3
-        assert all(name in frames[-1] for name in ("ELEMENT", "QUALITY", "SOURCE TIME", "Machine.load", "Machine.cpu.coreUse"))
-        times = [re.search(r"Machine\.uptime.*?(\d\d:\d\d:\d\d\.\d+)Z", frame) for frame in frames]
-        assert len({match.group(1) for match in times if match}) >= 2, "the table has to change"
-        assert "\x1b[?1049l" in text and text.rindex("run: lost") > text.rindex("\x1b[?1049l")
-        assert os.listdir(folder) == []
+def test_the_table_of_a_terminal_changes_each_second_and_gives_the_screen_back(demonstration):
+    run = demonstration("--for", "4", "--table", env={"LINES": "60", "COLUMNS": "120"})
+    assert run.process.wait(90) == 0, run.process.said()
+    text = "\n".join(run.process.out)
+    frames = text.split("\x1b[H")[1:]
+    assert len(frames) >= 3
+    assert all(name in frames[-1] for name in ("ELEMENT", "QUALITY", "SOURCE TIME", "Machine.load", "Machine.cpu.coreUse"))
+    times = [re.search(r"Machine\.uptime.*?(\d\d:\d\d:\d\d\.\d+)Z", frame) for frame in frames]
+    assert len({match.group(1) for match in times if match}) >= 2, "the table has to change"
+    assert text.count("\x1b[?1049h") == text.count("\x1b[?1049l") == 1
+    assert text.index("run: lost") > text.index("\x1b[?1049l")
+    run.leaves_nothing()
+
+
+def test_without_a_terminal_there_are_lines_and_no_control_characters(demonstration):
+    run = demonstration("--for", "2")
+    assert run.process.wait(90) == 0, run.process.said()
+    assert "\x1b" not in "\n".join(run.process.out)

@@ -1,10 +1,11 @@
 // What one received value costs: records go through the loopback broker, the gateway and the manager into the
-// store in memory, all in this process, and the CPU time of the whole process is what counts.
+// store in memory, all in this process and on one core, and the CPU time of the whole process is what counts.
 //
 // usage: bench_core [--json] [--publications N] [--fields N] [--seconds N]
 #include <kel/Kel.h>
 #include <pvss/Resources.h>
 #include <pvss/testing/MemoryPlant.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -63,6 +64,16 @@ double cpuSeconds() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
   };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+/// All threads of the process on the core that it is on: the figure is what one core carries.
+void stayOnOneCore() {
+  cpu_set_t core;
+  CPU_ZERO(&core);
+  CPU_SET(static_cast<std::size_t>(sched_getcpu()), &core);
+  if (sched_setaffinity(0, sizeof core, &core) != 0) {
+    std::perror("bench_core: staying on one core");
+  }
 }
 
 /// Watches the writes, and ends the manager's loop when the time is over.
@@ -188,6 +199,7 @@ class Source {
 
 int main(int argc, char** argv) {
   const Wanted wanted = wantedFrom(argc, argv);
+  stayOnOneCore();
   setenv("KEL_URL", "loopback:", 1);
 
   pvss::testing::MemoryPlant plant;

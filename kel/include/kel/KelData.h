@@ -1,11 +1,11 @@
 // KelData: one record of a publication, a set of named and typed fields.
 //
 // Purpose    What a publisher fills and sends, and what a subscriber is handed. Fields are found by their
-// tag;
-//            a null or empty tag means the record's unnamed value.
-// Ownership  A record made by KelFactory::createData (or by `new`) belongs to who made it. A record handed
-//            to a listener belongs to the library and ends with the call. Pointers from the extract family
-//            belong to the record and hold until it is changed or destroyed. Copies are independent.
+//            tag; a null or empty tag means the record's unnamed value.
+// Ownership  A record made by KelFactory::createData (or by `new`) belongs to who made it. A record
+//            handed to a listener belongs to the library and ends with the call. Pointers from the
+//            extract family belong to the record and hold until it is changed or destroyed. Copies are
+//            independent.
 // Thread     One thread at a time for one record.
 // Errors     extract throws KelException when the field is missing or of another type. insert throws
 //            KelException for a tag that is not UTF-8 or longer than 65,000 bytes; the record is then

@@ -1,8 +1,7 @@
 // Dispatcher: the one thread that calls listeners and handlers, and the bounded queue that feeds it.
 //
 // Purpose    Callbacks never run on a transport's thread nor inside an application's call; in order per
-// target,
-//            one at a time; never after cancel() has returned.
+//            target, one at a time; never after cancel() has returned.
 // Thread     Any thread may post and cancel. cancel() waits for a callback of its target that is running,
 //            except when that callback itself calls it.
 // Errors     What a callback throws is caught, counted and reported.

@@ -4,9 +4,8 @@
 // messages becomes a callback:
 //   - a record counts from the moment that its publisher's process run is known to be alive; until then the
 //     newest one is held;
-//   - `connected` comes before the record that it announces, `disconnected` when the publication is closed,
-//   its
-//     publisher is gone, it has no value, or the own link is lost;
+//   - `connected` comes before the record that it announces, `disconnected` when the publication is
+//     closed, its publisher is gone, it has no value, or the own link is lost;
 //   - what arrives twice is dropped, by the publisher's own count.
 // Not thread-safe: under the session's lock. Callbacks go through the dispatcher.
 #pragma once

@@ -3,11 +3,11 @@
 // Purpose    One interface over the in-process loopback broker and MQTT 5: retained messages with expiry,
 //            a will, topic filters, acknowledged publishing. It knows nothing of records or presence.
 // Ownership  The session owns its transport; the listener outlives it.
-// Thread     Every call may come from any thread and never blocks, except stop(), which joins the transport's
-//            thread. The listener is called on that one thread, never two calls at a time, never from inside
-//            a call into the transport, and never after stop() has returned.
-// Errors     Nothing throws. A lost link is reported by down() and followed by endless, jittered reconnects
-//            with growing pauses (capped at 2 s).
+// Thread     Every call may come from any thread and never blocks, except stop(), which joins the
+//            transport's thread. The listener is called on that one thread, never two calls at a time,
+//            never from inside a call into the transport, and never after stop() has returned.
+// Errors     Nothing throws. A lost link is reported by down() and followed by endless, jittered
+//            reconnects with growing pauses (capped at 2 s).
 #pragma once
 
 #include <chrono>

@@ -1,11 +1,10 @@
 // LoopbackBroker: a broker inside this process, for tests, benches and single-process trials.
 //
 // Purpose    Behaves like an MQTT 5 broker as far as KelTransport can see: retained messages with expiry,
-// wills,
-//            filters with + and #, messages in order. Brokers have names; who gives the same name meets
-//            there.
-// Ownership  A named broker lives as long as the process, so that what it retains outlives its clients; its
-//            thread runs only while there are clients.
+//            wills, filters with + and #, messages in order. Brokers have names; who gives the same name
+//            meets there.
+// Ownership  A named broker lives as long as the process, so that what it retains outlives its clients;
+//            its thread runs only while there are clients.
 // Thread     Any thread may call. Clients are called on the broker's thread, under no lock.
 // Time       The steady clock, or a clock that a test moves by hand: then nothing happens by waiting.
 #pragma once

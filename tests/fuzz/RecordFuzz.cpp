@@ -1,4 +1,5 @@
 // Any bytes are a record, which then survives being written and read again, or are refused with a reason.
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -31,8 +32,10 @@ bool sameField(const kel::Field& a, const kel::Field& b) {
     return a.count == b.count &&
            std::memcmp(a.value.data, b.value.data, a.count * kel::elementSize(a.type)) == 0;
   }
-  if (a.type == kel::typeFloat) return std::memcmp(&a.value.single, &b.value.single, sizeof(float)) == 0;
-  if (a.type == kel::typeDouble) return std::memcmp(&a.value.real, &b.value.real, sizeof(double)) == 0;
+  if (a.type == kel::typeFloat)
+    return std::bit_cast<std::uint32_t>(a.value.single) == std::bit_cast<std::uint32_t>(b.value.single);
+  if (a.type == kel::typeDouble)
+    return std::bit_cast<std::uint64_t>(a.value.real) == std::bit_cast<std::uint64_t>(b.value.real);
   if (a.type == kel::typeBool) return a.value.boolean == b.value.boolean;
   if (a.type == kel::typeByte) return a.value.byte == b.value.byte;
   if (a.type == kel::typeShort) return a.value.int16 == b.value.int16;

@@ -106,7 +106,7 @@ TEST_F(BacklogTest, WhatTheStoreDidNotKnowIsResentInOrderWithItsNumbers) {
 }
 
 TEST_F(BacklogTest, PastTheBoundTheOldestSupersededGoFirst) {
-  makeBacklog(16 * 1024);
+  makeBacklog(16384);
   int number = 0;
   while (counters.coalesced == 0) {
     append({attributes(1 + static_cast<ElementId>(number % 4), all, number)});

@@ -10,6 +10,7 @@ local MARK_BYTES = 1048576        -- distance of the marks that trimming cuts at
 local LOG_BYTES = 268435456       -- bound of the log unless dp:cfg logBytes says another
 local INLINE_BYTES = 65536        -- a larger change is logged by names only
 local INLINE_ELEMENTS = 3000      -- and so is one with more elements than a call can carry
+local STEP = 5                    -- places of one element in the plan of a write
 local LEASE_MS = 3000             -- when a write takes a free lease up again
 
 local function now_ms()
@@ -87,24 +88,30 @@ local function append(kind, head, list, from, bytes)
   return seq
 end
 
--- Splits "i0" "11" "20" "v<text>" into fields to set; then the letters that were there, whether there is a value,
--- and the flag if there is one. Nil when it is no such text.
-local function split(text)
-  local set, letters, n, p, size, flag = {}, '', 0, 1, #text, nil
-  while p <= size do
-    local c = string.sub(text, p, p)
-    if c == 'v' then
-      set[n + 1], set[n + 2] = 'v', string.sub(text, p + 1)
-      return set, letters .. 'v', true, flag
-    end
-    local bit = string.sub(text, p + 1, p + 1)
+-- What stands before the value in a text of attributes: "i0", "11", "20" in any order. There are few of these, so what
+-- they mean is worked out once and kept: fields to set, their letters, and the flag if there is one.
+local heads = {}
+local function head_of(text)
+  local set, letters, flag = {}, '', nil
+  for p = 1, #text, 2 do
+    local c, bit = string.sub(text, p, p), string.sub(text, p + 1, p + 1)
     if (c ~= 'i' and c ~= '1' and c ~= '2') or (bit ~= '0' and bit ~= '1') then return nil end
-    set[n + 1], set[n + 2] = c, bit
+    set[p], set[p + 1] = c, bit
+    letters = letters .. c
     if c == 'i' then flag = bit end
-    n, p, letters = n + 2, p + 2, letters .. c
   end
-  if n == 0 then return nil end
-  return set, letters, false, flag
+  local head = {set = set, letters = letters, flag = flag}
+  if #text <= 6 then heads[text] = head end
+  return head
+end
+
+-- Splits a text of attributes: what stands before the value, and the value or nil. Nil when it is no such text.
+local function split(text)
+  local at = string.find(text, 'v', 1, true)
+  local before = at and string.sub(text, 1, at - 1) or text
+  local head = heads[before] or head_of(before)
+  if not head or text == '' then return nil end
+  return head, at and string.sub(text, at + 1)
 end
 
 -- dp_set writer fence number previous time flags (name text)...
@@ -127,31 +134,26 @@ local function dp_set(_, args)
   if time == '' then time = now_ms() end
   local when = tonumber(time)
   local restore = flags == 'r'
+  local call, pcall = redis.call, redis.pcall
 
-  -- Look first, write afterwards: nothing below can fail half way.
-  local todo, n, bytes, unknown, broken, skipped = {}, 0, 0, nil, nil, false
+  -- Look first, write afterwards: nothing below can fail half way. The plan has STEP places for each element.
+  local plan, n, bytes, unknown, broken, skipped = {}, 0, 0, nil, nil, false
   for i = 7, #args, 2 do
     local name, text = args[i], args[i + 1]
     local key = 'dp:d:' .. name
-    local have = redis.pcall('HMGET', key, 'i', 't')
-    local set, letters, valued, flag = split(text)
-    if have.err or not set then
+    local was = pcall('HGET', key, 'i')
+    local head, value = split(text)
+    if not head or type(was) == 'table' then
       broken = name
-    elseif not have[1] and not have[2] and redis.call('HEXISTS', 'dp:cat', name) == 0 then
+    elseif not was and call('HEXISTS', 'dp:cat', name) == 0 then
       unknown = unknown and unknown .. ', ' .. name or name
-    elseif restore and have[2] and tonumber(have[2]) > when then
+    elseif restore and tonumber(call('HGET', key, 't') or '0') > when then
       skipped = true
     else
-      if valued then
-        set[#set + 1] = 't'
-        set[#set + 1] = time
-      end
-      if flag and flag ~= (have[1] or '1') then
-        set[#set + 1] = 'ti'
-        set[#set + 1] = time
-      end
-      n = n + 1
-      todo[n] = {key, set, name, text, letters}
+      local flag = head.flag
+      plan[n + 1], plan[n + 2], plan[n + 3], plan[n + 4] = i, key, head, value or false
+      plan[n + 5] = flag and flag ~= (was or '1') or false
+      n = n + STEP
       bytes = bytes + #name + #text + 4
     end
   end
@@ -159,23 +161,36 @@ local function dp_set(_, args)
   local seq = -1
   if broken then n = 0 end
   if n > 0 then
-    local head = time .. ' ' .. writer
-    if bytes > INLINE_BYTES or n > INLINE_ELEMENTS then
+    local headline = time .. ' ' .. writer
+    if bytes > INLINE_BYTES or n > INLINE_ELEMENTS * STEP then
       local lines = {}
-      for k = 1, n do lines[k] = todo[k][5] .. ' ' .. todo[k][3] end
+      for k = 1, n, STEP do
+        lines[#lines + 1] = plan[k + 2].letters .. (plan[k + 3] and 'v ' or ' ') .. args[plan[k]]
+      end
       local names = table.concat(lines, '\n')
-      seq = append('S', head, {'names', names}, 1, #names + #head)
+      seq = append('S', headline, {'names', names}, 1, #names + #headline)
     elseif skipped or unknown then
       local list = {}
-      for k = 1, n do
-        list[2 * k - 1] = todo[k][3]
-        list[2 * k] = todo[k][4]
+      for k = 1, n, STEP do
+        list[#list + 1] = args[plan[k]]
+        list[#list + 1] = args[plan[k] + 1]
       end
-      seq = append('s', head, list, 1, bytes + #head)
+      seq = append('s', headline, list, 1, bytes + #headline)
     else
-      seq = append('s', head, args, 7, bytes + #head)
+      seq = append('s', headline, args, 7, bytes + #headline)
     end
-    for k = 1, n do redis.call('HSET', todo[k][1], unpack(todo[k][2])) end
+    for k = 1, n, STEP do
+      local key, set, value = plan[k + 1], plan[k + 2].set, plan[k + 3]
+      if value and plan[k + 4] then
+        call('HSET', key, 'v', value, 't', time, 'ti', time, unpack(set))
+      elseif value then
+        call('HSET', key, 'v', value, 't', time, unpack(set))
+      elseif plan[k + 4] then
+        call('HSET', key, 'ti', time, unpack(set))
+      else
+        call('HSET', key, unpack(set))
+      end
+    end
     applied = string.format('%.0f', tonumber(applied) + 1)
   end
   redis.call('HSET', 'dp:cli', writer, number .. ' ' .. applied)

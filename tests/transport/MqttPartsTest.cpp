@@ -1,6 +1,7 @@
 // The parts of the MQTT transport that need no broker: pauses, report lines, password files, reason texts.
 #include <gmock/gmock.h>
 #include <mosquitto.h>
+#include <openssl/x509_vfy.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "transport/mqtt/Backoff.h"
+#include "transport/mqtt/Diagnosis.h"
 #include "transport/mqtt/OutageReport.h"
 #include "transport/mqtt/PasswordFile.h"
 #include "transport/mqtt/Reasons.h"
@@ -20,8 +22,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using kel::mqtt::Backoff;
+using kel::mqtt::Mishap;
 using kel::mqtt::OutageReport;
 using kel::mqtt::readPasswordFile;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::Optional;
@@ -162,6 +166,78 @@ TEST(Reasons, areWordsWithTheirNumber) {
   EXPECT_EQ(kel::mqtt::libraryText(MOSQ_ERR_ERRNO, ECONNREFUSED, {}), "Connection refused");
   EXPECT_EQ(kel::mqtt::libraryText(MOSQ_ERR_TLS, 0, "certificate verify failed"),
             "TLS: certificate verify failed");
+}
+
+kel::mqtt::MqttOptions tlsOptions() {
+  kel::mqtt::MqttOptions options;
+  options.host = "broker";
+  options.port = 8883;
+  options.tls = true;
+  options.caFile = "/ca.pem";
+  options.certFile = "/our.pem";
+  options.keyFile = "/our.key";
+  return options;
+}
+
+TEST(Diagnosis, givesOneSentenceForOneCauseHoweverItWasSeen) {
+  const auto options = tlsOptions();
+  const std::string refused =
+      "TLS: the broker does not accept our certificate /our.pem; is it signed by an authority that the "
+      "broker "
+      "knows, and still valid?";
+  Mishap alert{MOSQ_ERR_ERRNO, EPROTO,
+               "OpenSSL Error[0]: error:0A000418:SSL routines::tlsv1 alert unknown ca"};
+  EXPECT_EQ(diagnosis(alert, options), refused);
+  Mishap reset{MOSQ_ERR_ERRNO, ECONNRESET, {}};
+  reset.sawPeer = true;
+  EXPECT_EQ(diagnosis(reset, options), refused);
+  Mishap closed{MOSQ_ERR_CONN_LOST, 0, {}};
+  closed.handshakeDone = true;
+  EXPECT_EQ(diagnosis(closed, options), refused);
+
+  const std::string deaf =
+      "TLS: the broker does not speak it on port 8883; use its port for TLS, or mqtt:// if it has none";
+  EXPECT_EQ(diagnosis(Mishap{MOSQ_ERR_ERRNO, ECONNRESET, {}}, options), deaf);
+  EXPECT_EQ(diagnosis(Mishap{MOSQ_ERR_TLS, 0, "SSL routines::wrong version number"}, options), deaf);
+  EXPECT_EQ(diagnosis(Mishap{MOSQ_ERR_ERRNO, EPROTO, "SSL routines::unexpected eof while reading"}, options),
+            deaf);
+
+  auto plain = options;
+  plain.tls = false;
+  EXPECT_THAT(diagnosis(Mishap{MOSQ_ERR_CONN_LOST, 0, {}}, plain), HasSubstr("if it wants TLS on port 8883"));
+  EXPECT_EQ(diagnosis(Mishap{MOSQ_ERR_CONN_LOST, 0, {}}, plain),
+            diagnosis(Mishap{MOSQ_ERR_ERRNO, ECONNRESET, {}}, plain));
+  EXPECT_EQ(diagnosis(Mishap{MOSQ_ERR_ERRNO, ECONNREFUSED, {}}, plain), "Connection refused");
+}
+
+TEST(Diagnosis, tellsWhyTheBrokersCertificateIsNotGoodEnough) {
+  auto options = tlsOptions();
+  Mishap mishap{MOSQ_ERR_TLS, 0,
+                "Error: host name verification failed.; SSL routines::certificate verify failed"};
+  mishap.verifyResult = X509_V_ERR_UNSPECIFIED;
+  EXPECT_THAT(diagnosis(mishap, options), HasSubstr("is not made out to broker"));
+  mishap.said = "SSL routines::certificate verify failed";
+  mishap.verifyResult = X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
+  EXPECT_THAT(diagnosis(mishap, options),
+              AllOf(HasSubstr("cannot be trusted by /ca.pem"), HasSubstr("ca=FILE")));
+  options.caFile.clear();
+  EXPECT_THAT(diagnosis(mishap, options), HasSubstr("this system's certificate authorities"));
+  mishap.verifyResult = X509_V_ERR_CERT_HAS_EXPIRED;
+  EXPECT_THAT(diagnosis(mishap, options), HasSubstr("out of date"));
+}
+
+TEST(Diagnosis, asksForACertificateWhereThereIsNone) {
+  auto options = tlsOptions();
+  options.certFile.clear();
+  Mishap mishap{MOSQ_ERR_ERRNO, EPROTO, "SSL routines::tlsv13 alert certificate required"};
+  EXPECT_THAT(diagnosis(mishap, options), HasSubstr("cert=FILE and key=FILE"));
+}
+
+TEST(Diagnosis, leavesALinkThatWasUpAlone) {
+  Mishap mishap{MOSQ_ERR_CONN_LOST, 0, {}};
+  mishap.greeted = true;
+  mishap.sawPeer = true;
+  EXPECT_EQ(diagnosis(mishap, tlsOptions()), "the broker closed the connection");
 }
 
 }  // namespace

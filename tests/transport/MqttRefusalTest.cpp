@@ -1,8 +1,11 @@
 // What a broker refuses, and what we refuse a broker: log-ins, topics, certificates.
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <string>
 
 #include "Mosquitto.h"
@@ -157,23 +160,42 @@ TEST(MqttRefusal, namesABrokerThatSpeaksAnOlderProtocol) {
   EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("Unsupported Protocol Version"));
 }
 
-TEST(MqttRefusal, refusesAPasswordFileThatOthersCanRead) {
-  const kel::testing::TemporaryFolder folder;
-  const std::string file = folder.write("pass", "secret\n", 0640);
-  std::string error;
-  const auto url = kel::KelUrl::parse("mqtt://127.0.0.1?user=anna&passfile=" + file, error);
-  ASSERT_TRUE(url) << error;
-  EXPECT_FALSE(kel::makeMqttTransport(*url, error));
-  EXPECT_THAT(error, AllOf(HasSubstr(file), HasSubstr("0640"), Not(HasSubstr("secret"))));
+TEST(MqttRefusal, refusesAPasswordFileThatOthersCanReadUntilTheyCannot) {
+  kel::testing::MosquittoOptions options;
+  options.users = {{"anna", "secret"}};
+  Mosquitto broker(options);
+  broker.start();
+  const std::string file = broker.folder().write("pass", "secret\n", 0640);
+  Client client(broker.url("user=anna&passfile=" + file));
+  ::testing::internal::CaptureStderr();
+  client.start();
+  ASSERT_TRUE(client.listener.waitFor([](const Record& record) { return record.ticks > 15; }));
+  EXPECT_EQ(client.listener.snapshot().ups, 0);
+  ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
+  EXPECT_TRUE(client.listener.waitFor(isUp));
+  client.transport->stop(true);
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              AllOf(HasSubstr(file), HasSubstr("0640"), HasSubstr("is back"), Not(HasSubstr("secret"))));
 }
 
-TEST(MqttRefusal, refusesFilesThatAreNotThere) {
-  std::string error;
-  for (const char* option : {"ca=/nowhere/ca.pem", "cert=/nowhere/c.pem&key=/nowhere/k.pem"}) {
-    const auto url = kel::KelUrl::parse(std::string("mqtts://127.0.0.1?") + option, error);
-    ASSERT_TRUE(url) << error;
-    EXPECT_FALSE(kel::makeMqttTransport(*url, error));
-    EXPECT_THAT(error, AllOf(HasSubstr("/nowhere/c"), HasSubstr("No such file")));
+TEST(MqttRefusal, saysOnceWhichFileIsNotThereOrOpenToOthers) {
+  const kel::testing::TemporaryFolder folder;
+  const std::string cert = folder.write("cert", "x", 0644);
+  const std::string key = folder.write("key", "x", 0604);
+  const std::string ours = "cert=" + cert + "&key=";
+  for (const auto& [files, trouble] : std::map<std::string, std::string>{
+           {"ca=/nowhere/ca.pem", "option 'ca': /nowhere/ca.pem: No such file"},
+           {"cert=/nowhere/c.pem&key=" + key, "option 'cert': /nowhere/c.pem: No such file"},
+           {ours + "/nowhere/k.pem", "option 'key': /nowhere/k.pem: No such file"},
+           {ours + key, "key file " + key + " is open to others than its owner (mode 0604): chmod 600 it"}}) {
+    Client client("mqtts://127.0.0.1:1?" + files);
+    ::testing::internal::CaptureStderr();
+    client.start();
+    EXPECT_TRUE(client.listener.waitFor([](const Record& record) { return record.ticks > 15; }));
+    client.transport->stop(true);
+    const std::string said = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(said, HasSubstr(trouble));
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
   }
 }
 

@@ -60,10 +60,41 @@ void Outbox::subscribed(std::string_view topic, std::string_view failure) {
     publishClaim(*at->second, false);
     return;
   }
-  tellClaimRefused(*at->second, failure);
+  claimRefused(*at->second, failure, true);
+}
+
+void Outbox::claimRefused(Name& name, std::string_view failure, bool reading) {
+  const std::string text =
+      "the broker refused the claim on publication " + name.publication + ": " + std::string(failure);
+  const std::string right = (reading ? "to read " : "to write ") + ports_.topics.claim(name.coded);
+  const bool news = claimRefusals_.refused(name.coded, text, right, ports_.now);
+  if (news && !name.handles.empty()) tell(*name.handles.front(), text);
+}
+
+void Outbox::askAgain() {
+  const auto pause = refusalPause(ports_.transport);
+  for (auto& [coded, name] : names_) {
+    if (name->state != PublicationState::claiming || !name->claimTaken || !online_ ||
+        ports_.now - name->claimTakenAt < pause) {
+      continue;
+    }
+    name->claimTaken = false;
+    claimRefused(*name, "it was taken and does not come back", true);
+  }
+  for (const std::string& coded : claimRefusals_.due(ports_.now, pause)) {
+    const auto at = names_.find(coded);
+    if (at == names_.end() || at->second->state != PublicationState::claiming) continue;
+    // The claim follows the subscription, and has the number that it had.
+    ports_.subscribes.request(ports_.topics.claim(coded), 1);
+  }
+  for (const std::string& coded : recordRefusals_.due(ports_.now, pause)) {
+    const auto at = names_.find(coded);
+    if (at != names_.end() && at->second->state == PublicationState::owner) activate(*at->second, true);
+  }
 }
 
 void Outbox::publishClaim(Name& name, bool owner) {
+  name.claimTaken = false;
   const ClaimPayload claim{ports_.self, owner, name.attempt};
   const std::string payload = encodeClaim(claim, ports_.wallClockNanoseconds() / 1'000'000);
   claimTokens_[publishControl(ports_.topics.claim(name.coded), payload)] = name.coded;
@@ -128,6 +159,7 @@ void Outbox::otherClaim(Name& name, const ClaimPayload& claim) {
 }
 
 void Outbox::decide(Name& name) {
+  claimRefusals_.granted(name.coded);
   if (!name.rival.empty() && ports_.peers.known(name.rival)) {
     lose(name, std::string(name.rival), name.rivalIsOwner, "an earlier claim is live");
   } else {
@@ -202,6 +234,7 @@ void Outbox::peerGone(std::string_view peer) {
 }
 
 void Outbox::tick() {
+  askAgain();
   if (!online_ || !earlierUnderName_.empty()) return;
   std::vector<Name*> again;
   for (auto& [coded, name] : names_) {

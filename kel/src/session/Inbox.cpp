@@ -11,6 +11,9 @@ namespace {
 
 constexpr std::size_t rememberedRuns = 4;
 constexpr std::chrono::minutes complaintPause{1};
+// Brokers there are that take every subscription and withhold what may not be read. When the right is granted
+// later, what was kept does not come by itself.
+constexpr std::chrono::minutes silencePause{1};
 
 }  // namespace
 
@@ -20,6 +23,7 @@ struct InboxTopic {
   std::string topic;
   SubscriptionState state = SubscriptionState::waiting;
   std::string publisher;  ///< who it is connected through; stays when disconnected
+  bool silent = true;     ///< nothing has come since the link is up
   bool unheard = false;   ///< disconnected because `publisher` was not heard of in time
   std::shared_ptr<Record> last;
   std::shared_ptr<Record> held;
@@ -107,6 +111,7 @@ void Inbox::remove(SubscriptionHandle& handle) {
   std::erase_if(topic.subscriptions, [&](const auto& other) { return other.get() == &handle; });
   if (!topic.subscriptions.empty()) return;
   discardHeld(topic);
+  refusals_.forget(topic.topic);
   ports_.subscribes.cancel(topic.topic);
   topics_.erase(topics_.find(topic.topic));
 }
@@ -120,12 +125,17 @@ void Inbox::resend(SubscriptionHandle& handle) {
 void Inbox::linkUp() {
   std::vector<const std::string*> filters;
   filters.reserve(topics_.size());
-  for (const auto& [filter, topic] : topics_) filters.push_back(&filter);
+  for (const auto& [filter, topic] : topics_) {
+    topic->silent = true;
+    filters.push_back(&filter);
+  }
+  askedSilent_ = ports_.now;
   std::sort(filters.begin(), filters.end(), [](const auto* a, const auto* b) { return *a < *b; });
   for (const std::string* filter : filters) ports_.subscribes.request(*filter, ports_.qos);
 }
 
 void Inbox::linkDown(std::string_view reason) {
+  refusals_.linkDown();
   for (auto& [filter, topic] : topics_) {
     discardHeld(*topic);
     disconnect(*topic, reason);
@@ -134,19 +144,35 @@ void Inbox::linkDown(std::string_view reason) {
   }
 }
 
-void Inbox::refused(std::string_view filter, std::string_view failure) {
+void Inbox::subscribed(std::string_view filter, std::string_view failure) {
   const auto at = topics_.find(filter);
   if (at == topics_.end()) return;
+  if (failure.empty()) {
+    refusals_.granted(at->first);
+    return;
+  }
   const std::string text =
       "the broker refused the subscription to " + at->second->publication + ": " + std::string(failure);
-  log(LogLevel::warn, text);
+  if (!refusals_.refused(at->first, text, "to read " + at->first, ports_.now)) return;
   for (const auto& handle : at->second->subscriptions) ports_.dispatcher.post(handle, Event::exception(text));
+}
+
+void Inbox::tick() {
+  for (const std::string& filter : refusals_.due(ports_.now, refusalPause(ports_.transport))) {
+    ports_.subscribes.request(filter, ports_.qos);
+  }
+  if (ports_.now - askedSilent_ < silencePause) return;
+  askedSilent_ = ports_.now;
+  for (const auto& [filter, topic] : topics_) {
+    if (topic->silent) ports_.subscribes.request(filter, ports_.qos);
+  }
 }
 
 void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const std::string& error) {
   const auto at = topics_.find(name);
   if (at == topics_.end()) return;
   Topic& topic = *at->second;
+  topic.silent = false;
   if (!error.empty()) {
     count(topic, &KelCounters::received);
     count(topic, &KelCounters::decodeErrors);

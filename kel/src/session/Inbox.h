@@ -18,6 +18,7 @@
 
 #include "kel/KelCounters.h"
 #include "kel/KelFactory.h"
+#include "session/Refusals.h"
 #include "session/SessionPorts.h"
 
 namespace kel {
@@ -65,8 +66,9 @@ class Inbox {
   /// `error` is empty or says why the payload is not a record. A null record without error: the topic is
   /// closed.
   void message(std::string_view topic, std::shared_ptr<Record> record, const std::string& error);
-  /// The broker refused the subscription.
-  void refused(std::string_view topic, std::string_view failure);
+  /// The broker has answered the subscription; `failure` is empty or says why it refused.
+  void subscribed(std::string_view topic, std::string_view failure);
+  void tick();
   void peerAlive(std::string_view peer);
   /// `withdrawn`: it said so itself, or the broker for it; otherwise it was only not heard of in time.
   void peerGone(std::string_view peer, std::string_view reason, bool withdrawn);
@@ -89,6 +91,8 @@ class Inbox {
 
   SessionPorts& ports_;
   TextMap<std::unique_ptr<Topic>> topics_;
+  Refusals refusals_{"the broker grants the subscriptions that it refused"};
+  PeerTable::Time askedSilent_;
   KelCounters total_;
 };
 

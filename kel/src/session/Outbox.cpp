@@ -100,6 +100,8 @@ void Outbox::remove(PublicationHandle& handle) {
 }
 
 void Outbox::removeName(Name& name) {
+  claimRefusals_.forget(name.coded);
+  recordRefusals_.forget(name.coded);
   if (name.claimSubscribed) ports_.subscribes.cancel(ports_.topics.claim(name.coded));
   // What is still under way keeps its handle, which has lost its name.
   names_.erase(names_.find(name.coded));
@@ -119,14 +121,13 @@ void Outbox::claimPublished(std::uint64_t token, std::string_view failure) {
   if (at == claimTokens_.end()) return;
   const auto name = names_.find(at->second);
   claimTokens_.erase(at);
-  if (name != names_.end() && !failure.empty()) tellClaimRefused(*name->second, failure);
-}
-
-void Outbox::tellClaimRefused(Name& name, std::string_view failure) {
-  const std::string text =
-      "the broker refused the claim on publication " + name.publication + ": " + std::string(failure);
-  log(LogLevel::warn, text);
-  if (!name.handles.empty()) tell(*name.handles.front(), text);
+  if (name == names_.end()) return;
+  if (failure.empty()) {
+    name->second->claimTaken = true;
+    name->second->claimTakenAt = ports_.now;
+  } else {
+    claimRefused(*name->second, failure, false);
+  }
 }
 
 void Outbox::publishClosed(Name& name) {
@@ -219,13 +220,15 @@ void Outbox::published(std::uint64_t token, std::string_view failure) {
       ++(failure.empty() ? each->acknowledged : each->refused);
     }
   }
-  if (failure.empty()) {
-    handle.refusalTold = false;
-  } else if (!std::exchange(handle.refusalTold, true)) {
-    const std::string text =
-        "the broker refused a record of publication " + handle.publication() + ": " + std::string(failure);
-    log(LogLevel::warn, text);
-    if (handle.name != nullptr) tell(handle, text);
+  if (handle.name != nullptr) {
+    if (failure.empty()) {
+      recordRefusals_.granted(handle.name->coded);
+    } else {
+      const std::string text =
+          "the broker refused a record of publication " + handle.publication() + ": " + std::string(failure);
+      if (recordRefusals_.refused(handle.name->coded, text, "to write " + handle.name->dataTopic, ports_.now))
+        tell(handle, text);
+    }
   }
   while (!inFlight_.empty() && inFlight_.front().done) {
     inFlight_.pop_front();
@@ -237,6 +240,8 @@ void Outbox::published(std::uint64_t token, std::string_view failure) {
 void Outbox::linkDown() {
   online_ = false;
   earlierUnderName_.clear();
+  claimRefusals_.linkDown();
+  recordRefusals_.linkDown();
   firstInFlight_ += inFlight_.size();
   // Back to the front, the oldest foremost.
   while (!inFlight_.empty()) {
@@ -253,6 +258,7 @@ void Outbox::linkDown() {
   claimTokens_.clear();
   for (auto& [coded, name] : names_) {
     name->claimSubscribed = false;
+    name->claimTaken = false;
     name->rival.clear();
     transition(name->state, PublicationState::unclaimed, "publication " + name->publication, "link down");
     for (const auto& handle : name->handles) queue_.setReady(handle, false);

@@ -18,6 +18,7 @@
 #include "kel/KelCounters.h"
 #include "kel/KelFactory.h"
 #include "session/ControlPayload.h"
+#include "session/Refusals.h"
 #include "session/SessionPorts.h"
 #include "wire/RecordCodec.h"
 
@@ -68,7 +69,6 @@ class PublicationHandle final : public KelPublication,
   std::size_t fieldsBegin = 0;              ///< of the last sent fields in it
   std::size_t fieldsEnd = 0;
   bool everSent = false;  ///< send() was called, not only declareBad()
-  bool refusalTold = false;
 
  private:
   const std::string publication_;
@@ -128,7 +128,8 @@ class Outbox {
   void publishClosed(Name& name);
   std::uint64_t publishControl(const std::string& topic, std::string payload);
   void claimPublished(std::uint64_t token, std::string_view failure);
-  void tellClaimRefused(Name& name, std::string_view failure);
+  void claimRefused(Name& name, std::string_view failure, bool reading);
+  void askAgain();
   void pump();
 
   SessionPorts& ports_;
@@ -141,6 +142,8 @@ class Outbox {
   std::uint64_t nextControl_ = 1;
   std::int64_t nextAttempt_ = 1;
   std::unordered_map<std::uint64_t, std::string> claimTokens_;  ///< coded names of claims under way
+  Refusals claimRefusals_{"the broker grants the claims that it refused"};
+  Refusals recordRefusals_{"the broker takes the records that it refused"};
   KelCounters total_;
 };
 

@@ -19,8 +19,10 @@ struct OutboxName {
   PublicationState state = PublicationState::unclaimed;
   std::vector<std::shared_ptr<PublicationHandle>> handles;  ///< the first is active, the others wait for it
   std::int64_t sequence = 0;
-  bool published = false;        ///< something went out under this name
-  bool mustClose = false;        ///< destroyed while it was not known whose name it is
+  bool published = false;   ///< something went out under this name
+  bool mustClose = false;   ///< destroyed while it was not known whose name it is
+  bool claimTaken = false;  ///< the broker has acknowledged the claim; its echo is due since claimTakenAt
+  PeerTable::Time claimTakenAt;
   bool claimSubscribed = false;  ///< asked the broker for the claims on it
 
   std::int64_t attempt = 0;   ///< of the claim that waits for its echo

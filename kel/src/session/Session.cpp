@@ -28,6 +28,11 @@ std::string hostName() {
   return name.data();
 }
 
+std::string groupTrouble(std::string_view what, std::string_view failure) {
+  return "the broker " + std::string(what) + (failure.empty() ? "" : ": " + std::string(failure)) +
+         "; without it nothing can be received or published";
+}
+
 std::string codedOrEmpty(const std::string& name) {
   std::string error;
   return encodeTopicName(name, error).value_or("");
@@ -231,6 +236,8 @@ void Session::up() {
   if (everUp_) ++reconnects_;
   if (!std::exchange(everUp_, true) && !awaited_) log(LogLevel::info, "connected to " + address_);
   transition(link_, LinkState::syncing, "link", "up");
+  upSince_ = ports_.now;
+  presenceTaken_ = false;
   peers_.clear("link up");
   subscribes_.linkUp();
   subscribes_.request(ports_.topics.allPublishers(), 1);
@@ -246,6 +253,7 @@ void Session::down(std::string_view reason) {
   if (link_ == LinkState::connecting) return;
   transition(link_, LinkState::connecting, "link", reason);
   subscribes_.linkDown();
+  groupRefusals_.linkDown();
   peers_.clear("link down");
   inbox_.linkDown("the link to the broker is lost: " + std::string(reason));
   outbox_.linkDown();
@@ -318,6 +326,7 @@ void Session::ownPresence(bool withdrawn, bool retained) {
 }
 
 void Session::groupKnown() {
+  groupRefusals_.granted("echo");
   transition(link_, LinkState::synced, "link", "the own presence came back");
   probeDue_ = peers_.anyUnconfirmed();
   if (probeDue_) publishProbe();
@@ -390,12 +399,14 @@ void Session::published(std::uint64_t token, std::string_view failure) {
   if (token == withdrawalToken) {
     withdrawn_ = true;
   } else if (token == presenceToken) {
-    const bool refused = !failure.empty();
-    if (refused && !presenceRefused_) {
-      log(LogLevel::error, "the broker refused the presence of this publisher: " + std::string(failure) +
-                               "; without it nothing can be published");
+    const std::string topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
+    if (failure.empty()) {
+      presenceTaken_ = true;
+      groupRefusals_.granted(topic);
+    } else {
+      groupRefusals_.refused(topic, groupTrouble("refused the presence of this publisher", failure),
+                             "to write " + topic, ports_.now);
     }
-    presenceRefused_ = refused;
   } else {
     outbox_.published(token, failure);
   }
@@ -407,11 +418,13 @@ void Session::subscribed(std::uint64_t token, std::string_view failure) {
   const std::string filter = subscribes_.answered(token);
   if (filter.empty() || closing_) return;
   if (ports_.topics.isData(filter)) {
-    if (!failure.empty()) inbox_.refused(filter, failure);
+    inbox_.subscribed(filter, failure);
   } else if (filter == ports_.topics.allPublishers() || filter == ports_.topics.probe()) {
-    if (!failure.empty()) {
-      log(LogLevel::error, "the broker refused the subscription to " + filter + ": " + std::string(failure) +
-                               "; without it nothing can be received or published");
+    if (failure.empty()) {
+      groupRefusals_.granted(filter);
+    } else {
+      groupRefusals_.refused(filter, groupTrouble("refused the subscription to " + filter, failure),
+                             "to read " + filter, ports_.now);
     }
   } else {
     outbox_.subscribed(filter, failure);
@@ -448,7 +461,23 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
     outbox_.peerGone(peer);
   }
   if (probeDue_ && now - probeSent_ >= probePause) publishProbe();
+  inbox_.tick();
   outbox_.tick();
+  askForGroupAgain();
+}
+
+void Session::askForGroupAgain() {
+  const auto pause = refusalPause(*transport_);
+  if (link_ == LinkState::syncing && presenceTaken_ && ports_.now - upSince_ >= pause) {
+    // What is refused in silence: taken, and never given back.
+    groupRefusals_.refused("echo",
+                           groupTrouble("takes the presence of this publisher and does not give it back", {}),
+                           "to read " + ports_.topics.allPublishers(), ports_.now);
+  }
+  if (groupRefusals_.due(ports_.now, pause).empty()) return;
+  subscribes_.request(ports_.topics.allPublishers(), 1);
+  subscribes_.request(ports_.topics.probe(), 1);
+  publishPresence(true);
 }
 
 }  // namespace kel

@@ -74,6 +74,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void groupKnown() KEL_REQUIRES(mutex_);
   bool publishPresence(bool alive) KEL_REQUIRES(mutex_);
   void publishProbe() KEL_REQUIRES(mutex_);
+  void askForGroupAgain() KEL_REQUIRES(mutex_);
   void noteStall(std::chrono::steady_clock::time_point now) KEL_REQUIRES(mutex_);
   void wakeFlush() KEL_REQUIRES(mutex_);
   [[nodiscard]] KelCounters countersLocked() const KEL_REQUIRES(mutex_);
@@ -105,7 +106,9 @@ class Session final : public KelFactory, private TransportListener, private Publ
   bool ticked_ KEL_GUARDED_BY(mutex_) = false;
   std::chrono::steady_clock::time_point presenceSent_ KEL_GUARDED_BY(mutex_);
   std::chrono::steady_clock::time_point probeSent_ KEL_GUARDED_BY(mutex_);
-  bool presenceRefused_ KEL_GUARDED_BY(mutex_) = false;
+  bool presenceTaken_ KEL_GUARDED_BY(mutex_) = false;  ///< by the broker, since the link is up
+  std::chrono::steady_clock::time_point upSince_ KEL_GUARDED_BY(mutex_);
+  Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group"};
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
   /// Handles live here from create to release; the key is what the application holds.

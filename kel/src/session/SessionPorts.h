@@ -27,4 +27,9 @@ struct SessionPorts {
   std::chrono::steady_clock::time_point now;
 };
 
+/// How long who was refused waits before it asks again.
+inline std::chrono::seconds refusalPause(const KelTransport& transport) {
+  return 2 * transport.keepAlive();
+}
+
 }  // namespace kel

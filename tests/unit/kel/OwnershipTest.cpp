@@ -284,5 +284,19 @@ TEST_F(OwnershipTest, AClaimThatTheBrokerRefusesIsTold) {
   EXPECT_EQ(handler.lines(1), Journal{"x: the broker refused the claim on publication x: not authorised"});
 }
 
+TEST_F(OwnershipTest, AClaimIsMadeAgainUntilTheBrokerGrantsIt) {
+  Handler& handler = newHandler();
+  broker->refuse("kel/g/claim/x", "not authorised");
+  auto a = factory("a", "a1");
+  send(a->createPublication("x", &handler), 1);
+  advance(30s);
+  EXPECT_EQ(broker->retained("kel/g/data/x"), "");
+  broker->refuse("kel/g/claim/x", "");
+  advance(11s);
+  EXPECT_EQ(keptRecord("x"), "a/a1 record 1");
+  EXPECT_EQ(handler.lines(1).size(), 1U) << "told once, however often it was asked for";
+  EXPECT_EQ(a->counters().refused, 0);
+}
+
 }  // namespace
 }  // namespace kel

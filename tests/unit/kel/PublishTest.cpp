@@ -146,6 +146,23 @@ TEST_F(PublishTest, TellsOnceOfRecordsThatTheBrokerRefuses) {
   EXPECT_EQ(handler.all().size(), 1U);
 }
 
+TEST_F(PublishTest, SendsTheLastRecordAgainUntilTheBrokerTakesIt) {
+  Handler& handler = newHandler();
+  auto a = factory("a", "a1");
+  broker->refuse("kel/g/data/x", "not authorised");
+  KelPublication* publication = a->createPublication("x", &handler);
+  for (int i = 1; i <= 3; ++i) send(publication, i);
+  ASSERT_TRUE(a->flush(30s));
+  advance(30s);
+  EXPECT_EQ(broker->retained("kel/g/data/x"), "");
+  broker->refuse("kel/g/data/x", "");
+  advance(11s);
+  EXPECT_NE(broker->retained("kel/g/data/x"), "");
+  EXPECT_EQ(a->counters("x").refused, 3) << "each record is refused once, however often it went out";
+  EXPECT_EQ(handler.lines(1).size(), 1U);
+  EXPECT_TRUE(balanced(a->counters()));
+}
+
 TEST_F(PublishTest, TellsOfARecordThatIsTooLarge) {
   Handler& handler = newHandler();
   auto a = factory("a", "a1");

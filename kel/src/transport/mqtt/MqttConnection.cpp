@@ -3,6 +3,7 @@
 #include <mqtt_protocol.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/ssl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -44,6 +45,7 @@ constexpr int kInFlight = 200;
 constexpr int kPacketsPerTurn = 64;
 // The library takes no shorter keep-alive. Below it we ask the broker ourselves.
 constexpr std::chrono::seconds kShortestKeepAlive{5};
+constexpr std::size_t kMostSaid = 500;
 constexpr const char* kProbeFilter = "kel/-";
 
 class Properties {
@@ -98,6 +100,21 @@ std::string withReasonString(std::string text, const mosquitto_property* propert
     std::free(said);
   }
   return text;
+}
+
+std::string loginHint(int reason, const MqttOptions& options) {
+  constexpr int oldBadLogin = 4;
+  constexpr int oldNotAuthorized = 5;
+  if (reason != MQTT_RC_NOT_AUTHORIZED && reason != MQTT_RC_BAD_USERNAME_OR_PASSWORD &&
+      reason != oldBadLogin && reason != oldNotAuthorized) {
+    return {};
+  }
+  if (options.user.empty()) {
+    return "; does it want a user and a password (user=NAME and passfile=FILE)?";
+  }
+  return "; is user " + options.user + " known to it, " +
+         (options.passFile.empty() ? "and does it want a password (passfile=FILE)?"
+                                   : "with the password in " + options.passFile + "?");
 }
 
 // What is wrong with a topic or a filter, or nothing. The library lets some through that make a broker end
@@ -159,7 +176,7 @@ bool MqttConnection::configure(const MqttOptions& options, const TransportIdenti
     const int code = mosquitto_will_set_v5(handle, will.topic.c_str(), static_cast<int>(payload.size()),
                                            payload.data(), will.qos, will.retain, properties.release());
     if (code != MOSQ_ERR_SUCCESS) {
-      end("the will cannot be set: " + libraryText(code, errno, lastError_));
+      end("the will cannot be set: " + libraryText(code, errno, said_));
       return false;
     }
   }
@@ -170,6 +187,10 @@ bool MqttConnection::configureTls(const MqttOptions& options) {
   if (!options.tls) {
     return true;
   }
+  if (std::string trouble = troubleWithFiles(options); !trouble.empty()) {
+    end(std::move(trouble));
+    return false;
+  }
   auto* const handle = handle_.get();
   const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
   int code = MOSQ_ERR_SUCCESS;
@@ -177,7 +198,10 @@ bool MqttConnection::configureTls(const MqttOptions& options) {
     code = mosquitto_int_option(handle, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
   }
   if (code == MOSQ_ERR_SUCCESS && (!options.caFile.empty() || !options.certFile.empty())) {
-    code = mosquitto_tls_set(handle, orNull(options.caFile), nullptr, orNull(options.certFile),
+    // The library takes no certificate of ours without a place for authorities: the system's, if nothing
+    // else.
+    const char* const place = options.caFile.empty() ? X509_get_default_cert_dir() : nullptr;
+    code = mosquitto_tls_set(handle, orNull(options.caFile), place, orNull(options.certFile),
                              orNull(options.keyFile), noPassphrase);
   }
   if (code == MOSQ_ERR_SUCCESS) {
@@ -188,7 +212,7 @@ bool MqttConnection::configureTls(const MqttOptions& options) {
     code = mosquitto_tls_insecure_set(handle, false);
   }
   if (code != MOSQ_ERR_SUCCESS) {
-    end("TLS cannot be set up: " + libraryText(code, errno, lastError_));
+    end("TLS cannot be set up: " + libraryText(code, errno, said_));
     return false;
   }
   return true;
@@ -210,7 +234,7 @@ bool MqttConnection::configureLogin(const MqttOptions& options) {
   const int code =
       mosquitto_username_pw_set(handle_.get(), options.user.c_str(), password ? password->c_str() : nullptr);
   if (code != MOSQ_ERR_SUCCESS) {
-    end("user name and password cannot be set: " + libraryText(code, errno, lastError_));
+    end("user name and password cannot be set: " + libraryText(code, errno, said_));
     return false;
   }
   return true;
@@ -225,6 +249,10 @@ void MqttConnection::open(const Endpoint& endpoint, TimePoint now) {
   check(mosquitto_connect_bind_async(handle_.get(), endpoint.host.c_str(), options_.port,
                                      static_cast<int>(std::max(keepAlive_, kShortestKeepAlive).count()),
                                      bindAddress));
+  if (auto* const tls = static_cast<SSL*>(mosquitto_ssl_get(handle_.get()))) {
+    SSL_up_ref(tls);
+    tls_.reset(tls);
+  }
 }
 
 int MqttConnection::descriptor() const {
@@ -266,7 +294,7 @@ void MqttConnection::writable() {
     socklen_t size = sizeof error;
     if (::getsockopt(mosquitto_socket(handle_.get()), SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
         error != 0) {
-      end(libraryText(MOSQ_ERR_ERRNO, error, {}));
+      end(why(MOSQ_ERR_ERRNO, error));
       return;
     }
   }
@@ -326,7 +354,7 @@ void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token
     case MOSQ_ERR_ERRNO:
     case MOSQ_ERR_TLS:
       // The link has just broken; the token becomes void with it.
-      end(libraryText(code, savedErrno, lastError_));
+      end(why(code, savedErrno));
       return;
     default:
       listener_.published(token, libraryText(code, savedErrno, {}));
@@ -375,15 +403,41 @@ void MqttConnection::disconnect() {
   leaving_ = true;
   const int code = mosquitto_disconnect_v5(handle_.get(), 0, nullptr);
   if (code != MOSQ_ERR_SUCCESS) {
-    end(libraryText(code, errno, lastError_));
+    end(libraryText(code, errno, said_));
   }
 }
 
 void MqttConnection::check(int code) {
   const int savedErrno = errno;
   if (code != MOSQ_ERR_SUCCESS && !ended_) {
-    end(libraryText(code, savedErrno, lastError_));
+    end(why(code, savedErrno));
   }
+}
+
+Mishap MqttConnection::mishap(int code, int savedErrno) const {
+  Mishap mishap;
+  mishap.code = code;
+  mishap.savedErrno = savedErrno;
+  mishap.said = said_;
+  mishap.greeted = accepted_;
+  if (tls_) {
+    mishap.sawPeer = SSL_get0_peer_certificate(tls_.get()) != nullptr;
+    mishap.handshakeDone = SSL_is_init_finished(tls_.get()) != 0;
+    mishap.verifyResult = SSL_get_verify_result(tls_.get());
+  }
+  return mishap;
+}
+
+std::string MqttConnection::why(int code, int savedErrno) const {
+  return diagnosis(mishap(code, savedErrno), options_);
+}
+
+std::string_view MqttConnection::hintOfSilence() const {
+  return mqtt::hintOfSilence(mishap(MOSQ_ERR_SUCCESS, 0), options_);
+}
+
+void MqttConnection::FreeTls::operator()(ssl_st* tls) const noexcept {
+  SSL_free(tls);
 }
 
 void MqttConnection::end(std::string failure) {
@@ -395,7 +449,8 @@ void MqttConnection::onConnect(struct mosquitto* /*handle*/, void* self, int rea
                                const mosquitto_property* properties) noexcept {
   auto& connection = *static_cast<MqttConnection*>(self);
   if (reason != 0) {
-    connection.end(withReasonString("the broker refuses the connection: " + reasonText(reason), properties));
+    connection.end(withReasonString("the broker refuses the connection: " + reasonText(reason), properties) +
+                   loginHint(reason, connection.options_));
     return;
   }
   connection.accepted_ = true;
@@ -421,7 +476,7 @@ void MqttConnection::onDisconnect(struct mosquitto* /*handle*/, void* self, int 
   } else if (reason == 0) {
     connection.end(withReasonString("the broker ended the connection", properties));
   } else {
-    connection.end(libraryText(reason, savedErrno, connection.lastError_));
+    connection.end(connection.why(reason, savedErrno));
   }
 }
 
@@ -473,7 +528,11 @@ void MqttConnection::onSubscribe(struct mosquitto* /*handle*/, void* self, int m
 
 void MqttConnection::onLog(struct mosquitto* /*handle*/, void* self, int level, const char* text) noexcept {
   if (level == MOSQ_LOG_ERR) {
-    static_cast<MqttConnection*>(self)->lastError_ = text;
+    std::string& said = static_cast<MqttConnection*>(self)->said_;
+    if (said.size() > kMostSaid) {
+      return;
+    }
+    said.append(said.empty() ? "" : "; ").append(text);
   }
 }
 

@@ -20,7 +20,10 @@
 #include <unordered_map>
 
 #include "transport/KelTransport.h"
+#include "transport/mqtt/Diagnosis.h"
 #include "transport/mqtt/MqttOptions.h"
+
+struct ssl_st;  // OpenSSL's SSL
 
 namespace kel::mqtt {
 
@@ -47,6 +50,8 @@ class MqttConnection {
   [[nodiscard]] bool accepted() const { return accepted_ && !ended_; }  ///< the broker has greeted us
   [[nodiscard]] bool ended() const { return ended_; }
   [[nodiscard]] const std::string& failure() const { return failure_; }
+  /// What to look at when the broker has not answered so far; begins with "; " or is empty.
+  [[nodiscard]] std::string_view hintOfSilence() const;
   /// Sent at QoS 1 and not acknowledged yet.
   [[nodiscard]] std::size_t inFlight() const { return inFlight_; }
 
@@ -74,10 +79,16 @@ class MqttConnection {
     bool acknowledged = false;  ///< counts in inFlight_
   };
 
+  struct FreeTls {
+    void operator()(ssl_st* tls) const noexcept;
+  };
+
   bool configure(const MqttOptions& options, const TransportIdentity& identity);
   bool configureTls(const MqttOptions& options);
   bool configureLogin(const MqttOptions& options);
   void check(int code);
+  [[nodiscard]] Mishap mishap(int code, int savedErrno) const;
+  [[nodiscard]] std::string why(int code, int savedErrno) const;
   void end(std::string failure);
 
   static void onConnect(struct mosquitto*, void* self, int reason, int flags,
@@ -95,13 +106,15 @@ class MqttConnection {
   const MqttOptions& options_;
   TransportListener& listener_;
   std::unique_ptr<struct mosquitto, Free> handle_;
+  /// Kept beyond the library's own hold of it: it knows why a handshake failed.
+  std::unique_ptr<ssl_st, FreeTls> tls_;
   bool accepted_ = false;
   bool ended_ = false;
   bool leaving_ = false;
   bool publishing_ = false;     ///< inside the library's publish call
   bool writtenAtOnce_ = false;  ///< that call has written its QoS 0 message already
   std::string failure_;
-  std::string lastError_;  ///< what the library logged last at its error level
+  std::string said_;  ///< what the library logged at its error level; bounded
   std::chrono::seconds keepAlive_;
   TimePoint lastHeard_{};
   TimePoint lastProbe_{};

@@ -25,10 +25,6 @@ std::optional<MqttOptions> mqttOptions(const KelUrl& url, std::string& error) {
     error = "loopback: is not an MQTT address";
     return std::nullopt;
   }
-  if (!canRead("ca", url.ca, error) || !canRead("cert", url.cert, error) || !canRead("key", url.key, error)) {
-    return std::nullopt;
-  }
-  if (!url.passfile.empty() && !readPasswordFile(url.passfile, error)) return std::nullopt;
   MqttOptions options;
   options.host = url.host;
   options.port = url.port;
@@ -42,6 +38,15 @@ std::optional<MqttOptions> mqttOptions(const KelUrl& url, std::string& error) {
   const std::string place = url.host.find(':') == std::string::npos ? url.host : "[" + url.host + "]";
   options.display = (url.tls() ? "mqtts://" : "mqtt://") + place + ":" + std::to_string(url.port);
   return options;
+}
+
+std::string troubleWithFiles(const MqttOptions& options) {
+  std::string error;
+  if (canRead("ca", options.caFile, error) && canRead("cert", options.certFile, error) &&
+      canRead("key", options.keyFile, error) && !options.keyFile.empty()) {
+    checkKeyFile(options.keyFile, error);
+  }
+  return error;
 }
 
 }  // namespace kel::mqtt

@@ -25,8 +25,11 @@ struct MqttOptions {
   std::string display;  ///< the address in log lines: scheme, host and port, no secret
 };
 
-/// Checks what can be known before a connection: options that contradict each other, files that cannot be
-/// read, a password file open to others. Nothing and the reason in `error` if it cannot work.
+/// Nothing and the reason in `error` if the address is none for MQTT. Pure.
 std::optional<MqttOptions> mqttOptions(const KelUrl& url, std::string& error);
+
+/// What is wrong with the files of certificates and key: one that cannot be read, a key open to others than
+/// its owner. Empty when nothing is. Looked at for every attempt, so that putting it right needs no restart.
+std::string troubleWithFiles(const MqttOptions& options);
 
 }  // namespace kel::mqtt

@@ -21,7 +21,7 @@ namespace kel {
 struct KelUrl;
 
 /// A transport to the broker that `url` names, not started yet; nothing, and the reason in `error`, if the
-/// address cannot work whatever the broker does (an unreadable certificate, a password file open to others).
+/// address is none for MQTT. Files that it names are read for every attempt.
 std::unique_ptr<KelTransport> makeMqttTransport(const KelUrl& url, std::string& error);
 
 }  // namespace kel

@@ -242,6 +242,7 @@ bool MqttWorker::serve(const Endpoint& endpoint, std::string& failure) {
     }
     if (std::chrono::steady_clock::now() - began >= kGreetingLimit) {
       failure = "no answer within " + std::to_string(kGreetingLimit.count()) + " s";
+      failure += connection.hintOfSilence();
       return false;
     }
     step(connection, false);

@@ -31,19 +31,16 @@ class File {
   const int descriptor_;
 };
 
-}  // namespace
-
-std::optional<std::string> readPasswordFile(const std::string& path, std::string& error) {
-  const std::string named = "password file " + path;
-  const File file(path);
+/// The open file; refused with a reason when it is none of its owner's own.
+bool openPrivate(const File& file, const std::string& named, std::string& error) {
   struct stat status = {};
   if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
     error = named + ": " + std::generic_category().message(errno);
-    return std::nullopt;
+    return false;
   }
   if (!S_ISREG(status.st_mode)) {
     error = named + " is not a regular file";
-    return std::nullopt;
+    return false;
   }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     std::string mode(4, '0');
@@ -52,8 +49,22 @@ std::optional<std::string> readPasswordFile(const std::string& path, std::string
       mode[digit] = static_cast<char>('0' + ((status.st_mode >> shift) & 7U));
     }
     error = named + " is open to others than its owner (mode " + mode + "): chmod 600 it";
-    return std::nullopt;
+    return false;
   }
+  return true;
+}
+
+}  // namespace
+
+bool checkKeyFile(const std::string& path, std::string& error) {
+  const File file(path);
+  return openPrivate(file, "key file " + path, error);
+}
+
+std::optional<std::string> readPasswordFile(const std::string& path, std::string& error) {
+  const std::string named = "password file " + path;
+  const File file(path);
+  if (!openPrivate(file, named, error)) return std::nullopt;
   std::string text(kLongest + 2, '\0');
   std::size_t length = 0;
   while (length < text.size()) {

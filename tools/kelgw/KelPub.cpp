@@ -99,7 +99,7 @@ int run(const Options& options, Context& context) {
   KelOptions kelOptions;
   kelOptions.url = context.settings.kel;
   const std::string publisher =
-      options.publisher.empty() ? fmt::format("kelgw-{}", ::getpid()) : options.publisher;
+      options.publisher.empty() ? fmt::format("kelgw/{}", ::getpid()) : options.publisher;
   ErrorHandler handler;
   const std::unique_ptr<KelFactory> factory(Kel::create(publisher.c_str(), kelOptions));
   const Closer closer{*factory, factory->createPublication(options.publication.c_str(), &handler)};
@@ -171,7 +171,7 @@ void addKelPub(CLI::App& parent, Chosen& chosen) {
           ->type_name("REASON");
   command->add_option("--time", options->time, "Source time instead of now: as for `kelgw dp set`")
       ->type_name("TIME");
-  command->add_option("--publisher", options->publisher, "Publisher's name (default: kelgw-PROCESS)")
+  command->add_option("--publisher", options->publisher, "Publisher's name (default: kelgw/PROCESS)")
       ->type_name("NAME");
   command->add_option("--repeat", options->repeat, "Send the record this often")
       ->check(CLI::PositiveNumber)

@@ -138,7 +138,7 @@ int run(const Options& options, Context& context) {
   Mailbox<Event> mailbox;
   Listener listener(mailbox);
   const std::unique_ptr<KelFactory> factory(
-      Kel::create(fmt::format("kelgw-{}", ::getpid()).c_str(), kelOptions));
+      Kel::create(fmt::format("kelgw/{}", ::getpid()).c_str(), kelOptions));
   Subscriptions subscriptions(*factory, mailbox);
   std::size_t width = 0;
   for (const std::string& name : options.publications) {

@@ -304,10 +304,12 @@ std::string brokerAddress(const Settings& settings) {
 }
 
 CommandError unreachableBroker(const Settings& settings, std::string_view reason) {
+  // A reason that says what to look at needs no further advice.
+  const bool advised = reason.find("; ") != std::string_view::npos;
   return {exitUnreachable,
-          fmt::format("cannot reach the broker at {}: {}; is it running, and is KEL_URL (or --kel) "
-                      "its address?",
-                      escapeText(brokerAddress(settings)), escapeText(reason))};
+          fmt::format("cannot reach the broker at {}: {}{}", escapeText(brokerAddress(settings)),
+                      escapeText(reason),
+                      advised ? "" : "; is it running, and is KEL_URL (or --kel) its address?")};
 }
 
 void requireBroker(const Settings& settings) {

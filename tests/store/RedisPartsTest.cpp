@@ -1,5 +1,9 @@
 // The pieces of the Redis store that need no server.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "pvss/FloatVar.h"
 #include "store/redis/AttributeText.h"
@@ -7,6 +11,7 @@
 #include "store/redis/CatalogueText.h"
 #include "store/redis/Functions.h"
 #include "store/redis/Resp.h"
+#include "store/redis/SecretFile.h"
 #include "store/redis/ServerError.h"
 #include "store/redis/StoreAddress.h"
 
@@ -30,16 +35,15 @@ std::string refusal(std::string_view text) {
 
 TEST(StoreAddress, SocketPathIsTakenWhole) {
   const StoreAddress a = parsed("redis+unix:///run/redis%20x/redis.sock?db=3");
-  EXPECT_EQ(a.kind, StoreAddress::Kind::local);
-  EXPECT_EQ(a.path, "/run/redis x/redis.sock");
+  EXPECT_EQ(a.places.at(0).path, "/run/redis x/redis.sock");
   EXPECT_EQ(a.database, 3);
 }
 
 TEST(StoreAddress, HostPortUserAndFileAreFoundAndOptionsAreNotShown) {
   const StoreAddress a = parsed("redis://store.plant:6400/2?user=kel%26gw&passfile=/etc/kel/pw");
-  EXPECT_EQ(a.kind, StoreAddress::Kind::tcp);
-  EXPECT_EQ(a.host, "store.plant");
-  EXPECT_EQ(a.port, 6400);
+  EXPECT_FALSE(a.tls);
+  EXPECT_EQ(a.places.at(0).host, "store.plant");
+  EXPECT_EQ(a.places.at(0).port, 6400);
   EXPECT_EQ(a.database, 2);
   EXPECT_EQ(a.user, "kel&gw");
   EXPECT_EQ(a.passFile, "/etc/kel/pw");
@@ -47,10 +51,10 @@ TEST(StoreAddress, HostPortUserAndFileAreFoundAndOptionsAreNotShown) {
 }
 
 TEST(StoreAddress, PortDefaultsAndBracketsHoldAnAddressWithColons) {
-  EXPECT_EQ(parsed("redis://10.0.0.1").port, 6379);
+  EXPECT_EQ(parsed("redis://10.0.0.1").places.at(0).port, 6379);
   const StoreAddress a = parsed("redis://[::1]:7000");
-  EXPECT_EQ(a.host, "::1");
-  EXPECT_EQ(a.port, 7000);
+  EXPECT_EQ(a.places.at(0).host, "::1");
+  EXPECT_EQ(a.places.at(0).port, 7000);
 }
 
 TEST(StoreAddress, SecretInTheAddressIsRefusedWithTheWayOut) {
@@ -66,8 +70,99 @@ TEST(StoreAddress, WhatCannotBeUsedIsSaid) {
   EXPECT_THAT(refusal("redis://host?x=1"), HasSubstr("unknown option 'x'"));
   EXPECT_THAT(refusal("redis+unix://relative"), HasSubstr("full path"));
   EXPECT_THAT(refusal("redis+unix:///" + std::string(200, 'x')), HasSubstr("longer"));
-  EXPECT_THAT(refusal("rediss://host"), HasSubstr("TLS"));
   EXPECT_THAT(refusal("http://host"), HasSubstr("not the address"));
+}
+
+TEST(StoreAddress, TlsTakesItsFiles) {
+  const StoreAddress a = parsed("rediss://store:6380/1?ca=/c%20a.pem&cert=/cert.pem&key=/key.pem&user=gw");
+  EXPECT_TRUE(a.tls);
+  EXPECT_FALSE(a.bySentinel());
+  EXPECT_EQ(a.places.at(0), (ServerPlace{"", "store", 6380}));
+  EXPECT_EQ(a.tlsFiles.ca, "/c a.pem");
+  EXPECT_EQ(a.tlsFiles.cert, "/cert.pem");
+  EXPECT_EQ(a.tlsFiles.key, "/key.pem");
+  EXPECT_EQ(a.database, 1);
+  EXPECT_EQ(a.text, "rediss://store:6380/1");
+  EXPECT_THAT(refusal("rediss://host?cert=/c"), HasSubstr("go together"));
+  EXPECT_THAT(refusal("redis://host?ca=/c"), HasSubstr("needs rediss://"));
+}
+
+TEST(StoreAddress, SentinelsComeInOrderWithTheNameOfTheMaster) {
+  const StoreAddress a =
+      parsed("redis+sentinel://a,10.0.0.2:7000,[::1]:7001/plant%2D1?db=2&sentineluser=s&sentinelpassfile=/p");
+  EXPECT_FALSE(a.tls);
+  EXPECT_TRUE(a.bySentinel());
+  EXPECT_THAT(a.places, testing::ElementsAre(ServerPlace{"", "a", 26379}, ServerPlace{"", "10.0.0.2", 7000},
+                                             ServerPlace{"", "::1", 7001}));
+  EXPECT_EQ(a.masterName, "plant-1");
+  EXPECT_EQ(a.database, 2);
+  EXPECT_EQ(a.sentinelUser, "s");
+  EXPECT_EQ(a.sentinelPassFile, "/p");
+  EXPECT_EQ(a.text, "redis+sentinel://a,10.0.0.2:7000,[::1]:7001/plant%2D1");
+  EXPECT_TRUE(parsed("rediss+sentinel://a/m?ca=/c").tls);
+  EXPECT_THAT(refusal("redis+sentinel://a"), HasSubstr("name of the master"));
+  EXPECT_THAT(refusal("redis+sentinel://a,,b/m"), HasSubstr("host is missing"));
+  EXPECT_THAT(refusal("redis+sentinel:///m"), HasSubstr("host is missing"));
+  EXPECT_THAT(refusal("redis://a?sentineluser=s"), HasSubstr("needs an address with sentinels"));
+}
+
+TEST(StoreAddress, HostThatIsNoneIsNotLookedUp) {
+  for (const char* text :
+       {"redis://a b", "redis://a,b", "redis://a\n", "rediss://a;b", "redis+sentinel://a;b/m"})
+    EXPECT_THAT(refusal(text), HasSubstr("no name and no number"));
+}
+
+class SecretFiles : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = std::filesystem::temp_directory_path().string() + "/kelgw-secret-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    folder_ = pattern;
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  std::string file(const std::string& text, int mode) {
+    std::string path = folder_ + "/secret";
+    std::filesystem::remove(path);
+    std::ofstream(path) << text;
+    EXPECT_EQ(::chmod(path.c_str(), static_cast<mode_t>(mode)), 0);
+    return path;
+  }
+  static std::string complaint(const std::string& path) {
+    std::string error;
+    EXPECT_FALSE(readPasswordFile(path, error));
+    return error;
+  }
+  std::string folder_;
+};
+
+TEST_F(SecretFiles, PasswordIsTheFirstLine) {
+  std::string error;
+  EXPECT_EQ(readPasswordFile(file("top secret\r\nnote\n", 0600), error), "top secret");
+  EXPECT_EQ(readPasswordFile(file("bare", 0400), error), "bare");
+  EXPECT_EQ(readSecretFile(file("a\nb\n", 0600), "key file", error), "a\nb\n");
+  EXPECT_EQ(error, "");
+}
+
+TEST_F(SecretFiles, FileThatOthersMayOpenIsRefused) {
+  for (const int mode : {0640, 0604, 0620, 0602, 0610, 0601, 0777}) {
+    const std::string path = file("secret", mode);
+    const std::string said = complaint(path);
+    EXPECT_THAT(said, HasSubstr(path));
+    EXPECT_THAT(said, HasSubstr("chmod 600"));
+  }
+  EXPECT_THAT(complaint(file("secret", 0640)), HasSubstr("(mode 0640)"));
+}
+
+TEST_F(SecretFiles, WhatHoldsNoSecretIsSaid) {
+  EXPECT_THAT(complaint(folder_ + "/none"), HasSubstr("/none: No such file"));
+  EXPECT_THAT(complaint(folder_), HasSubstr("not a regular file"));
+  EXPECT_THAT(complaint(file("", 0600)), HasSubstr("empty"));
+  EXPECT_THAT(complaint(file("\nsecret\n", 0600)), HasSubstr("no password"));
+  EXPECT_THAT(complaint(file(std::string(70000, 'x'), 0600)), HasSubstr("too large"));
+  const std::string pipe = folder_ + "/pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_THAT(complaint(pipe), HasSubstr("not a regular file"));
 }
 
 TEST(Resp, CommandIsWrittenAsTheProtocolWantsIt) {

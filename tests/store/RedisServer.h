@@ -112,7 +112,7 @@ class RedisServer {
     ::pclose(pipe);
     if (out.ends_with('\n')) out.pop_back();
     // Behind an error stands an empty line more.
-    if (out.find('\n') == out.size() - 1) out.pop_back();
+    if (out.ends_with('\n') && out.find('\n') == out.size() - 1) out.pop_back();
     return out;
   }
 

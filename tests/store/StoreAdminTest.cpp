@@ -332,7 +332,7 @@ TEST(StoreAdminSignOn, UserAndPasswordComeFromTheAddressAndItsFile) {
   RedisServer server(RedisServer::Keep::nothing, false);
   server.start({"--user", "kel", "on", ">topsecret", "~*", "&*", "+@all", "--user", "default", "off"});
   const std::string file = server.folder() + "/pw";
-  ASSERT_EQ(std::system(("printf 'topsecret\\n' > " + file).c_str()), 0);
+  ASSERT_EQ(std::system(("umask 077; printf 'topsecret\\n' > " + file).c_str()), 0);
   EXPECT_NO_THROW(StoreAdmin(server.address() + "?user=kel&passfile=" + file).listElements());
   EXPECT_NO_THROW(StoreAdmin(server.address() + "?user=kel&db=5&passfile=" + file).listElements());
   std::string text;
@@ -341,7 +341,7 @@ TEST(StoreAdminSignOn, UserAndPasswordComeFromTheAddressAndItsFile) {
   EXPECT_THAT(text, HasSubstr("password"));
   EXPECT_EQ(failureOf([&] { StoreAdmin(server.address() + "?user=kel&passfile=/none"); }, &text),
             StoreError::Kind::unreachable);
-  EXPECT_THAT(text, HasSubstr("cannot read the password from /none"));
+  EXPECT_THAT(text, HasSubstr("password file /none: No such file"));
 }
 
 }  // namespace

@@ -17,7 +17,8 @@ constexpr const char* exitCodes =
 
 constexpr const char* mainFooter =
     "Addresses:\n"
-    "  PVSS_STORE (or --store)   redis+unix:///path/redis.sock, redis://host:6379, rediss://...\n"
+    "  PVSS_STORE (or --store)   redis+unix:///path/redis.sock, redis://host:6379, rediss://...,\n"
+    "                            redis+sentinel://host:26379,host:26379/master\n"
     "  KEL_URL    (or --kel)     mqtt://host:1883, mqtts://host:8883?ca=FILE; without it "
     "mqtt://127.0.0.1:1883\n"
     "\n"

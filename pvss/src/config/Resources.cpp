@@ -220,7 +220,8 @@ void Resources::printHelp() {
       "Configuration file, '#' begins a comment:\n"
       "  [general]\n"
       "  store = \"redis://127.0.0.1:6379\"  where the data points are: memory:FILE, redis+unix://PATH,\n"
-      "                                    redis://HOST:PORT, rediss://HOST:PORT; PVSS_STORE wins\n"
+      "                                    redis://HOST:PORT, rediss://HOST:PORT,\n"
+      "                                    redis+sentinel://HOST:PORT,HOST:PORT/MASTER; PVSS_STORE wins\n"
       "  backlogBytes = 67108864           room for writes that the store has not confirmed\n"
       "  system = \"System1\"                name of the system that the data points belong to\n");
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 
 namespace pvss::redis {
 namespace {
@@ -17,21 +18,26 @@ class PlainStream final : public ByteStream {
 
   StreamResult read(char* into, std::size_t room) override {
     const ssize_t got = ::recv(socket_, into, room, 0);
-    if (got == 0) return {StreamResult::Status::closed, 0, 0};
-    return result(got);
+    if (got == 0) return {StreamResult::Status::closed};
+    StreamResult out = result(got);
+    out.drained = out.bytes < room;
+    return out;
   }
   StreamResult write(const char* bytes, std::size_t size) override {
     return result(::send(socket_, bytes, size, MSG_NOSIGNAL));
   }
   [[nodiscard]] int descriptor() const override { return socket_; }
+  [[nodiscard]] std::string failure() const override { return std::generic_category().message(error_); }
 
  private:
-  static StreamResult result(ssize_t moved) {
-    if (moved >= 0) return {StreamResult::Status::moved, static_cast<std::size_t>(moved), 0};
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return {StreamResult::Status::wait, 0, 0};
-    return {StreamResult::Status::failed, 0, errno};
+  StreamResult result(ssize_t moved) {
+    if (moved >= 0) return {StreamResult::Status::moved, static_cast<std::size_t>(moved)};
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return {StreamResult::Status::wait};
+    error_ = errno;
+    return {StreamResult::Status::failed, 0, false, error_ == EPIPE || error_ == ECONNRESET};
   }
   int socket_;
+  int error_ = 0;
 };
 
 }  // namespace

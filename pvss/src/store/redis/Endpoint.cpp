@@ -50,11 +50,11 @@ int lookUp(const std::string& host, int port, int flags, std::vector<Endpoint>& 
 
 }  // namespace
 
-EndpointLookup::EndpointLookup(const StoreAddress& address) : shared_(std::make_shared<Shared>()) {
-  if (address.kind == StoreAddress::Kind::local) {
+EndpointLookup::EndpointLookup(const ServerPlace& place) : shared_(std::make_shared<Shared>()) {
+  if (!place.path.empty()) {
     sockaddr_un local{};
     local.sun_family = AF_UNIX;
-    std::memcpy(local.sun_path, address.path.c_str(), address.path.size() + 1);
+    std::memcpy(local.sun_path, place.path.c_str(), place.path.size() + 1);
     Endpoint endpoint;
     std::memcpy(&endpoint.address, &local, sizeof local);
     endpoint.size = sizeof local;
@@ -62,13 +62,13 @@ EndpointLookup::EndpointLookup(const StoreAddress& address) : shared_(std::make_
     shared_->done = true;
     return;
   }
-  if (lookUp(address.host, address.port, AI_NUMERICHOST, shared_->endpoints) == 0) {
+  if (lookUp(place.host, place.port, AI_NUMERICHOST, shared_->endpoints) == 0) {
     shared_->done = true;
     return;
   }
   shared_->event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   try {
-    std::thread([shared = shared_, host = address.host, port = address.port] {
+    std::thread([shared = shared_, host = place.host, port = place.port] {
       const int code = lookUp(host, port, AI_ADDRCONFIG, shared->endpoints);
       if (code != 0) shared->error = "cannot look up " + host + ": " + ::gai_strerror(code);
       shared->done.store(true, std::memory_order_release);

@@ -1,8 +1,7 @@
-// Endpoint: from a store address to sockets' addresses, without ever blocking the caller.
+// Endpoint: from a server's place to sockets' addresses, without ever blocking the caller.
 //
-// Purpose    The one place that decides which servers an address means. Socket paths and numeric hosts are
-// known
-//            at once; names are looked up by a thread that lives as long as the look-up takes.
+// Purpose    Socket paths and numeric hosts are known at once; names are looked up by a thread that lives as
+//            long as the look-up takes.
 // Ownership  The caller owns the look-up; dropping it early is allowed, its thread ends by itself.
 // Thread     One; the look-up's own thread shares nothing but its result.
 #pragma once
@@ -24,7 +23,7 @@ struct Endpoint {
 
 class EndpointLookup {
  public:
-  explicit EndpointLookup(const StoreAddress& address);
+  explicit EndpointLookup(const ServerPlace& place);
   ~EndpointLookup();
   EndpointLookup(const EndpointLookup&) = delete;
   EndpointLookup& operator=(const EndpointLookup&) = delete;

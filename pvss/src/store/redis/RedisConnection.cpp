@@ -1,19 +1,11 @@
 #include "store/redis/RedisConnection.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <array>
 #include <cassert>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 
 #include "log/Log.h"
 #include "store/redis/ServerError.h"
+#include "store/redis/SignOn.h"
 
 namespace pvss::redis {
 namespace {
@@ -22,10 +14,10 @@ const char* wordOf(ConnectionState state) {
   switch (state) {
     case ConnectionState::closed:
       return "closed";
-    case ConnectionState::resolving:
-      return "resolving";
-    case ConnectionState::connecting:
-      return "connecting";
+    case ConnectionState::finding:
+      return "asking the sentinels";
+    case ConnectionState::dialing:
+      return "dialing";
     case ConnectionState::signingOn:
       return "signing on";
     case ConnectionState::ready:
@@ -34,22 +26,17 @@ const char* wordOf(ConnectionState state) {
   return "?";
 }
 
-/// The first line of the file; false when it cannot be read or is empty.
-bool readSecret(const std::string& file, std::string& secret) {
-  std::ifstream in(file);
-  return std::getline(in, secret) && !secret.empty();
-}
-
-void setOption(int socket, int level, int name, int value) {
-  // A socket without the option still works, only later to notice a dead peer.
-  ::setsockopt(socket, level, name, &value, sizeof value);
-}
-
 }  // namespace
 
 RedisConnection::RedisConnection(ConnectionOwner& owner, const StoreAddress& address, const char* name,
                                  Limits limits)
-    : owner_(owner), address_(address), name_(name), limits_(limits), tags_(64) {}
+    : owner_(owner),
+      address_(address),
+      name_(name),
+      limits_(limits),
+      finder_(address.bySentinel() ? std::make_unique<SentinelFinder>(address_, limits.sentinel) : nullptr),
+      dialer_(address_, limits.reply),
+      tags_(64) {}
 
 RedisConnection::~RedisConnection() {
   close();
@@ -64,19 +51,30 @@ void RedisConnection::enter(ConnectionState next, std::string_view cause) {
 void RedisConnection::open(Clock::time_point now) {
   close();
   since_ = now;
-  connectError_.clear();
-  nextEndpoint_ = 0;
-  lookup_ = std::make_unique<EndpointLookup>(address_);
-  enter(ConnectionState::resolving, "opened");
-  if (lookup_->done()) resolved(now);
+  if (finder_) {
+    enter(ConnectionState::finding, "opened");
+    finder_->start(now);
+    find(now);
+  } else {
+    enter(ConnectionState::dialing, "opened");
+    dialer_.start(address_.places.front());
+    dial(now);
+  }
+}
+
+void RedisConnection::open(Clock::time_point now, const RedisConnection& other) {
+  close();
+  since_ = now;
+  enter(ConnectionState::dialing, "opened");
+  dialer_.start(other.dialer_.place(), other.dialer_.endpoint());
+  dial(now);
 }
 
 void RedisConnection::close() {
   ++generation_;
-  if (socket_ >= 0) ::close(socket_);
-  socket_ = -1;
+  if (finder_) finder_->cancel();
+  dialer_.cancel();
   stream_.reset();
-  lookup_.reset();
   output_.clear();
   sent_ = 0;
   tagsIn_ = tagsOut_ = 0;
@@ -86,50 +84,39 @@ void RedisConnection::close() {
 }
 
 void RedisConnection::lose(std::string_view reason) {
-  const std::string kept(reason);
+  std::string kept(reason);
+  if (finder_ && state_ != ConnectionState::finding) {
+    // The sentinels said so, and it led nowhere: the next answer is another one's.
+    if (state_ != ConnectionState::ready) finder_->doubt();
+    kept.insert(0, "master " + place().text() + ": ");
+  }
   close();
   owner_.connectionLost(*this, kept);
 }
 
-void RedisConnection::resolved(Clock::time_point now) {
-  if (lookup_->endpoints().empty()) {
-    lose(lookup_->error());
-    return;
+void RedisConnection::find(Clock::time_point now) {
+  finder_->proceed(now);
+  if (finder_->state() == SentinelFinder::State::failed) {
+    lose(finder_->error());
+  } else if (finder_->state() == SentinelFinder::State::done) {
+    since_ = now;
+    enter(ConnectionState::dialing, "a sentinel has answered");
+    dialer_.start(finder_->master());
+    dial(now);
   }
-  enter(ConnectionState::connecting, "resolved");
-  connectNext(now);
 }
 
-void RedisConnection::connectNext(Clock::time_point now) {
-  while (nextEndpoint_ < lookup_->endpoints().size()) {
-    const Endpoint& endpoint = lookup_->endpoints()[nextEndpoint_++];
-    const int family = endpoint.address.ss_family;
-    socket_ = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (socket_ < 0) {
-      connectError_ = std::strerror(errno);
-      continue;
-    }
-    if (family != AF_UNIX) {
-      setOption(socket_, IPPROTO_TCP, TCP_NODELAY, 1);
-      setOption(socket_, SOL_SOCKET, SO_KEEPALIVE, 1);
-      setOption(socket_, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(limits_.reply.count()));
-    }
-    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&endpoint.address), endpoint.size) == 0) {
-      connected(now);
-      return;
-    }
-    if (errno == EINPROGRESS) return;
-    connectError_ = std::strerror(errno);
-    ::close(socket_);
-    socket_ = -1;
+void RedisConnection::dial(Clock::time_point now) {
+  dialer_.proceed();
+  if (dialer_.state() == Dialer::State::failed) {
+    lose(dialer_.error());
+  } else if (dialer_.state() == Dialer::State::done) {
+    connected(now);
   }
-  lose(connectError_);
 }
 
 void RedisConnection::connected(Clock::time_point now) {
-  lookup_.reset();
-  stream_ = makePlainStream(socket_);
-  socket_ = -1;
+  stream_ = dialer_.take();
   since_ = now;
   enter(ConnectionState::signingOn, "connected");
   signOn();
@@ -139,15 +126,11 @@ void RedisConnection::signOn() {
   reader_ = std::make_unique<ReplyReader>();
   RespWriter out(output_);
   if (!address_.user.empty() || !address_.passFile.empty()) {
-    std::string secret;
-    if (!address_.passFile.empty() && !readSecret(address_.passFile, secret)) {
-      lose("cannot read the password from " + address_.passFile);
+    std::string error;
+    if (!appendAuth(output_, address_.user, address_.passFile, error)) {
+      lose(error);
       return;
     }
-    out.header(address_.user.empty() ? 2 : 3);
-    out.text("AUTH");
-    if (!address_.user.empty()) out.text(address_.user);
-    out.text(secret);
     ++signOnReplies_;
   }
   if (address_.database != 0) {
@@ -158,7 +141,7 @@ void RedisConnection::signOn() {
   }
   // A round trip in any case, so that "ready" means that a server has spoken.
   out.header(1);
-  out.text("PING");
+  out.text(finder_ ? "ROLE" : "PING");
   ++signOnReplies_;
   flush();
 }
@@ -169,6 +152,14 @@ void RedisConnection::signOnReply(ReplyCursor reply) {
     return;
   }
   if (--signOnReplies_ > 0) return;
+  if (finder_) {
+    reply.array();
+    if (const std::string_view role = reply.text(); role != "master") {
+      lose(std::string(role == "slave" ? "it is a replica" : "it is no master") +
+           ", though a sentinel named it: asking the sentinels again");
+      return;
+    }
+  }
   enter(ConnectionState::ready, "signed on");
   owner_.connectionReady(*this);
 }
@@ -196,8 +187,7 @@ void RedisConnection::flush() {
     if (result.status == StreamResult::Status::wait) return;
     if (result.status != StreamResult::Status::moved) {
       // What the server said last may still be there to be read; reading will then find the end.
-      if (result.error == EPIPE || result.error == ECONNRESET) return;
-      lose(std::strerror(result.error));
+      if (!result.peerGone) lose(endReason(result));
       return;
     }
     sent_ += result.bytes;
@@ -212,58 +202,71 @@ pollfd RedisConnection::wanted() const {
   switch (state_) {
     case ConnectionState::closed:
       break;
-    case ConnectionState::resolving:
-      return {lookup_->descriptor(), POLLIN, 0};
-    case ConnectionState::connecting:
-      return {socket_, POLLOUT, 0};
+    case ConnectionState::finding:
+      return finder_->wanted();
+    case ConnectionState::dialing:
+      return dialer_.wanted();
     case ConnectionState::signingOn:
-    case ConnectionState::ready:
-      return {stream_->descriptor(), static_cast<short>(hasOutput() ? POLLIN | POLLOUT : POLLIN), 0};
+    case ConnectionState::ready: {
+      const auto events =
+          static_cast<short>(stream_->readEvents() | (hasOutput() ? stream_->writeEvents() : 0));
+      return {stream_->descriptor(), events, 0};
+    }
   }
   return {-1, 0, 0};
 }
 
 void RedisConnection::onReady(short events, Clock::time_point now) {
-  if (state_ == ConnectionState::resolving) {
-    if (lookup_->done()) resolved(now);
-    return;
-  }
-  if (state_ == ConnectionState::connecting) {
-    int error = 0;
-    socklen_t size = sizeof error;
-    ::getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size);
-    if (error == 0) {
-      connected(now);
-    } else {
-      connectError_ = std::strerror(error);
-      ::close(socket_);
-      socket_ = -1;
-      connectNext(now);
-    }
-    return;
+  switch (state_) {
+    case ConnectionState::closed:
+      return;
+    case ConnectionState::finding:
+      return find(now);
+    case ConnectionState::dialing:
+      return dial(now);
+    case ConnectionState::signingOn:
+    case ConnectionState::ready:
+      break;
   }
   const std::uint64_t generation = generation_;
-  if ((events & POLLOUT) != 0) flush();
-  if (generation == generation_ && (events & (POLLIN | POLLHUP | POLLERR)) != 0) readAll(now);
+  const bool readable = (events & (stream_->readEvents() | POLLHUP | POLLERR)) != 0;
+  if ((events & stream_->writeEvents()) != 0) flush();
+  if (generation == generation_ && readable) readAll(now);
+}
+
+std::string RedisConnection::endReason(const StreamResult& result) const {
+  const bool failed = result.status == StreamResult::Status::failed;
+  std::string reason = failed ? stream_->failure() : "the server closed the connection";
+  if (state_ != ConnectionState::signingOn) return reason;
+  if (!failed) reason += " before it answered";
+  // A TLS port hangs up on plain text, mostly without a word.
+  if (!address_.tls && place().path.empty())
+    reason += ": perhaps the server speaks TLS on this port; then use " + tlsScheme();
+  return reason;
+}
+
+std::string RedisConnection::tlsScheme() const {
+  return finder_ ? "rediss+sentinel://" : "rediss://";
 }
 
 void RedisConnection::readAll(Clock::time_point now) {
   // Small pieces: the parser moves what it has not taken yet, again and again.
   std::array<char, 16384> piece;
-  for (int turn = 0; turn < 16; ++turn) {
+  for (int turn = 0; turn < 16 || stream_->holdsMore(); ++turn) {
     const StreamResult result = stream_->read(piece.data(), piece.size());
     if (result.status == StreamResult::Status::wait) return;
     if (result.status != StreamResult::Status::moved) {
-      const bool greeted = state_ == ConnectionState::ready;
-      lose(result.status == StreamResult::Status::failed ? std::strerror(result.error)
-           : greeted                                     ? "the server closed the connection"
-                     : "the server closed the connection before it answered");
+      lose(endReason(result));
       return;
     }
     since_ = now;
+    if (state_ == ConnectionState::signingOn && !address_.tls && speaksTls(piece[0])) {
+      lose("the server speaks TLS on this port: use " + tlsScheme());
+      return;
+    }
     reader_->feed(piece.data(), result.bytes);
     if (!takeReplies()) return;
-    if (result.bytes < piece.size()) return;
+    if (result.drained) return;
   }
 }
 
@@ -294,13 +297,14 @@ void RedisConnection::tick(Clock::time_point now) {
   switch (state_) {
     case ConnectionState::closed:
       return;
-    case ConnectionState::resolving:
-      if (lookup_->done()) {
-        resolved(now);
-        return;
-      }
-      [[fallthrough]];
-    case ConnectionState::connecting:
+    case ConnectionState::finding:
+      find(now);  // keeps its own limit
+      return;
+    case ConnectionState::dialing:
+      dial(now);
+      if (state_ == ConnectionState::dialing && now - since_ >= limits_.connect)
+        lose(dialer_.slowness(limits_.connect));
+      return;
     case ConnectionState::signingOn:
       if (now - since_ >= limits_.connect)
         lose("no answer within " + std::to_string(limits_.connect.count()) + " ms");

@@ -1,6 +1,8 @@
 // RedisConnection: one connection to a Redis server, driven from outside, never blocking.
 //
-// Purpose    Connects, signs on (AUTH, SELECT), sends commands and gives their replies back in order.
+// Purpose    Asks the sentinels where to (with an address of them), connects, signs on (AUTH, SELECT, ROLE),
+// sends
+//            commands and gives their replies back in order.
 // Ownership  The owner outlives the connection. Reply cursors hold during the call only.
 // Thread     One; the owner is called from inside open(), onReady(), flush() and tick(). The owner may close
 // or
@@ -19,8 +21,9 @@
 #include <vector>
 
 #include "store/redis/ByteStream.h"
-#include "store/redis/Endpoint.h"
+#include "store/redis/Dialer.h"
 #include "store/redis/Resp.h"
+#include "store/redis/SentinelFinder.h"
 #include "store/redis/StoreAddress.h"
 
 namespace pvss::redis {
@@ -40,13 +43,14 @@ class ConnectionOwner {
   virtual void reply(RedisConnection& connection, std::uint64_t tag, ReplyCursor reply) = 0;
 };
 
-enum class ConnectionState : std::uint8_t { closed, resolving, connecting, signingOn, ready };
+enum class ConnectionState : std::uint8_t { closed, finding, dialing, signingOn, ready };
 
 class RedisConnection {
  public:
   struct Limits {
-    std::chrono::milliseconds connect{3000};  ///< from open() to ready
-    std::chrono::milliseconds reply{5000};    ///< without any byte while a reply is due
+    std::chrono::milliseconds connect{3000};   ///< until a server is reached, and again until it is ready
+    std::chrono::milliseconds reply{5000};     ///< without any byte while a reply is due
+    std::chrono::milliseconds sentinel{1000};  ///< for each sentinel to answer
   };
 
   RedisConnection(ConnectionOwner& owner, const StoreAddress& address, const char* name, Limits limits);
@@ -55,12 +59,16 @@ class RedisConnection {
   RedisConnection& operator=(const RedisConnection&) = delete;
 
   void open(Clock::time_point now);
+  /// The same to the very server that another connection of the address has reached.
+  void open(Clock::time_point now, const RedisConnection& other);
   /// Drops the connection without a call to the owner; what was not sent is lost.
   void close();
 
   [[nodiscard]] ConnectionState state() const { return state_; }
   [[nodiscard]] bool ready() const { return state_ == ConnectionState::ready; }
   [[nodiscard]] const char* name() const { return name_; }
+  /// The server that is connected, or was tried last.
+  [[nodiscard]] const ServerPlace& place() const { return dialer_.place(); }
   [[nodiscard]] std::size_t outstanding() const { return tagsIn_ - tagsOut_; }
 
   /// The output buffer, to which the caller appends exactly one command; its reply comes under the tag.
@@ -78,11 +86,13 @@ class RedisConnection {
 
  private:
   void enter(ConnectionState next, std::string_view cause);
-  void resolved(Clock::time_point now);
-  void connectNext(Clock::time_point now);
+  void find(Clock::time_point now);
+  void dial(Clock::time_point now);
   void connected(Clock::time_point now);
   void signOn();
   void signOnReply(ReplyCursor reply);
+  [[nodiscard]] std::string endReason(const StreamResult& result) const;
+  [[nodiscard]] std::string tlsScheme() const;
   void readAll(Clock::time_point now);
   bool takeReplies();
   void lose(std::string_view reason);
@@ -97,10 +107,8 @@ class RedisConnection {
   Clock::time_point since_{};     // start of the attempt, then of the last sign of life
   bool waiting_ = false;          // replies were due at the last tick
 
-  std::unique_ptr<EndpointLookup> lookup_;
-  std::size_t nextEndpoint_ = 0;
-  std::string connectError_;
-  int socket_ = -1;  // while connecting
+  std::unique_ptr<SentinelFinder> finder_;  // null for an address of one server
+  Dialer dialer_;
   std::unique_ptr<ByteStream> stream_;
   std::unique_ptr<ReplyReader> reader_;
   std::string output_;

@@ -96,6 +96,7 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   void restart(std::string_view reason);
   void drop(std::string_view reason);
   void trouble(std::string_view text);
+  void sayBack();
   void serverError(std::string_view error);
   void askVersion();
   void onVersion(ReplyCursor reply);
@@ -145,9 +146,10 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   Clock::time_point now_{};
   Clock::time_point retryAt_{};  // in pausing, badFunctions and leaseTaken
   Clock::time_point tickAt_{};
-  Clock::time_point wakesUntil_{};  // what the wake-ups so far have used up of the time
-  std::string troubleTold_;         // what was said last on standard error, empty when all was well
-  bool called_ = false;             // the listener, during this poll
+  Clock::time_point wakesUntil_{};         // what the wake-ups so far have used up of the time
+  std::vector<std::string> troublesTold_;  // on standard error since the link was last up
+  std::string master_;                     // where the sentinels' master was when the link was last up
+  bool called_ = false;                    // the listener, during this poll
 
   bool leaseKnown_ = false;  // the listener was told once
   bool leaseHeld_ = false;

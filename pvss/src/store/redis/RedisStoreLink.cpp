@@ -1,4 +1,5 @@
 // The life of the link: connecting, checking the functions, the lease, the catalogue.
+#include <algorithm>
 #include <utility>
 
 #include "log/Log.h"
@@ -9,6 +10,8 @@
 
 namespace pvss::redis {
 namespace {
+
+constexpr std::size_t mostTroubles = 16;
 
 const char* wordOf(LinkState state) {
   switch (state) {
@@ -48,7 +51,6 @@ void RedisStore::onTimers() {
       if (now_ < retryAt_) return;
       enter(LinkState::connecting, "pause over");
       commands_.open(now_);
-      if (state_ == LinkState::connecting) log_.open(now_);
       return;
     case LinkState::badFunctions:
       if (now_ >= retryAt_) askVersion();
@@ -61,11 +63,25 @@ void RedisStore::onTimers() {
   }
 }
 
-/// One line when trouble begins or becomes another; the same trouble again is silent.
+/// One line when trouble begins or becomes another; what was said since the link was last up is not said
+/// again.
 void RedisStore::trouble(std::string_view text) {
-  if (troubleTold_ == text) return;
-  troubleTold_ = text;
-  log::warn("store", "store {}: {} - trying again until it works", address_.text, troubleTold_);
+  if (std::find(troublesTold_.begin(), troublesTold_.end(), text) != troublesTold_.end()) return;
+  if (troublesTold_.size() == mostTroubles) troublesTold_.erase(troublesTold_.begin());
+  troublesTold_.emplace_back(text);
+  log::warn("store", "store {}: {} - trying again until it works", address_.text, text);
+}
+
+/// The end of the trouble, and a change of the master, in one line.
+void RedisStore::sayBack() {
+  const bool wasAway = !std::exchange(troublesTold_, {}).empty();
+  const std::string before =
+      std::exchange(master_, address_.bySentinel() ? commands_.place().text() : std::string());
+  if (before != master_ && !before.empty()) {
+    log::info("store", "store {} is back: the master is now {}, it was {}", address_.text, master_, before);
+  } else if (wasAway) {
+    log::info("store", "store {} is back", address_.text);
+  }
 }
 
 void RedisStore::restart(std::string_view reason) {
@@ -95,8 +111,14 @@ void RedisStore::serverError(std::string_view error) {
   restart(describeServerError(error));
 }
 
-void RedisStore::connectionReady(RedisConnection&) {
-  if (state_ == LinkState::connecting && commands_.ready() && log_.ready()) askVersion();
+void RedisStore::connectionReady(RedisConnection& connection) {
+  if (state_ != LinkState::connecting) return;
+  if (&connection == &commands_) {
+    // To the very same server, whatever a name or a sentinel would say a moment later.
+    log_.open(now_, commands_);
+  } else {
+    askVersion();
+  }
 }
 
 void RedisStore::connectionLost(RedisConnection&, std::string_view reason) {
@@ -253,8 +275,7 @@ void RedisStore::onCatalogue(ReplyCursor reply) {
   runId_ = greeting_.runId;
   previousWrite_ = greeting_.lastClientSequence;
   backoff_.reset();
-  if (!troubleTold_.empty()) log::info("store", "store {} is back", address_.text);
-  troubleTold_.clear();
+  sayBack();
   enter(LinkState::up, "catalogue loaded");
   called_ = true;
   listener_->catalogueLoaded(std::move(entries));

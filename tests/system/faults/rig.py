@@ -1,0 +1,497 @@
+"""Everything of one run: servers, processes, links and witnesses, and what each statement does to them. Nothing here says
+what is right; evidence.py does."""
+
+import json
+import os
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+import evidence
+import harness
+import language
+import recorders
+import resp
+import servers
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+PYTHON = "/usr/bin/python3"
+CLOCK_LIBRARY = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
+PUBLISHER_NAMES = {"publisher": "load", "gateway": "KelGateway", "gateway2": "KelGateway"}
+STORE_SIDE = ("gateway-store",)
+
+
+class Rig:
+    """One run of one scenario in a folder of its own. run() gives a Result; close() ends every process that was started."""
+
+    def __init__(self, scenario, keep_under=None):
+        self.scenario = scenario
+        self.folder = tempfile.mkdtemp(prefix=f"kelgw-faults.{scenario.name}.", dir=keep_under)
+        self.store = servers.Store(self.folder, scenario.disk_mb)
+        self.broker = servers.Broker(self.folder, scenario.broker_persistence)
+        self.rate = max(1, int(scenario.rate / harness.PATIENCE))
+        self.write_rate = max(1, int(scenario.write_rate / harness.PATIENCE))
+        self.evidence = evidence.Evidence(scenario.publications if scenario.rate else 0,
+                                          scenario.out_publications if scenario.write_rate else 0)
+        self.now = {}        # name -> the running process
+        self.past = []       # (name, process) of all that ever ran
+        self.links = {}      # link -> its proxy
+        self.watcher = self.recorder = self.reader = None
+        self.sampler = recorders.Sampler()
+        self.sampler.start()
+        self.applied = False
+        self.figures = {"recovery": [], "invalid": []}
+        self.story = []
+        self.began = time.monotonic()
+
+    # -------------------------------------------------------------------------------------------- addresses
+
+    def kel_url(self, link=None):
+        port = self.broker.port if link not in self.scenario.links else self._proxy(link)
+        return f"mqtt://127.0.0.1:{port}?group={harness.GROUP}&keepAlive={self.scenario.keep_alive}"
+
+    def store_url(self, link=None):
+        path = self.store.path if link not in self.scenario.links else self._proxy(link)
+        return f"redis+unix://{path}"
+
+    def _proxy(self, link):
+        """Where to connect instead: the address of the link's proxy, started when first asked for."""
+        if link not in self.links:
+            if link in STORE_SIDE:
+                address, server = os.path.join(self.folder, link + ".sock"), self.store.path
+            else:
+                address, server = harness.free_port(), f"127.0.0.1:{self.broker.port}"
+            listen = address if isinstance(address, str) else f"127.0.0.1:{address}"
+            process = recorders.TimedProcess([PYTHON, "-B", os.path.join(HERE, "proxy.py"), listen, server], stdin=True)
+            self.past.append((link, process))
+            self.links[link] = (address, process)
+            self._order(link, "pass")
+        return self.links[link][0]
+
+    def _order(self, link, order):
+        process = self.links[link][1]
+        before = len(process.out)
+        process.order(order)
+        process.wait_for(f"{link}: {order}", lambda: len(process.out) > before)
+
+    def environment(self, kel_link=None, store_link=None):
+        return {"KEL_URL": self.kel_url(kel_link), "PVSS_STORE": self.store_url(store_link), "PYTHONDONTWRITEBYTECODE": "1"}
+
+    # -------------------------------------------------------------------------------------------- processes
+
+    def start(self, name):
+        again = name in self.evidence.lives
+        lives = self.evidence.lives.setdefault(name, [])
+        published, confirmed = self._published(), self._confirmed()
+        born = time.monotonic()
+        lives.append(evidence.Life(len(lives) + 1, born))
+        getattr(self, "_start_" + name)(len(lives))
+        if name in self.now:
+            self.sampler.watch(name, self.now[name].pid)
+        if again or self.evidence.losses:
+            self._came_back(born, f"the start of {name}", published, confirmed)
+
+    def _spawn(self, name, arguments, **options):
+        process = recorders.TimedProcess(arguments, cwd=self.folder, **options)
+        self.now[name] = process
+        self.past.append((name, process))
+
+    def _start_store(self, _):
+        self.store.start()
+        self.now["store"] = self.store.process
+        self.past.append(("store", self.store.process))
+        if not self.applied:
+            self._apply()
+            self.watcher = recorders.LogWatcher(self.store.path)
+            self.watcher.start()
+
+    def _start_broker(self, _):
+        self.broker.start()
+        self.now["broker"] = self.broker.process
+        self.past.append(("broker", self.broker.process))
+        if self.recorder is None:
+            self.recorder = recorders.BrokerRecorder(self.broker.port)
+            self.recorder.start()
+        if self.reader is None and self.evidence.out_publications:
+            names = [f"out/{index}" for index in range(self.evidence.out_publications)]
+            process = recorders.TimedProcess([os.path.join(harness.BIN, "kelgw"), "kel", "sub", *names, "--json"],
+                                             env=self.environment(), cwd=self.folder)
+            self.past.append(("reader", process))
+            self.reader = recorders.KelReader(process)
+
+    def _start_gateway(self, _):
+        self._gateway("gateway", "gateway-broker", "gateway-store")
+
+    def _start_gateway2(self, _):
+        self._gateway("gateway2", None, None)
+
+    def _gateway(self, name, kel_link, store_link):
+        config = os.path.join(self.folder, name + ".config")
+        with open(config, "w", encoding="utf-8") as file:
+            if self.scenario.backlog_mb is not None:
+                file.write(f"[general]\nbacklogBytes = {int(self.scenario.backlog_mb * 1048576)}\n")
+            file.write(f'[kel]\nclientDPList = "{harness.LIST}"\npubDPList = "{harness.PUBLICATIONS}"\n'
+                       f'publisherName = "{PUBLISHER_NAMES[name]}"\n')
+        env = self.environment(kel_link, store_link)
+        if self.scenario.steps_clock and name == "gateway":
+            self._set_clock(0)
+            env.update({"LD_PRELOAD": CLOCK_LIBRARY, "FAKETIME_TIMESTAMP_FILE": os.path.join(self.folder, "clock"),
+                        "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"})
+        self._spawn(name, [os.path.join(harness.BIN, "kel-gateway"), "-config", config], env=env)
+
+    def _start_publisher(self, life):
+        self._spawn("publisher", [os.path.join(harness.BIN, "load_publisher"), PUBLISHER_NAMES["publisher"], self._account("publisher", life), life,
+                                  self.evidence.publications, self.rate],
+                    env=self.environment("publisher-broker"), stdin=True)
+
+    def _start_writer(self, life):
+        self._spawn("writer", [PYTHON, "-B", os.path.join(HERE, "writer.py"), self.store.path, self._account("writer", life), life,
+                               self.evidence.out_publications, self.write_rate], stdin=True)
+
+    def _apply(self):
+        elements = {f"L{index}.{tag}": "int" for index in range(self.evidence.publications) for tag in evidence.TAGS}
+        elements.update({f"O{index}.{tag}": "int" for index in range(self.evidence.out_publications) for tag in evidence.OUT_TAGS})
+        plant = {"elements": elements, "lists": {"clients": harness.LIST, "publications": harness.PUBLICATIONS},
+                 "subscribe": {f"load/{index}": {tag: f"L{index}.{tag}" for tag in evidence.TAGS}
+                               for index in range(self.evidence.publications)},
+                 "publish": {f"out/{index}": {"bufferTime": self.scenario.buffer_ms if evidence.is_buffered(index) else 0,
+                                              "fields": {tag: f"O{index}.{tag}" for tag in evidence.OUT_TAGS}}
+                             for index in range(self.evidence.out_publications)}}
+        path = os.path.join(self.folder, "plant.yaml")
+        with open(path, "w", encoding="utf-8") as file:
+            json.dump(plant, file)  # JSON is YAML
+        code, out, err = self.tool("apply", path)
+        if code != 0:
+            raise RuntimeError(f"kelgw apply ended with {code}\n{out}\n{err}")
+        self.applied = True
+
+    def tool(self, *arguments, limit=60):
+        done = subprocess.run([os.path.join(harness.BIN, "kelgw"), *arguments], env={**os.environ, **self.environment()},
+                              cwd=self.folder, capture_output=True, stdin=subprocess.DEVNULL, timeout=limit * harness.PATIENCE,
+                              check=False)
+        return done.returncode, done.stdout.decode("utf-8", "backslashreplace"), done.stderr.decode("utf-8", "backslashreplace")
+
+    def hit(self, names, number):
+        """A signal for all of them in one moment; ends are waited for."""
+        for name in names:
+            self.now[name].send_signal(number)
+        self._lost(" and ".join(f"the {'end' if number != signal.SIGSTOP else 'pause'} of {name}" for name in names))
+        if number == signal.SIGSTOP:
+            return
+        for name in names:
+            process = self.now.pop(name)
+            self.sampler.look()
+            process.wait(30)
+            self.evidence.lives[name][-1].died = self.evidence.losses[-1][0]
+            self.evidence.lives[name][-1].killed = number == signal.SIGKILL
+
+    def _lost(self, what):
+        self.evidence.losses.append((time.monotonic(), int(time.time() * 1000), what))
+
+    def _came_back(self, at, what, published=None, confirmed=None):
+        self.evidence.returns.append(evidence.Return(at, what, published if published is not None else self._published(),
+                                                     confirmed if confirmed is not None else self._confirmed()))
+
+    # -------------------------------------------------------------------------------------------- accounts
+
+    def _account(self, name, life):
+        return os.path.join(self.folder, f"{name}.{life}.account")
+
+    def _counts(self, name, life):
+        try:
+            with open(self._account(name, life), "rb") as file:
+                data = file.read()
+        except FileNotFoundError:
+            return []
+        return [count for (count,) in struct.iter_unpack("<Q", data)]
+
+    def _published(self):
+        """publication -> number of its newest record that a publisher has handed over."""
+        newest = {}
+        for life in self.evidence.lives.get("publisher", []):
+            for publication, count in enumerate(self._counts("publisher", life.number)):
+                if count:
+                    newest[publication] = life.number * evidence.LIFE_NUMBERS + count
+        return newest
+
+    def _confirmed(self):
+        newest = {}
+        for life in self.evidence.lives.get("writer", []):
+            for publication, value in enumerate(self._counts("writer", life.number)):
+                if value:
+                    newest[publication] = value
+        return newest
+
+    def _elements(self):
+        names = [f"L{index}.{tag}" for index in range(self.evidence.publications) for tag in evidence.TAGS]
+        names += [f"O{index}.{tag}" for index in range(self.evidence.out_publications) for tag in evidence.OUT_TAGS]
+        try:
+            link = resp.Link(self.store.path)
+        except OSError:
+            return {}
+        try:
+            found = {}
+            for name in names:
+                flat = link.command("HGETALL", "dp:d:" + name)
+                found[name] = {key.decode(): value.decode("utf-8", "backslashreplace") for key, value in zip(flat[::2], flat[1::2])}
+            return found
+        except (OSError, resp.Refused):
+            return {}
+        finally:
+            link.close()
+
+    def look(self, elements=False):
+        """Brings the evidence up to now."""
+        seen = self.evidence
+        seen.now = time.monotonic()
+        seen.writes = self.watcher.writes() if self.watcher else []
+        seen.messages = self.recorder.messages() if self.recorder else []
+        seen.events = self.reader.events() if self.reader else []
+        seen.confirmed = self._confirmed()
+        seen.published = {}
+        for life in seen.lives.get("publisher", []):
+            for publication, count in enumerate(self._counts("publisher", life.number)):
+                seen.published.setdefault(publication, []).append((life.number, count))
+        seen.memory = dict(self.sampler.high)
+        seen.running = {name: process.running() for name, process in self.now.items()}
+        seen.said = {name: [*process.out, *process.err] for name, process in self.now.items()}
+        if elements:
+            seen.elements = self._elements()
+        return seen
+
+    # -------------------------------------------------------------------------------------------- statements
+
+    def do(self, step):
+        """One statement that is not an expectation."""
+        form, values = step.form, step.values
+        if form == "start <process>":
+            self.start(*values)
+        elif step.verb == "kill":
+            self.hit(values, signal.SIGKILL)
+        elif form == "stop <process>":
+            self.hit(values, signal.SIGTERM)
+        elif form in ("stop load", "resume load"):
+            self._load("stop" if form == "stop load" else "go")
+        elif step.verb == "pause":
+            self.hit(values, signal.SIGSTOP)
+        elif step.verb == "continue":
+            self._came_back(time.monotonic(), f"the end of the pause of {values[0]}")
+            self.now[values[0]].send_signal(signal.SIGCONT)
+        elif step.verb in ("cut", "refuse", "delay", "throttle", "heal"):
+            self._link(step)
+        elif form == "fill disk":
+            self.store.fill()
+            self._lost("the disk was full")
+        elif form == "free disk":
+            self._came_back(time.monotonic(), "the disk had room again")
+            self.store.free()
+        elif step.verb == "step":
+            with open(f"/proc/{self.now['gateway'].pid}/maps", encoding="utf-8") as maps:
+                if "libfaketime" not in maps.read():
+                    raise RuntimeError("the gateway does not have the clock that can be stepped; is the package faketime installed?")
+            self._set_clock(values[0])
+        elif form == "wait <number> s":
+            time.sleep(values[0])
+        elif form == "wait until flowing":
+            self._wait_until_flowing()
+        else:
+            raise RuntimeError(f"nobody knows how to do: {form}")
+
+    def _link(self, step):
+        link, *figure = step.values
+        if link not in self.links:
+            self._proxy(link)
+        order = {"cut": "hold", "refuse": "refuse", "heal": "pass"}.get(step.verb)
+        if order is None:
+            order = f"delay {figure[0]}" if step.verb == "delay" else f"rate {figure[0] * 1024}"
+        if step.verb == "heal":
+            self._came_back(time.monotonic(), f"{link} was healed")
+        self._order(link, order)
+        if step.verb != "heal":
+            self._lost(f"{step.verb} {link}")
+
+    def _load(self, order):
+        for name in ("publisher", "writer"):
+            if name in self.now:
+                self.now[name].order(order)
+        # What was just being sent is still counted.
+        last = None
+        while order == "stop" and (self._published(), self._confirmed()) != last:
+            last = (self._published(), self._confirmed())
+            time.sleep(0.15)
+
+    def _set_clock(self, seconds):
+        path = os.path.join(self.folder, "clock")
+        with open(path + ".new", "w", encoding="ascii") as file:
+            file.write(f"{seconds:+d}s\n")
+        os.rename(path + ".new", path)
+
+    def _wait_until_flowing(self):
+        try:
+            self._flows(60)
+        except evidence.Violated as violated:
+            raise RuntimeError(f"it never flowed: {violated}") from None
+
+    def _flows(self, seconds):
+        """As flow_resumes, but counted from now; figures of it belong to no recovery."""
+        here = evidence.Return(time.monotonic(), "this line", self._published(), self._confirmed())
+
+        def judge(seen):
+            kept, seen.returns = seen.returns, [here]
+            try:
+                return evidence.flow_resumes(seen, seconds * harness.PATIENCE)
+            finally:
+                seen.returns = kept
+        return self._within(seconds, judge)
+
+    # -------------------------------------------------------------------------------------------- expectations
+
+    def judge(self, step):
+        """Raises evidence.Violated when the expectation does not hold; its figure otherwise."""
+        words, values = step.form.split(), step.values
+        if "flow resumes" in step.form:
+            took = self._within(values[0], lambda seen: evidence.flow_resumes(seen, values[0] * harness.PATIENCE))
+            self.figures["recovery"].append(took)
+            return took
+        if "flow goes on" in step.form:
+            return self._flows(values[0])
+        if "elements invalid" in step.form:
+            took = self._within(values[0], lambda seen: evidence.elements_invalid(seen, values[0] * harness.PATIENCE))
+            self.figures["invalid"].append(took)
+            return took
+        if "elements equal" in step.form:
+            return self._within(values[0], evidence.elements_equal, elements=True)
+        if "publications carry" in step.form:
+            return self._within(values[0], evidence.publications_carry, elements=True)
+        if "no presence" in step.form:
+            return self._within(values[1], lambda seen: self._presence(seen, values[0]))
+        if "at least once" in step.form:
+            return self._within(values[2], lambda seen: evidence.says(seen, values[0], values[1], 1, None))
+        seen = self.look(elements=True)
+        simple = {"expect source": evidence.source_times_kept, "expect sequences": evidence.sequences_forward,
+                  "expect records": evidence.records_whole, "expect nothing": evidence.nothing_dead,
+                  "expect memory": evidence.memory_below, "expect owner": evidence.owner_changes}
+        key = " ".join(words[:2])
+        if key == "expect nothing":
+            return evidence.nothing_dead(seen, values[0] * harness.PATIENCE)
+        if key in simple:
+            return simple[key](seen, *values)
+        if key in ("expect lost", "expect coalesced"):
+            self._books(seen)
+            return (evidence.lost_at_most if "lost" in key else evidence.coalesced_above)(seen, *values)
+        if words[2] == "says":
+            return evidence.says(seen, *values, 1, 1)
+        if words[2] == "never":
+            return evidence.says(seen, *values, 0, 0)
+        return (evidence.is_idle if words[2] == "idle" else evidence.is_running)(seen, *values)
+
+    def _within(self, seconds, judge, elements=False):
+        """The judge's figure as soon as it holds, at the latest after so many seconds."""
+        end = time.monotonic() + seconds * harness.PATIENCE
+        while True:
+            late = time.monotonic() > end
+            try:
+                return judge(self.look(elements))
+            except evidence.Violated:
+                if late:
+                    raise
+            time.sleep(0.05)
+
+    def _presence(self, seen, process):
+        try:
+            seen.presences = recorders.retained(self.broker.port, f"kel/{harness.GROUP}/publisher/#")
+        except OSError as trouble:
+            raise evidence.Violated(str(trouble)) from None
+        return evidence.no_presence(seen, PUBLISHER_NAMES.get(process, process))
+
+    def _books(self, seen):
+        """The product's own totals: of the gateway's Kel library and of its backlog."""
+        code, out, err = self.tool("status", "--json")
+        if code == 3:
+            raise evidence.Violated(f"kelgw status: {err.strip()}")
+        status = json.loads(out)
+        counters = [publisher["counters"] for publisher in status["broker"]["publishers"]
+                    if publisher["name"] == PUBLISHER_NAMES["gateway"]]
+        seen.ledger = {"subscribe": counters,
+                       "store": {"coalesced": sum(manager["counters"].get("coalesced", 0) for manager in status["managers"])}}
+
+    # -------------------------------------------------------------------------------------------- the run
+
+    def run(self):
+        """None when everything holds, else (step, text)."""
+        for step in self.scenario.steps:
+            self.story.append(f"{time.monotonic() - self.began:8.3f}  {step.text}")
+            try:
+                if step.verb != "expect":
+                    self.do(step)
+                    continue
+                figure = self.judge(step)
+                if isinstance(figure, float):
+                    self.story.append(f"          {figure:.3f} s")
+            except evidence.Violated as violated:
+                return self._failed(step, str(violated))
+            except (AssertionError, RuntimeError, OSError, subprocess.SubprocessError) as trouble:
+                return self._failed(step, f"{type(trouble).__name__}: {trouble}")
+        return None
+
+    def _failed(self, step, text):
+        self.story.append("failed: " + text)
+        return step, text
+
+    def close(self, keep):
+        """Ends everything; the folder stays when `keep`, with all that was said."""
+        self.sampler.stop()
+        for witness in (self.watcher, self.recorder):
+            if witness:
+                witness.stop()
+        for _, process in reversed(self.past):
+            if process.running():
+                process.send_signal(signal.SIGCONT)
+                process.kill()
+        if keep:
+            self._tell()
+        else:
+            shutil.rmtree(self.folder, ignore_errors=True)
+
+    def _tell(self):
+        runs = {}
+        for name, process in self.past:
+            runs[name] = runs.get(name, 0) + 1
+            for kind, lines in (("out", process.out), ("err", process.err)):
+                with open(os.path.join(self.folder, f"{name}.{runs[name]}.{kind}"), "w", encoding="utf-8") as file:
+                    file.write("".join(line + "\n" for line in lines))
+        with open(os.path.join(self.folder, "story"), "w", encoding="utf-8") as file:
+            file.write("".join(line + "\n" for line in self.story))
+            file.write(f"monotonic time at the beginning: {self.began:.3f}\n")
+        with open(os.path.join(self.folder, "log"), "w", encoding="utf-8") as file:
+            for write in self.evidence.writes:
+                file.write(f"{write.at - self.began:.3f} {write!r}\n")
+        with open(os.path.join(self.folder, "messages"), "w", encoding="utf-8") as file:
+            for message in self.evidence.messages:
+                file.write(f"{message.at - self.began:.3f} {message.publication} {message.incarnation} {message.sequence} "
+                           f"quality {message.quality} {message.fields}{' retained' if message.retained else ''}\n")
+        with open(os.path.join(self.folder, "ledger.json"), "w", encoding="utf-8") as file:
+            json.dump(self.evidence.ledger, file, indent=1)
+
+
+def scenario_paths(names):
+    """Paths of the scenarios so named, or of all; a path is taken as it is."""
+    folder = os.path.join(HERE, "scenarios")
+    if not names:
+        return sorted(os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".scenario"))
+    paths = []
+    for name in names:
+        path = name if name.endswith(".scenario") else os.path.join(folder, name + ".scenario")
+        if not os.path.exists(path):
+            known = ", ".join(sorted(entry[:-9] for entry in os.listdir(folder) if entry.endswith(".scenario")))
+            raise language.Mistake(f"there is no scenario '{name}'; write one of: {known}")
+        paths.append(path)
+    return paths
+
+
+if __name__ == "__main__":
+    sys.exit("this is a part of run.py")

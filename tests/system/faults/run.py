@@ -1,0 +1,134 @@
+#!/usr/bin/python3
+"""Runs fault scenarios with real processes and prints one table of what was seen.
+
+usage: tests/system/faults/run.py --bin FOLDER [--repeat N] [--json] [--keep FOLDER] [SCENARIO...]
+Exit code 0 when every run held, 1 when one did not, 2 for a mistake in a scenario or on the command line.
+"""
+
+import argparse
+import json
+import os
+import statistics
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [HERE, os.path.dirname(HERE)]
+
+COLUMNS = ("SCENARIO", "RUNS", "PASSED", "RECOVERY s", "WORST", "INVALID s", "PUBLISHED", "WRITTEN", "GAPS", "COALESCED",
+           "IN FLIGHT", "LOST", "STALE", "MEMORY MB")
+
+
+def arguments():
+    parser = argparse.ArgumentParser(description="Runs fault scenarios with real processes.")
+    parser.add_argument("--bin", required=True, help="folder with kel-gateway, kelgw and load_publisher")
+    parser.add_argument("--repeat", type=int, help="runs of each scenario, instead of what it says itself")
+    parser.add_argument("--short", action="store_true", help="only the scenarios that are run 20 times or more by themselves")
+    parser.add_argument("--json", action="store_true", help="a document instead of the table")
+    parser.add_argument("--keep", help="where the folders of failed runs go (default: the system's temporary folder)")
+    parser.add_argument("scenario", nargs="*", help="names or files; all without")
+    given = parser.parse_args()
+    for program in ("kel-gateway", "kelgw", "load_publisher"):
+        if not os.access(os.path.join(given.bin, program), os.X_OK):
+            parser.error(f"{given.bin} has no {program}; build first: ./dev build")
+    if given.repeat is not None and given.repeat < 1:
+        parser.error("--repeat takes a number from 1")
+    return given
+
+
+def one_run(scenario, keep):
+    """The figures of one run."""
+    import evidence
+    import rig
+    one = rig.Rig(scenario, keep)
+    began = time.monotonic()
+    failed = None
+    try:
+        failed = one.run()
+        seen = one.look()
+        if seen.ledger is None and one.now.get("gateway", one.now.get("gateway2")):
+            try:
+                one._books(seen)
+            except evidence.Violated:
+                pass
+        books = evidence.account(seen)
+        figures = {"passed": failed is None, "seconds": round(time.monotonic() - began, 2),
+                   "recovery": [round(value, 3) for value in one.figures["recovery"]],
+                   "invalid": [round(value, 3) for value in one.figures["invalid"]],
+                   "published": books.published, "written": books.written, "gaps": books.gaps, "coalesced": books.coalesced,
+                   "inFlight": books.in_flight, "lost": books.lost,
+                   "stale": len(evidence.dead_shown_as_good(seen, allowance_of(scenario))),
+                   "memory": max((high for name, high in one.sampler.high.items() if name.startswith("gateway")), default=0)}
+        if failed:
+            figures.update({"failed": f"{scenario.name}:{failed[0].line}: {failed[0].text}", "why": failed[1], "folder": one.folder})
+        return figures
+    finally:
+        one.close(keep=failed is not None)
+
+
+def allowance_of(scenario):
+    for step in scenario.expectations:
+        if step.form.startswith("expect nothing dead"):
+            return step.values[0]
+    return 2 * scenario.keep_alive + 2
+
+
+def summary(runs):
+    """One scenario's figures over all its runs; counts are sums, memory is the highest."""
+    recovery = [max(run["recovery"]) for run in runs if run["recovery"]]
+    invalid = [max(run["invalid"]) for run in runs if run["invalid"]]
+    return {"runs": len(runs), "passed": sum(run["passed"] for run in runs),
+            "recovery": statistics.median(recovery) if recovery else None, "recoveryWorst": max(recovery, default=None),
+            "invalidWorst": max(invalid, default=None),
+            **{name: sum(run[name] for run in runs)
+               for name in ("published", "written", "gaps", "coalesced", "inFlight", "lost", "stale")},
+            "memory": max(run["memory"] for run in runs)}
+
+
+def row(name, figures):
+    def seconds(value):
+        return "-" if value is None else f"{value:.2f}"
+    return [name, figures["runs"], figures["passed"], seconds(figures["recovery"]), seconds(figures["recoveryWorst"]),
+            seconds(figures["invalidWorst"]), figures["published"], figures["written"], figures["gaps"], figures["coalesced"],
+            figures["inFlight"], figures["lost"], figures["stale"], f"{figures['memory'] / 1048576:.1f}"]
+
+
+def print_table(rows):
+    table = [COLUMNS, *rows]
+    widths = [max(len(str(line[column])) for line in table) for column in range(len(COLUMNS))]
+    for line in table:
+        cells = [str(cell).ljust(width) if column == 0 else str(cell).rjust(width)
+                 for column, (cell, width) in enumerate(zip(line, widths))]
+        print("  ".join(cells).rstrip())
+
+
+def main():
+    given = arguments()
+    os.environ["KELGW_BIN"] = os.path.abspath(given.bin)
+    import language
+    import rig
+    try:
+        scenarios = [language.load(path) for path in rig.scenario_paths(given.scenario)]
+    except (language.Mistake, OSError) as mistake:
+        print(mistake, file=sys.stderr)
+        return 2
+    if given.short:
+        scenarios = [scenario for scenario in scenarios if scenario.runs >= 20]
+    results = {}
+    for scenario in scenarios:
+        runs = results[scenario.name] = []
+        repeat = given.repeat or scenario.runs
+        for number in range(1, repeat + 1):
+            runs.append(one_run(scenario, given.keep))
+            one = runs[-1]
+            said = "held" if one["passed"] else f"FAILED\n  {one['failed']}\n  {one['why']}\n  everything is in {one['folder']}"
+            print(f"{scenario.name} {number}/{repeat} {one['seconds']:.1f} s {said}", file=sys.stderr, flush=True)
+    if given.json:
+        print(json.dumps({name: {**summary(runs), "each": runs} for name, runs in results.items()}, indent=1))
+    else:
+        print_table([row(name, summary(runs)) for name, runs in results.items()])
+    return 0 if all(run["passed"] for runs in results.values() for run in runs) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,89 @@
+"""The two servers as the fault scenarios want them: the ones of harness.py with a disk that can be full, with and without
+persistence, and with queues that never close a link."""
+
+import os
+import resource
+import subprocess
+
+import harness
+
+
+class Store(harness.Redis):
+    """With `disk_mb`, its folder is a file system of that size in a mount namespace of its own; where the system does not
+    allow that, a limit on the size of its files does instead, and `disk_kind` says which."""
+
+    def __init__(self, folder, disk_mb=None):
+        super().__init__(folder)
+        self.disk_mb = disk_mb
+        self.disk = os.path.join(folder, "disk")
+        self.disk_kind = None
+
+    @staticmethod
+    def _private_mounts():
+        for switches in (["-m"], ["-r", "-m"]):
+            if subprocess.run(["unshare", *switches, "mount", "-t", "tmpfs", "none", "/mnt"], check=False,
+                              capture_output=True).returncode == 0:
+                return switches
+        return None
+
+    def start(self):
+        if self.disk_mb is None:
+            return super().start()
+        os.makedirs(self.disk, exist_ok=True)
+        command = ["redis-server", "--port", "0", "--unixsocket", self.path, "--dir", self.disk, "--save", "", "--appendonly",
+                   "yes", "--appendfsync", "everysec", "--maxmemory-policy", "noeviction", "--daemonize", "no"]
+        switches = self._private_mounts()
+        if switches:
+            self.disk_kind = "tmpfs"
+            script = f'mount -t tmpfs -o size={int(self.disk_mb * 1024)}k none "$1" && shift && exec "$@"'
+            command = ["unshare", *switches, "sh", "-c", script, "sh", self.disk, *command]
+        else:
+            self.disk_kind = "file size limit"
+            command = ["env", "--ignore-signal=XFSZ", *command]
+        self.process = harness.Process(command)
+        self.process.wait_for("the store to start", self._answers)
+        return self
+
+    def _ballast(self):
+        return f"/proc/{self.process.pid}/root{self.disk}/ballast"
+
+    def fill(self):
+        """Nothing more fits."""
+        if self.disk_kind == "tmpfs":
+            with open(self._ballast(), "wb", buffering=0) as file:
+                for size in (1 << 20, 1 << 12):
+                    try:
+                        while file.write(b"\0" * size) == size:
+                            pass
+                    except OSError:
+                        pass
+        else:
+            used = max(os.path.getsize(os.path.join(top, name)) for top, _, names in os.walk(self.disk) for name in names)
+            resource.prlimit(self.process.pid, resource.RLIMIT_FSIZE, (used, resource.RLIM_INFINITY))
+
+    def free(self):
+        if self.disk_kind == "tmpfs":
+            os.unlink(self._ballast())
+        else:
+            resource.prlimit(self.process.pid, resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+
+
+class Broker(harness.Broker):
+    """A queue that is full closes no link; with persistence, retained messages are on disk within a second."""
+
+    def __init__(self, folder, persistence):
+        super().__init__(folder)
+        self.persistence = persistence
+
+    def start(self):
+        path = os.path.join(self.folder, "mosquitto.conf")
+        with open(path, "w", encoding="utf-8") as config:
+            config.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n"
+                         "max_inflight_messages 1000\nmax_queued_messages 1000000\n")
+            if self.persistence:
+                config.write(f"persistence true\npersistence_location {self.folder}/\nautosave_interval 1\n")
+            if os.geteuid() == 0:
+                config.write("user root\n")
+        self.process = harness.Process(["mosquitto", "-c", path])
+        self.process.wait_for("mosquitto to start", self._answers)
+        return self

@@ -325,6 +325,10 @@ TEST(ServerError, MeaningFollowsFromTheFirstWord) {
   EXPECT_EQ(kindOfServerError("OOM command not allowed when used memory > 'maxmemory'."),
             ServerErrorKind::trouble);
   EXPECT_EQ(kindOfServerError("NOPERM no"), ServerErrorKind::denied);
+  EXPECT_EQ(
+      kindOfServerError("ERR The user executing the script can't run this command or subcommand script: "
+                        "dp_set, on @user_function:69."),
+      ServerErrorKind::denied);
   EXPECT_EQ(kindOfServerError("ERR Function not found"), ServerErrorKind::functionsMissing);
   EXPECT_EQ(kindOfServerError("FENCED x"), ServerErrorKind::fenced);
   EXPECT_EQ(kindOfServerError("ORDER x"), ServerErrorKind::order);

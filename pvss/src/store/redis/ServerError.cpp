@@ -32,6 +32,8 @@ ServerErrorKind kindOfServerError(std::string_view error) {
   if (error.starts_with("ERR Function not found")) return ServerErrorKind::functionsMissing;
   if (error.starts_with("ERR unknown command")) return ServerErrorKind::functionsMissing;
   if (error.starts_with("ERR AUTH")) return ServerErrorKind::denied;
+  // What a function may not do has no code of its own.
+  if (error.starts_with("ERR The user executing the script can't")) return ServerErrorKind::denied;
   if (error.starts_with("ERR max number of clients")) return ServerErrorKind::trouble;
   return ServerErrorKind::refused;
 }

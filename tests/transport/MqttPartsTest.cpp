@@ -191,6 +191,8 @@ TEST(Diagnosis, givesOneSentenceForOneCauseHoweverItWasSeen) {
   Mishap reset{MOSQ_ERR_ERRNO, ECONNRESET, {}};
   reset.sawPeer = true;
   EXPECT_EQ(diagnosis(reset, options), refused);
+  reset.savedErrno = EPROTO;
+  EXPECT_EQ(diagnosis(reset, options), refused);
   Mishap closed{MOSQ_ERR_CONN_LOST, 0, {}};
   closed.handshakeDone = true;
   EXPECT_EQ(diagnosis(closed, options), refused);

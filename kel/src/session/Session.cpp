@@ -18,6 +18,7 @@ constexpr milliseconds presencePause{50};  // answers to many probes become one
 constexpr milliseconds probePause{100};
 constexpr milliseconds longestTick{500};
 constexpr std::chrono::seconds withdrawalLimit{1};
+constexpr std::string_view receivedOrPublished = "received or published";
 constexpr std::uint64_t withdrawalToken = ~std::uint64_t{0};
 constexpr std::uint64_t presenceToken = withdrawalToken - 1;
 constexpr std::uint64_t probeToken = withdrawalToken - 2;
@@ -28,9 +29,9 @@ std::string hostName() {
   return name.data();
 }
 
-std::string groupTrouble(std::string_view what, std::string_view failure) {
+std::string groupTrouble(std::string_view what, std::string_view failure, std::string_view lost) {
   return "the broker " + std::string(what) + (failure.empty() ? "" : ": " + std::string(failure)) +
-         "; without it nothing can be received or published";
+         "; without it nothing can be " + std::string(lost);
 }
 
 std::string codedOrEmpty(const std::string& name) {
@@ -404,7 +405,8 @@ void Session::published(std::uint64_t token, std::string_view failure) {
       presenceTaken_ = true;
       groupRefusals_.granted(topic);
     } else {
-      groupRefusals_.refused(topic, groupTrouble("refused the presence of this publisher", failure),
+      groupRefusals_.refused(topic,
+                             groupTrouble("refused the presence of this publisher", failure, "published"),
                              "to write " + topic, ports_.now);
     }
   } else {
@@ -423,8 +425,9 @@ void Session::subscribed(std::uint64_t token, std::string_view failure) {
     if (failure.empty()) {
       groupRefusals_.granted(filter);
     } else {
-      groupRefusals_.refused(filter, groupTrouble("refused the subscription to " + filter, failure),
-                             "to read " + filter, ports_.now);
+      groupRefusals_.refused(
+          filter, groupTrouble("refused the subscription to " + filter, failure, receivedOrPublished),
+          "to read " + filter, ports_.now);
     }
   } else {
     outbox_.subscribed(filter, failure);
@@ -471,7 +474,8 @@ void Session::askForGroupAgain() {
   if (link_ == LinkState::syncing && presenceTaken_ && ports_.now - upSince_ >= pause) {
     // What is refused in silence: taken, and never given back.
     groupRefusals_.refused("echo",
-                           groupTrouble("takes the presence of this publisher and does not give it back", {}),
+                           groupTrouble("takes the presence of this publisher and does not give it back", {},
+                                        receivedOrPublished),
                            "to read " + ports_.topics.allPublishers(), ports_.now);
   }
   if (groupRefusals_.due(ports_.now, pause).empty()) return;

@@ -252,6 +252,43 @@ TEST_F(ScriptedSession, ClaimsNothingBeforeItsOwnPresenceIsBack) {
   EXPECT_EQ(network->published.back().first, "kel/g/claim/x");
 }
 
+TEST_F(ScriptedSession, AsksAgainOnceAMinuteForWhatNeverCame) {
+  Listener silent;
+  Listener heard;
+  session->createSubscription("silent", &silent);
+  session->createSubscription("heard", &heard);
+  network->to->tick(t0);
+  network->to->up();
+  answerAll();
+  network->to->message("kel/g/publisher/me/m1", network->published[0].second, false);
+  answerAll();
+  network->to->message("kel/g/data/heard", LivenessTest::record(1, 1), true);
+  const auto asked = [&] {
+    return std::count_if(network->subscribed.begin(), network->subscribed.end(),
+                         [](const auto& entry) { return entry.first == "kel/g/data/silent"; });
+  };
+  network->to->tick(t0 + 59s);
+  EXPECT_EQ(asked(), 1);
+  network->to->tick(t0 + 60s);
+  network->to->tick(t0 + 61s);
+  EXPECT_EQ(asked(), 2);
+  EXPECT_EQ(network->subscribed.back().first, "kel/g/data/silent");
+}
+
+TEST_F(ScriptedSession, SaysThatItsPresenceDoesNotComeBackAndAsksForItAgain) {
+  network->to->tick(t0);
+  network->to->up();
+  answerAll();
+  network->to->published(network->tokens[0], "");
+  const auto before = network->subscribed.size();
+  ::testing::internal::CaptureStderr();
+  for (auto at = t0; at < t0 + 30s; at += 100ms) network->to->tick(at);
+  const std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+  EXPECT_NE(said.find("does not give it back"), std::string::npos);
+  EXPECT_GT(network->subscribed.size(), before);
+}
+
 TEST_F(ScriptedSession, TellsOfAClaimThatTheBrokerRefuses) {
   testing::Handler handler;
   KelPublication* publication = session->createPublication("x", &handler);

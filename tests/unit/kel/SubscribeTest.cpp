@@ -306,6 +306,18 @@ TEST_F(SubscribeTest, TellsOfASubscriptionThatTheBrokerRefuses) {
             Journal{"exception: the broker refused the subscription to secret: not authorised"});
 }
 
+TEST_F(SubscribeTest, SubscribesAgainUntilTheBrokerGrantsIt) {
+  broker->refuse("kel/g/data/plant/x", "not authorised");
+  subscribe();
+  listener.lines(1);
+  advance(30s);
+  EXPECT_EQ(listener.all().size(), 1U) << "told once, however often it was asked for";
+  send(publication, 1);
+  broker->refuse("kel/g/data/plant/x", "");
+  advance(11s);
+  EXPECT_EQ(listener.lines(3)[1], "connected");
+}
+
 TEST_F(SubscribeTest, ResendsTheLastRecordInOrderToOneSubscriptionAlone) {
   subscribe();
   Listener& second = newListener();

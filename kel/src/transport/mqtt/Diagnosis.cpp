@@ -18,7 +18,9 @@ bool holds(std::string_view text, std::string_view part) {
 /// The far end has gone away, whatever that looked like here.
 bool isGone(const Mishap& mishap) {
   if (mishap.code == MOSQ_ERR_CONN_LOST || holds(mishap.said, "unexpected eof")) return true;
-  return mishap.code == MOSQ_ERR_ERRNO && (mishap.savedErrno == ECONNRESET || mishap.savedErrno == EPIPE);
+  // EPROTO is the library's own for an end in the middle of TLS of which OpenSSL has nothing to say.
+  return mishap.code == MOSQ_ERR_ERRNO && (mishap.savedErrno == ECONNRESET || mishap.savedErrno == EPIPE ||
+                                           (mishap.savedErrno == EPROTO && mishap.said.empty()));
 }
 
 std::string authorities(const MqttOptions& options) {

@@ -249,6 +249,13 @@ void MqttConnection::open(const Endpoint& endpoint, TimePoint now) {
   check(mosquitto_connect_bind_async(handle_.get(), endpoint.host.c_str(), options_.port,
                                      static_cast<int>(std::max(keepAlive_, kShortestKeepAlive).count()),
                                      bindAddress));
+  keepTls();
+}
+
+void MqttConnection::keepTls() {
+  if (tls_) {
+    return;
+  }
   if (auto* const tls = static_cast<SSL*>(mosquitto_ssl_get(handle_.get()))) {
     SSL_up_ref(tls);
     tls_.reset(tls);
@@ -527,13 +534,13 @@ void MqttConnection::onSubscribe(struct mosquitto* /*handle*/, void* self, int m
 }
 
 void MqttConnection::onLog(struct mosquitto* /*handle*/, void* self, int level, const char* text) noexcept {
-  if (level == MOSQ_LOG_ERR) {
-    std::string& said = static_cast<MqttConnection*>(self)->said_;
-    if (said.size() > kMostSaid) {
-      return;
-    }
-    said.append(said.empty() ? "" : "; ").append(text);
+  auto& connection = *static_cast<MqttConnection*>(self);
+  // What the library makes and frees within one call is only seen from in here: it logs what it sends.
+  connection.keepTls();
+  if (level != MOSQ_LOG_ERR || connection.said_.size() > kMostSaid) {
+    return;
   }
+  connection.said_.append(connection.said_.empty() ? "" : "; ").append(text);
 }
 
 }  // namespace kel::mqtt

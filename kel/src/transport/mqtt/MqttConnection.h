@@ -87,6 +87,7 @@ class MqttConnection {
   bool configureTls(const MqttOptions& options);
   bool configureLogin(const MqttOptions& options);
   void check(int code);
+  void keepTls();
   [[nodiscard]] Mishap mishap(int code, int savedErrno) const;
   [[nodiscard]] std::string why(int code, int savedErrno) const;
   void end(std::string failure);

@@ -30,6 +30,8 @@ struct Counters {
   std::uint64_t backlogBytes = 0;  ///< estimated size of the backlog now
   std::uint64_t backlogBytesHigh = 0;
   std::uint64_t pendingHigh = 0;
+  std::uint64_t callsHigh = 0;  ///< most dpSetTimed calls between two dispatches: what an application that
+                                ///< writes all it has in every turn had waiting at most
   std::uint64_t deliveriesHigh = 0;  ///< most callbacks ever waiting for dispatch
   std::uint64_t storeLosses = 0;     ///< times that the store went away
 };

@@ -121,6 +121,7 @@ bool ManagerCore::deliverReady() {
 
 void ManagerCore::dispatch(std::chrono::microseconds atMost) {
   const TimePoint now = steadyNow()();
+  callsInTurn_ = 0;
   const bool delivered = deliverReady();
   if (!store_) {
     if (!delivered && atMost.count() > 0) {
@@ -184,6 +185,7 @@ bool ManagerCore::read(const DpIdentList& ids, WaitForAnswer* target) {
 bool ManagerCore::write(std::int64_t timeMs, const DpIdValueList& values) {
   WriteBuilder::Result result = builder_.build(timeMs, values);
   ++counters_.calls;
+  counters_.callsHigh = std::max(counters_.callsHigh, ++callsInTurn_);
   counters_.queued += values.getNumberOfItems();
   counters_.rejected += result.rejected;
   counters_.coalesced += result.overwritten;
@@ -345,6 +347,7 @@ void ManagerCore::beat(TimePoint now) {
                 {"backlogBytes", number(counters_.backlogBytes)},
                 {"backlogBytesHigh", number(counters_.backlogBytesHigh)},
                 {"pendingHigh", number(counters_.pendingHigh)},
+                {"callsHigh", number(counters_.callsHigh)},
                 {"deliveriesHigh", number(counters_.deliveriesHigh)},
                 {"storeLosses", number(counters_.storeLosses)}});
 }

@@ -71,6 +71,7 @@ class ManagerCore final : private StoreListener {
 
   ManagerIdentity identity_;
   Counters counters_;
+  std::uint64_t callsInTurn_ = 0;  ///< dpSetTimed calls since the last dispatch
   Catalogue catalogue_;
   Backlog backlog_;
   WriteBuilder builder_;

@@ -294,6 +294,21 @@ TEST_F(ManagerDeathTest, ExitEndsTheProcessAtOnceWithTheCode) {
   EXPECT_EXIT(Manager::exit(3), ::testing::ExitedWithCode(3), "");
 }
 
+TEST_F(ManagerTest, TheMostCallsBetweenTwoDispatchesAreCounted) {
+  start();
+  const auto write = [this](int calls) {
+    for (int i = 0; i < calls; ++i) set("A.x:_original.._value", FloatVar(i), 1);
+    long sec = 0;
+    long usec = 0;
+    Manager::dispatch(sec, usec);
+  };
+  write(2);
+  EXPECT_EQ(Manager::getCounters().callsHigh, 2U);
+  write(5);
+  write(3);
+  EXPECT_EQ(Manager::getCounters().callsHigh, 5U);
+}
+
 TEST_F(ManagerTest, TheHeartbeatShowsStateAndCounters) {
   start();
   set("A.x:_original.._value", FloatVar(1), 1);
@@ -302,7 +317,7 @@ TEST_F(ManagerTest, TheHeartbeatShowsStateAndCounters) {
   EXPECT_EQ(beat[0].first, "state");
   EXPECT_EQ(beat[0].second, "running");
   for (const char* name : {"queued", "confirmed", "resent", "coalesced", "dropped", "rejected", "pending",
-                           "hotLinks", "backlogBytesHigh", "pendingHigh", "storeLosses"}) {
+                           "hotLinks", "backlogBytesHigh", "pendingHigh", "callsHigh", "storeLosses"}) {
     EXPECT_TRUE(std::any_of(beat.begin(), beat.end(), [&](const auto& pair) { return pair.first == name; }))
         << name;
   }

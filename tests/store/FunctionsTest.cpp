@@ -79,7 +79,42 @@ TEST_F(Functions, SameClientSequenceIsAppliedOnce) {
   EXPECT_EQ(set("w", "5", "0", "1700", "", "A.f", "v2"), "0");
   EXPECT_EQ(set("w", "4", "0", "1700", "", "A.f", "v2"), "0");
   EXPECT_EQ(hash("A.f").front(), "1");
-  EXPECT_EQ(server.cli({"HGET", "dp:cli", "w"}), "5 1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("5 1 1 0 1 "));
+}
+
+TEST_F(Functions, CountsAttributesInTheStepThatAppliesOrRefusesThem) {
+  set("w", "1", "0", "1700", "", "A.f", "i01121v1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("1 1 4 0 1 "));
+  set("w", "2", "1", "1700", "", "A.f", "i1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("2 2 5 0 1 ")) << "a call without a value";
+  call({"dp_set", "0", "w", "", "3", "2", "1700", "", "A.f", "v2", "No.such", "i0v1"});
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("3 3 6 2 2 ")) << "one of two elements";
+  set("w", "4", "3", "1700", "", "No.such", "i0v1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("4 3 6 4 2 ")) << "refused whole";
+  set("w", "4", "3", "1700", "", "A.f", "i0v1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("4 3 6 4 2 ")) << "a duplicate";
+  set("w", "5", "4", "1800", "r", "A.f", "i0v1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("5 4 6 4 2 ")) << "restored, not new";
+}
+
+TEST_F(Functions, CountsOnFromAnEntryOfAnOlderLibrary) {
+  server.cli({"HSET", "dp:cli", "w", "7 6"});
+  set("w", "8", "7", "1700", "", "A.f", "v1");
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("8 7 1 0 1 "));
+}
+
+TEST_F(Functions, HelloTellsWhatIsCountedOfTheWriter) {
+  call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A"});
+  const std::string fresh = server.cli({"HGET", "dp:cli", "7.a"});
+  EXPECT_THAT(fresh, StartsWith("0 0 0 0 0 1"));
+  call({"dp_set", "0", "7.a", "7", "1", "0", "1700", "", "A.f", "i0v1", "No.such", "v1"});
+  const auto hello = lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A"}));
+  ASSERT_EQ(hello.size(), 6U);
+  EXPECT_EQ(hello[1], "1");
+  EXPECT_EQ(hello[4], "2");
+  EXPECT_EQ(hello[5], "1");
+  const std::string since = fresh.substr(fresh.rfind(' '));
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "7.a"}), testing::EndsWith(since)) << "when it came";
 }
 
 TEST_F(Functions, ClientSequencesCompareExactlyBeyondWhatADoubleHolds) {
@@ -150,7 +185,7 @@ TEST_F(Functions, WriteTakesAFreeLeaseUpAgain) {
 TEST_F(Functions, HelloGivesTheNumberToOneAtATime) {
   const auto first =
       lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A on host"}));
-  EXPECT_THAT(first, ElementsAre("1", "0", "1", testing::SizeIs(40)));
+  EXPECT_THAT(first, ElementsAre("1", "0", "1", testing::SizeIs(40), "0", "0"));
   const auto second =
       lines(call({"dp_hello", "0", "7.b", "7", "60000", "api", "host", "2", "v", "B on host"}));
   ASSERT_EQ(second.size(), 3U);

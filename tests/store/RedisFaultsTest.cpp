@@ -183,7 +183,7 @@ TEST(RedisFaults, NothingConfirmedIsLostWhenTheServerIsKilledAndRestarted) {
     }
   }));
   EXPECT_EQ(confirmedAtKill.size(), 2U);
-  EXPECT_EQ(server.cli({"HGET", "dp:cli", "7.a"}), "6000 6000") << "each applied exactly once";
+  EXPECT_EQ(server.cli({"HGET", "dp:cli", "7.a"}).substr(0, 10), "6000 6000 ") << "each applied exactly once";
   EXPECT_EQ(valueInStore(server), "6000");
   EXPECT_EQ(server.cli({"GET", "dp:seq"}), "6001");
   EXPECT_GE(probe.gaps.size(), 1U) << "another process answers, so everything is read again";
@@ -316,7 +316,7 @@ TEST(RedisFaults, FullMemoryIsWaitedForAndNothingBehindItSlipsThrough) {
   server.cli({"CONFIG", "SET", "maxmemory", "0"});
   ASSERT_TRUE(probe.untilUp(2));
   ASSERT_TRUE(writeAll(probe, 1, 2));
-  EXPECT_EQ(server.cli({"HGET", "dp:cli", "7.a"}), "2 2");
+  EXPECT_EQ(server.cli({"HGET", "dp:cli", "7.a"}).substr(0, 4), "2 2 ");
 }
 
 TEST(RedisFaults, RefusedWriteIsConfirmedAsSuchAndThoseBehindItPass) {

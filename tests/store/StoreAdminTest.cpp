@@ -323,6 +323,10 @@ TEST_F(Admin, StatisticsCountWhatEachWriterHadApplied) {
   EXPECT_EQ(all.log.boundBytes, bound);
   ASSERT_EQ(all.writers.size(), 1U);
   EXPECT_EQ(all.writers[0].applied, 2U);
+  EXPECT_EQ(all.writers[0].attributes, 4U) << "two values and the flags that they clear";
+  EXPECT_EQ(all.writers[0].refused, 0U);
+  EXPECT_EQ(all.writers[0].values, 2U);
+  EXPECT_GT(all.writers[0].sinceMs, 1600000000000);
   EXPECT_EQ(all.writers[0].lastClientSequence, 2U);
   EXPECT_GT(all.writers[0].lastUseMs, 1600000000000);
   EXPECT_EQ(failureOf([&] { admin.setLogBound(1000); }), StoreError::Kind::usage);

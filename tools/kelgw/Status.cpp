@@ -10,6 +10,7 @@
 #include "Command.h"
 #include "DpValue.h"
 #include "KelValue.h"
+#include "Status.h"
 #include "Times.h"
 
 namespace kelgw {
@@ -21,10 +22,18 @@ constexpr const char* footer =
     "that is alive and holds its number; 3 means that store or broker did not answer (the other one is "
     "shown).\n"
     "\n"
+    "With --ledger it says instead whether every value is accounted for, by publication and direction: it "
+    "looks\n"
+    "until two looks running are the same, and then compares what was published, received, written and "
+    "applied.\n"
+    "Exit code 0 balanced, 1 something is missing, 3 a server did not answer.\n"
+    "\n"
     "Examples:\n"
     "  kelgw status\n"
     "  kelgw status --window 5\n"
-    "  kelgw status --json | jq '.store.changesPerSecond'\n";
+    "  kelgw status --json | jq '.store.changesPerSecond'\n"
+    "  kelgw status --ledger\n"
+    "  kelgw status --ledger --settle 30 --json | jq '.balanced, .why'\n";
 
 struct StoreSide {
   std::string error;  ///< empty when it answered
@@ -391,9 +400,20 @@ void addStatus(CLI::App& parent, Chosen& chosen) {
       ->check(CLI::Range(0.0, 600.0))
       ->type_name("SECONDS")
       ->capture_default_str();
+  const auto ledger = std::make_shared<bool>(false);
+  const auto settle = std::make_shared<double>(10);
+  CLI::Option* const flag = command->add_flag("--ledger", *ledger, "Is every value accounted for?");
+  command->add_option("--settle", *settle, "Seconds to wait for traffic to end, with --ledger")
+      ->check(CLI::Range(0.0, 3600.0))
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->needs(flag);
   command->footer(footer);
-  command->callback(
-      [&chosen, window] { chosen.action = [window](Context& context) { return run(*window, context); }; });
+  command->callback([&chosen, window, ledger, settle] {
+    chosen.action = [window, ledger, settle](Context& context) {
+      return *ledger ? statusLedger(*settle, context) : run(*window, context);
+    };
+  });
 }
 
 }  // namespace kelgw

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <kel/KelData.h>
+#include <kel/KelLedger.h>
 
 /// One process run of a publisher, as its presence record tells.
 struct KelPublisherInfo {
@@ -58,11 +59,16 @@ class KelBrowser {
   /// everyone alive has answered, at most `limit`. False when the broker could not be reached; error() says
   /// why.
   bool look(std::chrono::milliseconds limit);
+  /// As look, and asks everyone alive for its ledger. Who does not answer within 2 s of the last answer has
+  /// none.
+  bool lookWithLedgers(std::chrono::milliseconds limit);
   [[nodiscard]] const std::string& error() const;
 
   /// What the last look saw, by name.
   [[nodiscard]] const std::vector<KelPublisherInfo>& publishers() const;
   [[nodiscard]] const std::vector<KelPublicationInfo>& publications() const;
+  /// Those that have come whole; only after lookWithLedgers.
+  [[nodiscard]] const std::vector<KelLedger>& ledgers() const;
 
  private:
   class Look;

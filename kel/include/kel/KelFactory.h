@@ -5,6 +5,7 @@
 
 #include <kel/KelCounters.h>
 #include <kel/KelData.h>
+#include <kel/KelLedger.h>
 #include <kel/KelPublication.h>
 #include <kel/KelPublicationErrorHandler.h>
 #include <kel/KelSubscription.h>
@@ -47,6 +48,10 @@ class KelFactory {
   [[nodiscard]] virtual KelCounters counters() const = 0;
   /// The counters of one publication, its subscriptions and its publishing side; zeros for a name not in use.
   [[nodiscard]] virtual KelCounters counters(const char* publication) const = 0;
+
+  /// The counters of every publication with the numbers of its records, all of one moment. Its columns add up
+  /// to what counters() says, but for listenerExceptions and reconnects.
+  [[nodiscard]] virtual KelLedger ledger() const = 0;
 
   /// This process run, as presence and records carry it.
   [[nodiscard]] virtual const char* incarnation() const = 0;

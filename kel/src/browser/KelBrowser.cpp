@@ -8,6 +8,7 @@
 #include "Sync.h"
 #include "data/RecordAccess.h"
 #include "session/ControlPayload.h"
+#include "session/LedgerPayload.h"
 #include "transport/MakeTransport.h"
 #include "wire/RecordCodec.h"
 #include "wire/Topics.h"
@@ -19,6 +20,8 @@ using Clock = std::chrono::steady_clock;
 
 /// How long those who are only known from what the broker kept have to answer the probe.
 constexpr std::chrono::milliseconds answerTime{400};
+/// How long a look waits for the next piece of somebody's ledger.
+constexpr std::chrono::seconds ledgerTime{2};
 
 /// What is seen of one publication before all is put together.
 struct Sighting {
@@ -30,8 +33,11 @@ struct Sighting {
 /// Listens to the whole group for the time of one look.
 class GroupListener final : public TransportListener {
  public:
-  GroupListener(KelTransport& transport, const TopicSpace& topics, std::string self)
-      : transport_(transport), topics_(topics), self_(std::move(self)) {}
+  GroupListener(KelTransport& transport, const TopicSpace& topics, std::string self, bool ledgers)
+      : transport_(transport),
+        topics_(topics),
+        ledgersWanted_(ledgers),
+        self_(ledgers ? std::move(self) + std::string(ledgerWanted) : std::move(self)) {}
 
   /// Waits for the end of the look; empty, or why it did not come about.
   std::string wait(Clock::time_point end) {
@@ -44,13 +50,21 @@ class GroupListener final : public TransportListener {
     const auto answered = std::min(end, Clock::now() + answerTime);
     while (anyUnconfirmed() && changed_.waitUntil(mutex_, answered)) {
     }
+    lastPiece_ = Clock::now();
+    while (anyLedgerDue() && changed_.waitUntil(mutex_, std::min(end, lastPiece_ + ledgerTime))) {
+    }
     return {};
   }
 
-  void results(std::vector<KelPublisherInfo>& publishers, std::vector<KelPublicationInfo>& publications) {
+  void results(std::vector<KelPublisherInfo>& publishers, std::vector<KelPublicationInfo>& publications,
+               std::vector<KelLedger>& ledgers) {
     const MutexLock lock(mutex_);
     publishers.clear();
     publications.clear();
+    ledgers.clear();
+    for (const auto& [peer, collector] : ledgers_) {
+      if (collector.ledger()) ledgers.push_back(*collector.ledger());
+    }
     for (const auto& [peer, info] : peers_) publishers.push_back(info);
     for (const auto& [name, sighting] : publications_)
       publications.push_back(publicationInfo(name, sighting));
@@ -64,6 +78,7 @@ class GroupListener final : public TransportListener {
     transport_.subscribe(topics_.allClaims(), 0, 2);
     transport_.subscribe(topics_.allData(), 0, 3);
     transport_.subscribe(topics_.probe(), 0, 4);
+    if (ledgersWanted_) transport_.subscribe(topics_.allLedgers(), 1, 6);
     OutgoingMessage probe;
     probe.topic = topics_.probe();
     probe.payload = std::make_shared<const std::string>(self_);
@@ -99,6 +114,9 @@ class GroupListener final : public TransportListener {
         break;
       case TopicKind::data:
         data(*parsed, payload);
+        break;
+      case TopicKind::ledger:
+        ledger(*parsed, payload);
         break;
     }
     changed_.notifyAll();
@@ -148,6 +166,23 @@ class GroupListener final : public TransportListener {
     sighting.bytes = payload.size();
   }
 
+  void ledger(const ParsedTopic& topic, std::string_view payload) KEL_REQUIRES(mutex_) {
+    auto piece = decodeLedgerPiece(payload);
+    // Who speaks for somebody else is not heard.
+    if (!piece || piece->publisher != PublisherId{topic.name, topic.incarnation}) return;
+    ledgers_[piece->publisher.text()].add(std::move(*piece));
+    lastPiece_ = Clock::now();
+  }
+
+  [[nodiscard]] bool anyLedgerDue() const KEL_REQUIRES(mutex_) {
+    return ledgersWanted_ && std::any_of(peers_.begin(), peers_.end(), [this](const auto& peer) {
+             const MutexHeld held(mutex_);
+             const auto at = ledgers_.find(peer.first);
+             return peer.second.liveness == KelPublisherInfo::Liveness::alive &&
+                    (at == ledgers_.end() || !at->second.ledger());
+           });
+  }
+
   [[nodiscard]] bool anyUnconfirmed() const KEL_REQUIRES(mutex_) {
     return std::any_of(peers_.begin(), peers_.end(), [](const auto& peer) {
       return peer.second.liveness == KelPublisherInfo::Liveness::unconfirmed;
@@ -187,14 +222,17 @@ class GroupListener final : public TransportListener {
 
   KelTransport& transport_;
   const TopicSpace& topics_;
-  const std::string self_;
-  Mutex mutex_;
+  const bool ledgersWanted_;
+  const std::string self_;  ///< what the probe says
+  mutable Mutex mutex_;
   Condition changed_;
   bool synced_ KEL_GUARDED_BY(mutex_) = false;
   std::string reason_ KEL_GUARDED_BY(mutex_);
   std::string refusal_ KEL_GUARDED_BY(mutex_);
   std::map<std::string, KelPublisherInfo> peers_ KEL_GUARDED_BY(mutex_);
   std::map<std::string, Sighting> publications_ KEL_GUARDED_BY(mutex_);
+  std::map<std::string, LedgerCollector> ledgers_ KEL_GUARDED_BY(mutex_);
+  Clock::time_point lastPiece_ KEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -206,6 +244,9 @@ class KelBrowser::Look {
   std::string error;
   std::vector<KelPublisherInfo> publishers;
   std::vector<KelPublicationInfo> publications;
+  std::vector<KelLedger> ledgers;
+
+  bool take(std::chrono::milliseconds limit, bool withLedgers);
 };
 
 KelBrowser::KelBrowser(const std::string& url) : look_(std::make_unique<Look>()) {
@@ -217,24 +258,31 @@ KelBrowser::KelBrowser(const std::string& url) : look_(std::make_unique<Look>())
 
 KelBrowser::~KelBrowser() = default;
 
-bool KelBrowser::look(std::chrono::milliseconds limit) {
+bool KelBrowser::Look::take(std::chrono::milliseconds limit, bool withLedgers) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  look_->error.clear();
-  auto transport = kel::makeTransport(look_->url, look_->error);
+  error.clear();
+  auto transport = kel::makeTransport(url, error);
   if (!transport) return false;
-  const kel::TopicSpace topics(look_->url.group);
+  const kel::TopicSpace topics(url.group);
   const std::string self = "browser-" + kel::randomIncarnation();
-  kel::GroupListener listener(*transport, topics, self);
+  kel::GroupListener listener(*transport, topics, self, withLedgers);
   kel::TransportIdentity identity;
   identity.clientId = self;
   // A will is due; this one clears a topic that never holds anything.
   identity.will.topic = topics.publisher("browser", self);
   identity.will.payload = std::make_shared<const std::string>();
   transport->start(listener, identity);
-  look_->error = listener.wait(end);
+  error = listener.wait(end);
   transport->stop(true);
-  listener.results(look_->publishers, look_->publications);
-  return look_->error.empty();
+  listener.results(publishers, publications, ledgers);
+  return error.empty();
+}
+
+bool KelBrowser::look(std::chrono::milliseconds limit) {
+  return look_->take(limit, false);
+}
+bool KelBrowser::lookWithLedgers(std::chrono::milliseconds limit) {
+  return look_->take(limit, true);
 }
 
 const std::string& KelBrowser::error() const {
@@ -245,4 +293,7 @@ const std::vector<KelPublisherInfo>& KelBrowser::publishers() const {
 }
 const std::vector<KelPublicationInfo>& KelBrowser::publications() const {
   return look_->publications;
+}
+const std::vector<KelLedger>& KelBrowser::ledgers() const {
+  return look_->ledgers;
 }

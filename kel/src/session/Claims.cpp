@@ -195,7 +195,7 @@ void Outbox::lose(Name& name, std::string_view winner, bool confirmed, std::stri
   name.mustClose = false;
   const auto& active = name.handles.front();
   queue_.setReady(active, false);
-  queue_.trim(*active, 1, [&](const OutgoingRecord& record) { superseded(name, record); });
+  queue_.trim(*active, 1, [&](const OutgoingRecord& record) { superseded(*name.book, record); });
   tellLoss(name);
 }
 

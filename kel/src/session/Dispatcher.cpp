@@ -10,6 +10,13 @@ namespace {
 /// More than this many changes of connection waiting for one listener are not worth telling one by one.
 constexpr std::size_t mostControlEvents = 100;
 
+/// Where what is counted in this tally stands now.
+HandOffTally& standing(HandOffTally& tally) {
+  HandOffTally* last = &tally;
+  while (last->into) last = last->into.get();
+  return *last;
+}
+
 std::string whatIsThrown() {
   try {
     throw;
@@ -30,10 +37,21 @@ Dispatcher::~Dispatcher() {
 }
 
 void Dispatcher::drop(HandOffTally& tally, std::int64_t HandOffTally::*counter) {
-  --tally.pending;
+  HandOffTally& counts = standing(tally);
+  --counts.pending;
   --total_.pending;
-  ++(tally.*counter);
+  ++(counts.*counter);
   ++(total_.*counter);
+}
+
+void Dispatcher::fold(const std::shared_ptr<HandOffTally>& from, const std::shared_ptr<HandOffTally>& into) {
+  const MutexLock lock(mutex_);
+  into->delivered += from->delivered;
+  into->superseded += from->superseded;
+  into->discarded += from->discarded;
+  into->pending += from->pending;
+  into->exceptions += from->exceptions;
+  from->into = into;
 }
 
 bool Dispatcher::foldsAway(Target& target, const Event& event) {
@@ -51,28 +69,28 @@ void Dispatcher::post(const std::shared_ptr<Target>& target, Event event) {
   const MutexLock lock(mutex_);
   if (stopping_) {
     if (event.droppable) {
-      ++target->tally->discarded;
+      ++standing(*event.tally).discarded;
       ++total_.discarded;
     }
     return;
   }
   if (foldsAway(*target, event)) return;
   if (event.droppable) {
-    ++target->tally->pending;
+    ++standing(*event.tally).pending;
     ++total_.pending;
   }
-  queue_.push(target, std::move(event), [&](const Event&) {
+  queue_.push(target, std::move(event), [&](const Event& old) {
     const MutexHeld held(mutex_);
-    drop(*target->tally, &HandOffTally::superseded);
+    drop(*old.tally, &HandOffTally::superseded);
   });
   if (idle_) wake_.notifyOne();
 }
 
 void Dispatcher::cancel(Target& target) {
   const MutexLock lock(mutex_);
-  queue_.clear(target, [&](const Event&) {
+  queue_.clear(target, [&](const Event& waiting) {
     const MutexHeld held(mutex_);
-    drop(*target.tally, &HandOffTally::discarded);
+    drop(*waiting.tally, &HandOffTally::discarded);
   });
   if (std::this_thread::get_id() == threadId_) return;
   while (running_ == &target) finished_.wait(mutex_);
@@ -88,7 +106,7 @@ void Dispatcher::stop() {
   if (thread_.joinable()) thread_.join();
   const MutexLock lock(mutex_);
   while (auto next = queue_.pop()) {
-    if (next->second.droppable) drop(*next->first->tally, &HandOffTally::discarded);
+    if (next->second.droppable) drop(*next->second.tally, &HandOffTally::discarded);
   }
 }
 
@@ -130,7 +148,7 @@ void Dispatcher::run() {
       ++target->tally->exceptions;
       ++total_.exceptions;
     }
-    if (event.droppable) drop(*target->tally, &HandOffTally::delivered);
+    if (event.droppable) drop(*event.tally, &HandOffTally::delivered);
     running_ = nullptr;
     finished_.notifyAll();
   }

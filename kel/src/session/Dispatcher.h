@@ -19,27 +19,6 @@
 
 namespace kel {
 
-struct Event {
-  enum class Kind : std::uint8_t { connected, disconnected, record, exception };
-  Kind kind = Kind::record;
-  bool droppable = false;  ///< records only
-  std::size_t bytes = 0;
-  std::shared_ptr<Record> record;
-  std::string text;  ///< reason
-
-  static Event connected() { return {Kind::connected, false, 0, nullptr, {}}; }
-  static Event disconnected(std::string reason) {
-    return {Kind::disconnected, false, 0, nullptr, std::move(reason)};
-  }
-  static Event exception(std::string reason) {
-    return {Kind::exception, false, 0, nullptr, std::move(reason)};
-  }
-  static Event data(std::shared_ptr<Record> record) {
-    const std::size_t bytes = record->memoryBytes();
-    return {Kind::record, true, bytes, std::move(record), {}};
-  }
-};
-
 /// What became of the records handed off for one publication.
 struct HandOffTally {
   std::int64_t delivered = 0;
@@ -47,6 +26,29 @@ struct HandOffTally {
   std::int64_t discarded = 0;
   std::int64_t pending = 0;
   std::int64_t exceptions = 0;
+  std::shared_ptr<HandOffTally> into;  ///< everything of this one is counted there
+};
+
+struct Event {
+  enum class Kind : std::uint8_t { connected, disconnected, record, exception };
+  Kind kind = Kind::record;
+  bool droppable = false;  ///< records only
+  std::size_t bytes = 0;
+  std::shared_ptr<Record> record;
+  std::string text;                     ///< reason
+  std::shared_ptr<HandOffTally> tally;  ///< of a record: where it is counted
+
+  static Event connected() { return {Kind::connected, false, 0, nullptr, {}, nullptr}; }
+  static Event disconnected(std::string reason) {
+    return {Kind::disconnected, false, 0, nullptr, std::move(reason), nullptr};
+  }
+  static Event exception(std::string reason) {
+    return {Kind::exception, false, 0, nullptr, std::move(reason), nullptr};
+  }
+  static Event data(std::shared_ptr<Record> record, std::shared_ptr<HandOffTally> tally) {
+    const std::size_t bytes = record->memoryBytes();
+    return {Kind::record, true, bytes, std::move(record), {}, std::move(tally)};
+  }
 };
 
 /// Somebody who is called back. Its lane and tally are guarded by the dispatcher.
@@ -60,7 +62,7 @@ class Target {
   virtual void deliver(const Event& event) = 0;
 
   Lane<Event> lane;
-  std::shared_ptr<HandOffTally> tally = std::make_shared<HandOffTally>();
+  std::shared_ptr<HandOffTally> tally = std::make_shared<HandOffTally>();  ///< of what it throws
 };
 
 class Dispatcher {
@@ -75,6 +77,10 @@ class Dispatcher {
   void cancel(Target& target) KEL_EXCLUDES(mutex_);
   /// Ends the thread after the running callback; everything that waited is discarded.
   void stop() KEL_EXCLUDES(mutex_);
+
+  /// Adds one tally to another; what still becomes of its records is counted there too.
+  void fold(const std::shared_ptr<HandOffTally>& from, const std::shared_ptr<HandOffTally>& into)
+      KEL_EXCLUDES(mutex_);
 
   [[nodiscard]] HandOffTally total() const KEL_EXCLUDES(mutex_);
   [[nodiscard]] HandOffTally of(const HandOffTally& tally) const KEL_EXCLUDES(mutex_);

@@ -9,7 +9,6 @@
 namespace kel {
 namespace {
 
-constexpr std::size_t rememberedRuns = 4;
 constexpr std::chrono::minutes complaintPause{1};
 // Brokers there are that take every subscription and withhold what may not be read. When the right is granted
 // later, what was kept does not come by itself.
@@ -19,6 +18,8 @@ constexpr std::chrono::minutes silencePause{1};
 
 /// One subscribed topic.
 struct InboxTopic {
+  explicit InboxTopic(Dispatcher& dispatcher) : books(dispatcher) {}
+
   std::string publication;
   std::string topic;
   SubscriptionState state = SubscriptionState::waiting;
@@ -27,11 +28,9 @@ struct InboxTopic {
   bool unheard = false;   ///< disconnected because `publisher` was not heard of in time
   std::shared_ptr<Record> last;
   std::shared_ptr<Record> held;
-  /// The last count seen of each process run, the latest first.
-  std::vector<std::pair<std::string, std::int64_t>> sequences;
+  ReceiveBook books;
   std::vector<std::shared_ptr<SubscriptionHandle>> subscriptions;
-  std::shared_ptr<HandOffTally> tally = std::make_shared<HandOffTally>();
-  KelCounters counters;
+  std::shared_ptr<HandOffTally> tally = std::make_shared<HandOffTally>();  ///< of what listeners throw
   std::optional<PeerTable::Time> complained;
   std::int64_t unsaid = 0;
 };
@@ -75,9 +74,9 @@ void SubscriptionHandle::deliver(const Event& event) {
 Inbox::Inbox(SessionPorts& ports) : ports_(ports) {}
 Inbox::~Inbox() = default;
 
-void Inbox::count(Topic& topic, std::int64_t KelCounters::*counter, std::int64_t number) {
-  topic.counters.*counter += number;
-  total_.*counter += number;
+void Inbox::count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_t number) {
+  addCapped(book.counters.*counter, number);
+  addCapped(total_.*counter, number);
 }
 
 void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
@@ -91,7 +90,7 @@ void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
   const std::string filter = ports_.topics.data(*coded);
   auto& slot = topics_[filter];
   if (!slot) {
-    slot = std::make_unique<Topic>();
+    slot = std::make_unique<Topic>(ports_.dispatcher);
     slot->publication = handle->name();
     slot->topic = filter;
     ports_.subscribes.request(filter, ports_.qos);
@@ -110,7 +109,8 @@ void Inbox::remove(SubscriptionHandle& handle) {
   handle.topic = nullptr;
   std::erase_if(topic.subscriptions, [&](const auto& other) { return other.get() == &handle; });
   if (!topic.subscriptions.empty()) return;
-  discardHeld(topic);
+  endHeld(topic, &KelCounters::discarded);
+  topic.books.each([&](RunBook& book) { released_.take(book, ports_.dispatcher); });
   refusals_.forget(topic.topic);
   ports_.subscribes.cancel(topic.topic);
   topics_.erase(topics_.find(topic.topic));
@@ -118,8 +118,9 @@ void Inbox::remove(SubscriptionHandle& handle) {
 
 void Inbox::resend(SubscriptionHandle& handle) {
   if (handle.topic == nullptr || !handle.topic->last) return;
-  count(*handle.topic, &KelCounters::resends);
-  ports_.dispatcher.post(handle.shared_from_this(), Event::data(handle.topic->last));
+  RunBook& book = handle.topic->books.existing(handle.topic->last->publisher);
+  count(book, &KelCounters::resends);
+  ports_.dispatcher.post(handle.shared_from_this(), Event::data(handle.topic->last, book.handOff));
 }
 
 void Inbox::linkUp() {
@@ -137,7 +138,7 @@ void Inbox::linkUp() {
 void Inbox::linkDown(std::string_view reason) {
   refusals_.linkDown();
   for (auto& [filter, topic] : topics_) {
-    discardHeld(*topic);
+    endHeld(*topic, &KelCounters::discarded);
     disconnect(*topic, reason);
     topic->last.reset();
     topic->unheard = false;
@@ -174,13 +175,14 @@ void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const
   Topic& topic = *at->second;
   topic.silent = false;
   if (!error.empty()) {
-    count(topic, &KelCounters::received);
-    count(topic, &KelCounters::decodeErrors);
+    RunBook& nobody = topic.books.of({});
+    nobody.arrived(0);
+    count(nobody, &KelCounters::received);
+    count(nobody, &KelCounters::decodeErrors);
     complain(topic, error);
   } else if (record == nullptr) {
     closed(topic);
   } else {
-    count(topic, &KelCounters::received);
     arrived(topic, std::move(record));
   }
 }
@@ -197,67 +199,52 @@ void Inbox::complain(Topic& topic, const std::string& error) {
 
 void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record) {
   const std::string_view publisher = record->publisher;
+  RunBook& book = topic.books.of(publisher);
+  count(book, &KelCounters::received);
+  count(book, &KelCounters::gaps, book.arrived(publisher.empty() ? 0 : record->sequence));
   const bool current = topic.state == SubscriptionState::connected && topic.publisher == publisher;
   if (publisher.empty() || current || ports_.peers.alive(publisher)) {
-    take(topic, record);
+    take(topic, book, record);
   } else {
-    hold(topic, std::move(record));
+    hold(topic, book, std::move(record));
   }
 }
 
-void Inbox::hold(Topic& topic, std::shared_ptr<Record> record) {
-  const std::string_view publisher = record->publisher;
-  std::int64_t known = 0;
-  for (const auto& [run, sequence] : topic.sequences) {
-    if (run == publisher) known = sequence;
+void Inbox::hold(Topic& topic, RunBook& book, std::shared_ptr<Record> record) {
+  std::int64_t known = book.taken;
+  if (topic.held && std::string_view(topic.held->publisher) == record->publisher) {
+    known = std::max(known, topic.held->sequence);
   }
-  if (topic.held && topic.held->publisher == publisher) known = std::max(known, topic.held->sequence);
   if (record->sequence != 0 && record->sequence < known) {
-    count(topic, &KelCounters::repeated);
+    count(book, &KelCounters::repeated);
     return;
   }
-  if (topic.held) {
-    count(topic, &KelCounters::held, -1);
-    count(topic, &KelCounters::superseded);
-  }
-  count(topic, &KelCounters::held);
+  endHeld(topic, &KelCounters::superseded);
+  count(book, &KelCounters::held);
   topic.held = std::move(record);
 }
 
-void Inbox::discardHeld(Topic& topic) {
+/// What was held, if anything, ends in this way.
+void Inbox::endHeld(Topic& topic, std::int64_t KelCounters::*counter) {
   if (!topic.held) return;
+  RunBook& book = topic.books.existing(topic.held->publisher);
   topic.held.reset();
-  count(topic, &KelCounters::held, -1);
-  count(topic, &KelCounters::discarded);
+  count(book, &KelCounters::held, -1);
+  count(book, counter);
 }
 
-bool Inbox::inSequence(Topic& topic, const Record& record, bool first) {
-  const std::string_view run = record.publisher;
-  if (run.empty() || record.sequence == 0) return true;
-  auto& known = topic.sequences;
-  auto at = std::find_if(known.begin(), known.end(), [&](const auto& entry) { return entry.first == run; });
-  if (at == known.end()) {
-    if (known.size() == rememberedRuns) known.pop_back();
-    known.emplace(known.begin(), run, record.sequence);
-    return true;
-  }
-  std::rotate(known.begin(), at, at + 1);
-  std::int64_t& last = known.front().second;
-  if (record.sequence < last || (record.sequence == last && !first)) return false;
-  if (record.sequence > last + 1) count(topic, &KelCounters::gaps, record.sequence - last - 1);
-  last = record.sequence;
-  return true;
-}
-
-void Inbox::take(Topic& topic, const std::shared_ptr<Record>& record) {
+void Inbox::take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& record) {
   const std::string_view publisher = record->publisher;
   const bool foreign = publisher.empty();
   const SubscriptionState next = foreign ? SubscriptionState::connectedForeign : SubscriptionState::connected;
-  // A count that is not beyond the last one is news only when the record is the first since (re)connecting.
-  const bool first = topic.last == nullptr || topic.last->publisher != publisher;
-  if (!inSequence(topic, *record, first)) {
-    count(topic, &KelCounters::repeated);
-    return;
+  if (!foreign && record->sequence != 0) {
+    // A count that is not beyond the last one is news only when the record is the first since (re)connecting.
+    const bool first = topic.last == nullptr || topic.last->publisher != publisher;
+    if (book.taken != 0 && (record->sequence < book.taken || (record->sequence == book.taken && !first))) {
+      count(book, &KelCounters::repeated);
+      return;
+    }
+    book.taken = record->sequence;
   }
   if (record->quality == -1) {
     disconnect(topic, *record->reason == '\0' ? "the publication has no value" : record->reason);
@@ -273,16 +260,16 @@ void Inbox::take(Topic& topic, const std::shared_ptr<Record>& record) {
   topic.unheard = false;
   topic.last = record;
   for (std::size_t i = 0; i < topic.subscriptions.size(); ++i) {
-    if (i > 0) count(topic, &KelCounters::resends);
-    ports_.dispatcher.post(topic.subscriptions[i], Event::data(record));
+    if (i > 0) count(book, &KelCounters::resends);
+    ports_.dispatcher.post(topic.subscriptions[i], Event::data(record, book.handOff));
   }
 }
 
 void Inbox::closed(Topic& topic) {
-  discardHeld(topic);
+  endHeld(topic, &KelCounters::discarded);
   disconnect(topic, "the publication is closed");
   topic.last.reset();
-  topic.sequences.clear();
+  topic.books.closed();
   topic.publisher.clear();
   topic.unheard = false;
 }
@@ -300,8 +287,9 @@ void Inbox::peerAlive(std::string_view peer) {
   for (auto& [filter, topic] : topics_) {
     if (topic->held && topic->held->publisher == peer) {
       const std::shared_ptr<Record> record = std::exchange(topic->held, nullptr);
-      count(*topic, &KelCounters::held, -1);
-      take(*topic, record);
+      RunBook& book = topic->books.existing(peer);
+      count(book, &KelCounters::held, -1);
+      take(*topic, book, record);
     } else if (topic->unheard && topic->publisher == peer) {
       // It never knew that it was taken for gone, so it will not send again: the broker has its last record.
       topic->unheard = false;
@@ -318,21 +306,36 @@ void Inbox::peerGone(std::string_view peer, std::string_view reason, bool withdr
     }
     if (withdrawn && topic->publisher == peer) topic->unheard = false;
     // When it comes back it sends its last record again; what was kept is older than that.
-    if (withdrawn && topic->held && topic->held->publisher == peer) discardHeld(*topic);
+    if (withdrawn && topic->held && topic->held->publisher == peer) endHeld(*topic, &KelCounters::discarded);
   }
 }
 
 void Inbox::addCounters(std::string_view publication, KelCounters& counters) const {
   for (const auto& [filter, topic] : topics_) {
     if (topic->publication != publication) continue;
-    const HandOffTally handOff = ports_.dispatcher.of(*topic->tally);
-    counters = topic->counters;
-    counters.delivered += handOff.delivered;
-    counters.superseded += handOff.superseded;
-    counters.discarded += handOff.discarded;
-    counters.pending += handOff.pending;
-    counters.listenerExceptions += handOff.exceptions;
+    counters = KelCounters();
+    topic->books.each([&](const RunBook& book) {
+      addReceived(counters, book.counters);
+      addHandOff(counters, ports_.dispatcher.of(*book.handOff));
+    });
+    counters.listenerExceptions = ports_.dispatcher.of(*topic->tally).exceptions;
   }
+}
+
+std::vector<KelReceived> Inbox::ledger() const {
+  std::vector<const Topic*> topics;
+  topics.reserve(topics_.size());
+  for (const auto& [filter, topic] : topics_) topics.push_back(topic.get());
+  std::sort(topics.begin(), topics.end(),
+            [](const Topic* a, const Topic* b) { return a->publication < b->publication; });
+  std::vector<KelReceived> rows;
+  for (const Topic* topic : topics) {
+    topic->books.each(
+        [&](const RunBook& book) { rows.push_back(book.row(topic->publication, ports_.dispatcher)); });
+  }
+  KelReceived released = released_.row({}, ports_.dispatcher);
+  if (released.counters.received + released.counters.resends != 0) rows.push_back(std::move(released));
+  return rows;
 }
 
 }  // namespace kel

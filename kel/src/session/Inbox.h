@@ -18,6 +18,7 @@
 
 #include "kel/KelCounters.h"
 #include "kel/KelFactory.h"
+#include "session/ReceiveBook.h"
 #include "session/Refusals.h"
 #include "session/SessionPorts.h"
 
@@ -76,15 +77,16 @@ class Inbox {
   [[nodiscard]] KelCounters total() const { return total_; }
   /// Adds the receiving counters of one publication.
   void addCounters(std::string_view publication, KelCounters& counters) const;
+  /// Every book as a row, by publication.
+  [[nodiscard]] std::vector<KelReceived> ledger() const;
 
  private:
   using Topic = InboxTopic;
-  void count(Topic& topic, std::int64_t KelCounters::*counter, std::int64_t number = 1);
+  void count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_t number = 1);
   void arrived(Topic& topic, std::shared_ptr<Record> record);
-  void hold(Topic& topic, std::shared_ptr<Record> record);
-  void discardHeld(Topic& topic);
-  void take(Topic& topic, const std::shared_ptr<Record>& record);
-  bool inSequence(Topic& topic, const Record& record, bool first);
+  void hold(Topic& topic, RunBook& book, std::shared_ptr<Record> record);
+  void endHeld(Topic& topic, std::int64_t KelCounters::*counter);
+  void take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& record);
   void closed(Topic& topic);
   void disconnect(Topic& topic, std::string_view reason);
   void complain(Topic& topic, const std::string& error);
@@ -93,6 +95,7 @@ class Inbox {
   TextMap<std::unique_ptr<Topic>> topics_;
   Refusals refusals_{"the broker grants the subscriptions that it refused"};
   PeerTable::Time askedSilent_;
+  RunBook released_;  ///< the sum of what is not subscribed any more
   KelCounters total_;
 };
 

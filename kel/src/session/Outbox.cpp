@@ -10,6 +10,8 @@ namespace kel {
 namespace {
 
 constexpr std::size_t mostInFlight = 200;
+/// So many destroyed publications are known by name.
+constexpr std::size_t rememberedClosed = 256;
 
 /// Hands the library's complaints to the application's handler.
 class HandlerTarget final : public Target {
@@ -43,15 +45,16 @@ Outbox::Outbox(SessionPorts& ports, std::size_t mostRecords, std::size_t mostByt
 
 Outbox::~Outbox() = default;
 
-void Outbox::count(Name& name, std::int64_t KelCounters::*counter, std::int64_t number) {
-  name.counters.*counter += number;
+void Outbox::count(SendBook& book, std::int64_t KelCounters::*counter, std::int64_t number) {
+  SendBook& standing = book.into ? *book.into : book;
+  standing.row.counters.*counter += number;
   total_.*counter += number;
 }
 
-void Outbox::superseded(Name& name, const OutgoingRecord& record) {
+void Outbox::superseded(SendBook& book, const OutgoingRecord& record) {
   if (!record.counted) return;
-  count(name, &KelCounters::outgoingPending, -1);
-  count(name, &KelCounters::outgoingSuperseded);
+  count(book, &KelCounters::outgoingPending, -1);
+  count(book, &KelCounters::outgoingSuperseded);
 }
 
 void Outbox::tell(const PublicationHandle& handle, const std::string& text) {
@@ -66,9 +69,12 @@ void Outbox::add(const std::shared_ptr<PublicationHandle>& handle) {
     return;
   }
   auto& slot = names_[*coded];
-  if (!slot) slot = std::make_unique<Name>(handle->publication(), *coded);
+  if (!slot) {
+    slot = std::make_unique<Name>(handle->publication(), *coded, openBook(handle->publication(), *coded));
+  }
   Name& name = *slot;
   handle->name = &name;
+  handle->book = name.book;
   name.handles.push_back(handle);
   if (name.handles.size() > 1) {
     tell(*handle, "publication " + name.publication + " is already published by this process");
@@ -81,7 +87,7 @@ void Outbox::remove(PublicationHandle& handle) {
   if (handle.name == nullptr) return;
   Name& name = *std::exchange(handle.name, nullptr);
   const bool wasActive = name.handles.front().get() == &handle;
-  queue_.clear(handle, [&](const OutgoingRecord& record) { superseded(name, record); });
+  queue_.clear(handle, [&](const OutgoingRecord& record) { superseded(*name.book, record); });
   std::erase_if(name.handles, [&](const auto& other) { return other.get() == &handle; });
   if (!wasActive) return;
   if (!name.handles.empty()) {
@@ -104,7 +110,35 @@ void Outbox::removeName(Name& name) {
   recordRefusals_.forget(name.coded);
   if (name.claimSubscribed) ports_.subscribes.cancel(ports_.topics.claim(name.coded));
   // What is still under way keeps its handle, which has lost its name.
+  closeBook(name.book);
   names_.erase(names_.find(name.coded));
+}
+
+std::shared_ptr<SendBook> Outbox::openBook(const std::string& publication, const std::string& coded) {
+  const auto at = std::find_if(closed_.begin(), closed_.end(),
+                               [&](const auto& book) { return book->publication == coded; });
+  if (at != closed_.end()) {
+    std::shared_ptr<SendBook> book = std::move(*at);
+    closed_.erase(at);
+    return book;
+  }
+  auto book = std::make_shared<SendBook>();
+  book->publication = coded;
+  book->row.publication = publication;
+  return book;
+}
+
+void Outbox::closeBook(const std::shared_ptr<SendBook>& book) {
+  closed_.push_back(book);
+  if (closed_.size() <= rememberedClosed) return;
+  SendBook& oldest = *closed_.front();
+  forgotten_->row.last += oldest.row.last;
+  for (const auto counter : {&KelCounters::sends, &KelCounters::acknowledged, &KelCounters::refused,
+                             &KelCounters::outgoingSuperseded, &KelCounters::outgoingPending}) {
+    forgotten_->row.counters.*counter += oldest.row.counters.*counter;
+  }
+  oldest.into = forgotten_;
+  closed_.pop_front();
 }
 
 std::uint64_t Outbox::publishControl(const std::string& topic, std::string payload) {
@@ -149,22 +183,25 @@ EncodedRecord Outbox::badRecord(PublicationHandle& handle, std::string_view reas
 void Outbox::send(PublicationHandle& handle, EncodedRecord record, bool isGood) {
   if (handle.name == nullptr) return;
   Name& name = *handle.name;
-  count(name, &KelCounters::sends);
+  SendBook& book = *name.book;
+  count(book, &KelCounters::sends);
+  ++book.row.last;
   if (record.bytes.size() + 32 > largestPayload) {
-    count(name, &KelCounters::refused);
+    count(book, &KelCounters::refused);
     tell(handle, "a record of " + std::to_string(record.bytes.size()) +
                      " bytes is too large for publication " + name.publication);
     return;
   }
-  appendSequence(record.bytes, ++name.sequence);
+  appendSequence(record.bytes, book.row.last);
   if (isGood) handle.everSent = true;
   handle.fieldsBegin = record.fieldsBegin;
   handle.fieldsEnd = record.fieldsEnd;
   handle.last = std::make_shared<const std::string>(std::move(record.bytes));
-  count(name, &KelCounters::outgoingPending);
+  handle.lastSequence = book.row.last;
+  count(book, &KelCounters::outgoingPending);
   const auto owner = handle.shared_from_this();
-  const auto dropped = [&](const OutgoingRecord& old) { superseded(name, old); };
-  queue_.push(owner, {handle.last->size(), true, true, handle.last}, dropped);
+  const auto dropped = [&](const OutgoingRecord& old) { superseded(book, old); };
+  queue_.push(owner, {handle.last->size(), true, true, handle.lastSequence, handle.last}, dropped);
   const bool active = name.handles.front().get() == &handle;
   // Who does not own the name keeps its last record and nothing else.
   if (!active || name.state == PublicationState::waiting) queue_.trim(handle, 1, dropped);
@@ -174,7 +211,8 @@ void Outbox::send(PublicationHandle& handle, EncodedRecord record, bool isGood) 
 void Outbox::activate(Name& name, bool resendLast) {
   const auto& handle = name.handles.front();
   if (resendLast && handle->lane.items.empty() && handle->last) {
-    queue_.push(handle, {handle->last->size(), true, false, handle->last}, [](const OutgoingRecord&) {});
+    queue_.push(handle, {handle->last->size(), true, false, handle->lastSequence, handle->last},
+                [](const OutgoingRecord&) {});
   }
   queue_.setReady(handle, true);
   pump();
@@ -211,14 +249,14 @@ void Outbox::published(std::uint64_t token, std::string_view failure) {
   if (entry.done) return;
   entry.done = true;
   PublicationHandle& handle = *entry.handle;
+  // A handle that was destroyed meanwhile has no name; its book is still there.
+  SendBook& book = *handle.book;
   if (entry.record.counted) {
-    // A handle that was destroyed meanwhile has no name; its record still ended this way.
-    KelCounters unnamed;
-    KelCounters& counters = handle.name == nullptr ? unnamed : handle.name->counters;
-    for (KelCounters* each : {&counters, &total_}) {
-      --each->outgoingPending;
-      ++(failure.empty() ? each->acknowledged : each->refused);
-    }
+    count(book, &KelCounters::outgoingPending, -1);
+    count(book, failure.empty() ? &KelCounters::acknowledged : &KelCounters::refused);
+  }
+  if (failure.empty()) {
+    book.row.lastAcknowledged = std::max(book.row.lastAcknowledged, entry.record.sequence);
   }
   if (handle.name != nullptr) {
     if (failure.empty()) {
@@ -250,9 +288,8 @@ void Outbox::linkDown() {
     if (entry.done) continue;
     if (entry.handle->name != nullptr) {
       queue_.pushFront(entry.handle, std::move(entry.record));
-    } else if (entry.record.counted) {
-      --total_.outgoingPending;
-      ++total_.outgoingSuperseded;
+    } else {
+      superseded(*entry.handle->book, entry.record);
     }
   }
   claimTokens_.clear();
@@ -268,12 +305,24 @@ void Outbox::linkDown() {
 void Outbox::addCounters(std::string_view publication, KelCounters& counters) const {
   for (const auto& [coded, name] : names_) {
     if (name->publication != publication) continue;
-    counters.sends = name->counters.sends;
-    counters.acknowledged = name->counters.acknowledged;
-    counters.refused = name->counters.refused;
-    counters.outgoingSuperseded = name->counters.outgoingSuperseded;
-    counters.outgoingPending = name->counters.outgoingPending;
+    const KelCounters& sent = name->book->row.counters;
+    counters.sends = sent.sends;
+    counters.acknowledged = sent.acknowledged;
+    counters.refused = sent.refused;
+    counters.outgoingSuperseded = sent.outgoingSuperseded;
+    counters.outgoingPending = sent.outgoingPending;
   }
+}
+
+std::vector<KelSent> Outbox::ledger() const {
+  std::vector<KelSent> rows;
+  rows.reserve(names_.size() + closed_.size() + 1);
+  for (const auto& [coded, name] : names_) rows.push_back(name->book->row);
+  for (const auto& book : closed_) rows.push_back(book->row);
+  std::sort(rows.begin(), rows.end(),
+            [](const KelSent& a, const KelSent& b) { return a.publication < b.publication; });
+  if (forgotten_->row.counters.sends != 0) rows.push_back(forgotten_->row);
+  return rows;
 }
 
 }  // namespace kel

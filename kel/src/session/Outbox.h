@@ -17,6 +17,7 @@
 
 #include "kel/KelCounters.h"
 #include "kel/KelFactory.h"
+#include "kel/KelLedger.h"
 #include "session/ControlPayload.h"
 #include "session/Refusals.h"
 #include "session/SessionPorts.h"
@@ -36,10 +37,19 @@ struct OutgoingRecord {
   std::size_t bytes = 0;
   bool droppable = true;  ///< always; lanes want to know
   bool counted = true;    ///< false for the last record that goes out again
+  std::int64_t sequence = 0;
   std::shared_ptr<const std::string> payload;
 };
 
 struct OutboxName;
+
+/// The numbers and counters of one publication; it outlives the publication for a while, so that one that is
+/// made again counts on.
+struct SendBook {
+  std::string publication;  ///< coded
+  KelSent row;
+  std::shared_ptr<SendBook> into;  ///< everything of this one is counted there
+};
 
 /// One publication: the application's handle, the dispatcher's target and the owner of a lane of records.
 class PublicationHandle final : public KelPublication,
@@ -65,7 +75,9 @@ class PublicationHandle final : public KelPublication,
   // Under the session's lock.
   OutboxName* name = nullptr;  ///< null for an impossible name
   Lane<OutgoingRecord> lane;
+  std::shared_ptr<SendBook> book;           ///< null for an impossible name
   std::shared_ptr<const std::string> last;  ///< the last payload, sent or not
+  std::int64_t lastSequence = 0;            ///< its number
   std::size_t fieldsBegin = 0;              ///< of the last sent fields in it
   std::size_t fieldsEnd = 0;
   bool everSent = false;  ///< send() was called, not only declareBad()
@@ -104,6 +116,8 @@ class Outbox {
   [[nodiscard]] bool idle() const { return total_.outgoingPending == 0; }
   [[nodiscard]] KelCounters total() const { return total_; }
   void addCounters(std::string_view publication, KelCounters& counters) const;
+  /// Every book as a row, by publication.
+  [[nodiscard]] std::vector<KelSent> ledger() const;
 
  private:
   using Name = OutboxName;
@@ -112,9 +126,11 @@ class Outbox {
     OutgoingRecord record;
     bool done = false;
   };
-  void count(Name& name, std::int64_t KelCounters::*counter, std::int64_t number = 1);
-  void superseded(Name& name, const OutgoingRecord& record);
+  void count(SendBook& book, std::int64_t KelCounters::*counter, std::int64_t number = 1);
+  void superseded(SendBook& book, const OutgoingRecord& record);
   void removeName(Name& name);
+  std::shared_ptr<SendBook> openBook(const std::string& publication, const std::string& coded);
+  void closeBook(const std::shared_ptr<SendBook>& book);
 
   void claim(Name& name, std::string_view cause);
   void publishClaim(Name& name, bool owner);
@@ -135,7 +151,9 @@ class Outbox {
   SessionPorts& ports_;
   bool online_ = false;  ///< the group is known
   std::set<std::string, std::less<>> earlierUnderName_;
-  TextMap<std::unique_ptr<Name>> names_;  ///< by coded name
+  TextMap<std::unique_ptr<Name>> names_;          ///< by coded name
+  std::deque<std::shared_ptr<SendBook>> closed_;  ///< of names that went, the newest last
+  std::shared_ptr<SendBook> forgotten_ = std::make_shared<SendBook>();  ///< the sum of all before those
   FairQueue<OutgoingRecord, PublicationHandle> queue_;
   std::deque<InFlight> inFlight_;
   std::uint64_t firstInFlight_ = 1;  ///< token of the front

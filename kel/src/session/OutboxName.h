@@ -10,16 +10,16 @@
 namespace kel {
 
 struct OutboxName {
-  OutboxName(std::string publicationName, std::string codedName)
-      : publication(std::move(publicationName)), coded(std::move(codedName)) {}
+  OutboxName(std::string publicationName, std::string codedName, std::shared_ptr<SendBook> sendBook)
+      : publication(std::move(publicationName)), coded(std::move(codedName)), book(std::move(sendBook)) {}
 
   const std::string publication;
   const std::string coded;
+  const std::shared_ptr<SendBook> book;
   std::string dataTopic;
   PublicationState state = PublicationState::unclaimed;
   std::vector<std::shared_ptr<PublicationHandle>> handles;  ///< the first is active, the others wait for it
-  std::int64_t sequence = 0;
-  bool published = false;   ///< something went out under this name
+  bool published = false;                                   ///< something went out under this name
   bool mustClose = false;   ///< destroyed while it was not known whose name it is
   bool claimTaken = false;  ///< the broker has acknowledged the claim; its echo is due since claimTakenAt
   PeerTable::Time claimTakenAt;
@@ -30,8 +30,6 @@ struct OutboxName {
   bool rivalIsOwner = false;  ///< it has said that it owns the name
   bool lossTold = false;
   PeerTable::Time waitingSince;
-
-  KelCounters counters;
 };
 
 }  // namespace kel

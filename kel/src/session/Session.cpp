@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "data/RecordAccess.h"
+#include "session/SessionTokens.h"
 #include "session/Transition.h"
 #include "wire/RecordCodec.h"
 
@@ -14,14 +15,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds presencePause{50};  // answers to many probes become one
-constexpr milliseconds probePause{100};
 constexpr milliseconds longestTick{500};
 constexpr std::chrono::seconds withdrawalLimit{1};
 constexpr std::string_view receivedOrPublished = "received or published";
-constexpr std::uint64_t withdrawalToken = ~std::uint64_t{0};
-constexpr std::uint64_t presenceToken = withdrawalToken - 1;
-constexpr std::uint64_t probeToken = withdrawalToken - 2;
 
 std::string hostName() {
   std::array<char, 256> name{};
@@ -196,38 +192,6 @@ void Session::wakeFlush() {
   if (flushing_ > 0) flushed_.notifyAll();
 }
 
-KelCounters Session::countersLocked() const {
-  KelCounters counters = inbox_.total();
-  const KelCounters sending = outbox_.total();
-  counters.sends = sending.sends;
-  counters.acknowledged = sending.acknowledged;
-  counters.refused = sending.refused;
-  counters.outgoingSuperseded = sending.outgoingSuperseded;
-  counters.outgoingPending = sending.outgoingPending;
-  const HandOffTally handOff = dispatcher_.total();
-  counters.delivered += handOff.delivered;
-  counters.superseded += handOff.superseded;
-  counters.discarded += handOff.discarded;
-  counters.pending += handOff.pending;
-  counters.listenerExceptions = handOff.exceptions;
-  counters.reconnects = reconnects_;
-  return counters;
-}
-
-KelCounters Session::counters() const {
-  const MutexLock lock(mutex_);
-  return countersLocked();
-}
-
-KelCounters Session::counters(const char* publication) const {
-  KelCounters counters;
-  if (publication == nullptr) return counters;
-  const MutexLock lock(mutex_);
-  inbox_.addCounters(publication, counters);
-  outbox_.addCounters(publication, counters);
-  return counters;
-}
-
 // ---- The transport's side
 // --------------------------------------------------------------------------------------
 
@@ -283,10 +247,10 @@ void Session::message(std::string_view topic, std::string_view payload, bool ret
       claimMessage(*parsed, payload, retained);
       break;
     case TopicKind::probe:
-      if (payload != ports_.self.text()) presenceDue_ = true;
-      if (presenceDue_ && ports_.now - presenceSent_ >= presencePause) publishPresence(true);
+      probed(payload);
       break;
     case TopicKind::data:
+    case TopicKind::ledger:
       break;
   }
 }
@@ -364,37 +328,6 @@ void Session::claimMessage(const ParsedTopic& topic, std::string_view payload, b
   outbox_.claimMessage(topic.name, payload, retained);
 }
 
-bool Session::publishPresence(bool alive) {
-  OutgoingMessage message;
-  message.topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
-  std::string payload;
-  if (alive) {
-    PresencePayload presence;
-    presence.publisher = ports_.self;
-    presence.host = host_;
-    presence.process = getpid();
-    presence.startedNanoseconds = startedNanoseconds_;
-    presence.keepAlive = transport_->keepAlive();
-    presence.counters = countersLocked();
-    payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
-    message.expirySeconds = static_cast<std::uint32_t>(2 * transport_->keepAlive().count());
-    presenceSent_ = ports_.now;
-    presenceDue_ = false;
-  }
-  message.payload = std::make_shared<const std::string>(std::move(payload));
-  return transport_->publish(message, alive ? presenceToken : withdrawalToken);
-}
-
-void Session::publishProbe() {
-  OutgoingMessage message;
-  message.topic = ports_.topics.probe();
-  message.payload = std::make_shared<const std::string>(ports_.self.text());
-  message.retain = false;
-  probeSent_ = ports_.now;
-  probeDue_ = false;
-  transport_->publish(message, probeToken);
-}
-
 void Session::published(std::uint64_t token, std::string_view failure) {
   const MutexLock lock(mutex_);
   if (token == withdrawalToken) {
@@ -443,6 +376,7 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
     peers_.forgive(pause);
     presenceSent_ += pause;
     probeSent_ += pause;
+    ledgerSent_ += pause;
   } else if (pause > longestTick) {
     peers_.forgive(pause);
   }
@@ -464,6 +398,7 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
     outbox_.peerGone(peer);
   }
   if (probeDue_ && now - probeSent_ >= probePause) publishProbe();
+  if (ledgerDue_ && now - ledgerSent_ >= ledgerPause) publishLedger();
   inbox_.tick();
   outbox_.tick();
   askForGroupAgain();

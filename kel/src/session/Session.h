@@ -48,6 +48,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   bool flush(std::chrono::milliseconds limit) override;
   [[nodiscard]] KelCounters counters() const override;
   [[nodiscard]] KelCounters counters(const char* publication) const override;
+  [[nodiscard]] KelLedger ledger() const override;
   [[nodiscard]] const char* incarnation() const override { return ports_.self.incarnation.c_str(); }
 
  private:
@@ -74,6 +75,9 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void groupKnown() KEL_REQUIRES(mutex_);
   bool publishPresence(bool alive) KEL_REQUIRES(mutex_);
   void publishProbe() KEL_REQUIRES(mutex_);
+  void probed(std::string_view payload) KEL_REQUIRES(mutex_);
+  void publishLedger() KEL_REQUIRES(mutex_);
+  [[nodiscard]] KelLedger ledgerLocked() const KEL_REQUIRES(mutex_);
   void askForGroupAgain() KEL_REQUIRES(mutex_);
   void noteStall(std::chrono::steady_clock::time_point now) KEL_REQUIRES(mutex_);
   void wakeFlush() KEL_REQUIRES(mutex_);
@@ -111,6 +115,9 @@ class Session final : public KelFactory, private TransportListener, private Publ
   Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group"};
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
+  bool ledgerDue_ KEL_GUARDED_BY(mutex_) = false;
+  std::chrono::steady_clock::time_point ledgerSent_ KEL_GUARDED_BY(mutex_);
+  std::int64_t ledgerAnswers_ KEL_GUARDED_BY(mutex_) = 0;
   /// Handles live here from create to release; the key is what the application holds.
   std::unordered_map<KelSubscription*, std::shared_ptr<SubscriptionHandle>> subscriptions_
       KEL_GUARDED_BY(mutex_);

@@ -97,8 +97,8 @@ std::optional<ParsedTopic> TopicSpace::parse(std::string_view topic) const {
     parsed.kind = TopicKind::data;
   } else if (kind == "claim") {
     parsed.kind = TopicKind::claim;
-  } else if (kind == "publisher") {
-    parsed.kind = TopicKind::publisher;
+  } else if (kind == "publisher" || kind == "ledger") {
+    parsed.kind = kind == "ledger" ? TopicKind::ledger : TopicKind::publisher;
     const auto last = rest.rfind('/');
     if (last == std::string_view::npos || last + 1 == rest.size()) return std::nullopt;
     parsed.incarnation = rest.substr(last + 1);

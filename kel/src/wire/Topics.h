@@ -3,6 +3,7 @@
 //   kel/<group>/data/<publication>                    retained: the publication's last record
 //   kel/<group>/claim/<publication>                   retained: who publishes it
 //   kel/<group>/publisher/<publisher>/<incarnation>   retained, expires: who is alive
+//   kel/<group>/ledger/<publisher>/<incarnation>      not retained: its ledger, when it was asked for
 //   kel/<group>/probe                                 not retained: everybody alive, say so
 //
 // Names are topic levels. Bytes outside A-Za-z0-9._-/ are written %XX with capital digits, % too; a group has
@@ -32,12 +33,12 @@ struct PublisherId {
   friend bool operator==(const PublisherId&, const PublisherId&) = default;
 };
 
-enum class TopicKind { data, claim, publisher, probe };
+enum class TopicKind { data, claim, publisher, ledger, probe };
 
 struct ParsedTopic {
   TopicKind kind = TopicKind::probe;
   std::string name;         ///< of the publication or the publisher
-  std::string incarnation;  ///< of a publisher
+  std::string incarnation;  ///< of a publisher, also in a ledger's topic
 };
 
 /// The topics of one group. Names given to it must have passed encodeTopicName.
@@ -54,10 +55,14 @@ class TopicSpace {
   [[nodiscard]] std::string publisher(std::string_view codedName, std::string_view incarnation) const {
     return prefix_ + "publisher/" + std::string(codedName) + "/" + std::string(incarnation);
   }
+  [[nodiscard]] std::string ledger(std::string_view codedName, std::string_view incarnation) const {
+    return prefix_ + "ledger/" + std::string(codedName) + "/" + std::string(incarnation);
+  }
   [[nodiscard]] std::string probe() const { return prefix_ + "probe"; }
   [[nodiscard]] std::string allData() const { return prefix_ + "data/#"; }
   [[nodiscard]] std::string allClaims() const { return prefix_ + "claim/#"; }
   [[nodiscard]] std::string allPublishers() const { return prefix_ + "publisher/#"; }
+  [[nodiscard]] std::string allLedgers() const { return prefix_ + "ledger/#"; }
 
   /// What a topic of this group means; nothing for any other topic.
   [[nodiscard]] std::optional<ParsedTopic> parse(std::string_view topic) const;

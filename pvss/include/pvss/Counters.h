@@ -5,7 +5,10 @@
 // Units      Writes are counted in attribute writes: one (identifier, value) pair of a dpSetTimed call is
 // one.
 //            At every moment
-//              queued = confirmed + coalesced + dropped + rejected + pending.
+//              queued = confirmed + coalesced + dropped + rejected + pending,
+//            and whenever nothing is on its way to the store
+//              settled = applied + refused + lost
+//            where applied and refused are what the store itself has counted of this writer.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +22,10 @@ struct Counters {
   std::uint64_t dropped = 0;    ///< discarded because another manager took the number
   std::uint64_t rejected = 0;   ///< not writable: unknown identifier, wrong type, refused by the store
   std::uint64_t pending = 0;    ///< waiting in the backlog, handed over or not
+
+  std::uint64_t settled = 0;  ///< answered by the store for good, once each, with the invalid flags that a
+                              ///< value alone clears; restored ones are not counted again
+  std::uint64_t lost = 0;     ///< settled, and not known any more when the store was back
 
   std::uint64_t calls = 0;     ///< dpSetTimed calls
   std::uint64_t handed = 0;    ///< attribute writes handed to the store, resent ones each time

@@ -137,7 +137,11 @@ struct StoreLog {
 struct StoreWriter {
   std::string writer;
   std::uint64_t lastClientSequence = 0;
-  std::uint64_t applied = 0;  ///< batches applied, duplicates not counted
+  std::uint64_t applied = 0;     ///< batches applied, duplicates not counted
+  std::uint64_t attributes = 0;  ///< attributes applied, restored ones not counted again
+  std::uint64_t refused = 0;     ///< attributes refused
+  std::uint64_t values = 0;      ///< batches applied that contained a value, restored ones not counted again
+  std::int64_t sinceMs = 0;      ///< when it came; 0 when not known
   std::int64_t lastUseMs = 0;
 };
 

@@ -102,11 +102,22 @@ void Backlog::forget(const Entry& entry) {
   counters_.pending -= entry.units;
 }
 
+// The store counts in attributes too, but it cannot tell a flag that was written from one that was implied.
+void Backlog::settled(const Entry& entry) {
+  if (entry.batch.restore) {
+    return;
+  }
+  for (const ElementAttributes& attributes : entry.batch.elements) {
+    counters_.settled += unitsOf(attributes, false);
+  }
+}
+
 void Backlog::confirm(std::uint64_t clientSequence, WriteOutcome outcome) {
   while (!entries_.empty() && entries_.front().batch.clientSequence <= clientSequence && handed_ > 0) {
     const Entry& entry = entries_.front();
     const bool refused = outcome == WriteOutcome::refused && entry.batch.clientSequence == clientSequence;
     (refused ? counters_.rejected : counters_.confirmed) += entry.units;
+    settled(entry);
     lastConfirmed_ = entry.batch.clientSequence;
     forget(entry);
     entries_.pop_front();
@@ -124,6 +135,7 @@ void Backlog::settle(std::uint64_t lastKnown) {
          entries_.front().everHanded) {
     const Entry& entry = entries_.front();
     counters_.confirmed += entry.units;
+    settled(entry);
     lastConfirmed_ = entry.batch.clientSequence;
     forget(entry);
     entries_.pop_front();
@@ -264,7 +276,9 @@ std::uint64_t Backlog::makeRoom() {
   const std::size_t target = bound_ - slack;
   std::uint64_t gone = 0;
   for (std::size_t index = handed_; index < entries_.size() && bytes_ > target; ++index) {
-    gone += thin(entries_[index], target);
+    if (!entries_[index].everHanded) {
+      gone += thin(entries_[index], target);
+    }
   }
   std::erase_if(entries_, [](const Entry& entry) { return entry.batch.elements.empty(); });
   counters_.coalesced += gone;

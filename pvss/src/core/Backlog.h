@@ -4,7 +4,8 @@
 //            when there is no more room, and what the manager wrote last, should the store lose it.
 // Room       Bounded in bytes (estimated). Past the bound the oldest superseded writes go: a write of an
 //            element is superseded when a newer waiting call writes at least the same attributes of it. What
-//            is superseded by nothing stays, bound or not; so do calls that were handed to the store already.
+//            is superseded by nothing stays, bound or not; so do calls that were handed to the store already,
+//            over this link or an earlier one: it may have them.
 // Counting   In attribute writes, as Counters.h says; queued = confirmed + coalesced + dropped + rejected +
 //            pending holds after every operation.
 // Thread     The thread that runs Manager::dispatch. Nothing blocks. Only running out of memory throws.
@@ -82,6 +83,7 @@ class Backlog {
   std::uint64_t makeRoom();
   std::uint64_t thin(Entry& entry, std::size_t target);
   void forget(const Entry& entry);
+  void settled(const Entry& entry);
   Newest& newestOf(ElementId element);
 
   std::size_t bound_;

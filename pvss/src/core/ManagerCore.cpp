@@ -235,6 +235,7 @@ void ManagerCore::storeUp(const StoreGreeting& greeting) {
   setLink(Link::up, greeting.runId);
   holder_.clear();
   backlog_.settle(greeting.lastClientSequence);
+  counters_.lost = counters_.settled - std::min(counters_.settled, greeting.settledAttributes);
   if (otherServer || knowsLess) {
     const std::uint64_t restored = backlog_.restoreLost(greeting.lastClientSequence);
     if (restored > 0) {
@@ -338,6 +339,8 @@ void ManagerCore::beat(TimePoint now) {
                 {"dropped", number(counters_.dropped)},
                 {"rejected", number(counters_.rejected)},
                 {"pending", number(counters_.pending)},
+                {"settled", number(counters_.settled)},
+                {"lost", number(counters_.lost)},
                 {"calls", number(counters_.calls)},
                 {"handed", number(counters_.handed)},
                 {"resent", number(counters_.resent)},

@@ -92,6 +92,8 @@ struct StoreGreeting {
   std::string runId;                     ///< changes when the server process does
   std::uint64_t lastClientSequence = 0;  ///< the newest write of this writer that the store knows
   std::uint64_t logSequence = 0;         ///< the newest change that the store knows
+  std::uint64_t settledAttributes = 0;   ///< of this writer, applied or refused, as the store has counted
+                                        ///< them; restored ones left out
 };
 
 /// Who the manager is; fixed before start().

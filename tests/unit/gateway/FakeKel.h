@@ -82,6 +82,7 @@ class FakeKelFactory final : public KelFactory {
   bool flush(std::chrono::milliseconds /*limit*/) override { return true; }
   [[nodiscard]] KelCounters counters() const override { return {}; }
   [[nodiscard]] KelCounters counters(const char* /*publication*/) const override { return {}; }
+  [[nodiscard]] KelLedger ledger() const override { return {}; }
   [[nodiscard]] const char* incarnation() const override { return "fake"; }
 
   /// The handle of the newest live subscription to the publication; null when there is none.

@@ -137,6 +137,45 @@ class KelFixture : public ::testing::Test {
            << in << " in, " << out << " out; " << c.sends << " sends, " << sendsOut;
   }
 
+  /// Holds when each row of the ledger balances; `quiet`: and all together are what the counters say.
+  static ::testing::AssertionResult addsUp(const KelFactory& factory, bool quiet = true) {
+    const KelLedger ledger = factory.ledger();
+    KelCounters sum;
+    for (const KelReceived& row : ledger.received) {
+      const KelCounters& c = row.counters;
+      if (row.restarted + row.last != row.before + c.received - row.again + c.gaps || !balanced(c)) {
+        return ::testing::AssertionFailure()
+               << row.publication << " from " << row.publisher << "/" << row.incarnation << ": "
+               << row.restarted << " + " << row.last << " numbers, " << row.before << " before, "
+               << c.received << " received, " << row.again << " again, " << c.gaps << " gaps; "
+               << balanced(c).message();
+      }
+      sum.received += c.received;
+      sum.delivered += c.delivered;
+      sum.superseded += c.superseded;
+      sum.gaps += c.gaps;
+      sum.repeated += c.repeated;
+    }
+    for (const KelSent& row : ledger.sent) {
+      if (row.last != row.counters.sends || !balanced(row.counters)) {
+        return ::testing::AssertionFailure()
+               << row.publication << ": the last of " << row.counters.sends << " is " << row.last << "; "
+               << balanced(row.counters).message();
+      }
+      sum.sends += row.counters.sends;
+      sum.acknowledged += row.counters.acknowledged;
+      sum.outgoingSuperseded += row.counters.outgoingSuperseded;
+    }
+    const KelCounters all = factory.counters();
+    const auto figures = [](const KelCounters& c) {
+      return std::vector{c.received, c.delivered, c.superseded,   c.gaps,
+                         c.repeated, c.sends,     c.acknowledged, c.outgoingSuperseded};
+    };
+    if (!quiet || figures(sum) == figures(all)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << ::testing::PrintToString(figures(sum)) << " in the rows, "
+                                         << ::testing::PrintToString(figures(all)) << " in all";
+  }
+
   std::atomic<std::int64_t> wallClock{1'700'000'000'000'000'000};
 
  private:

@@ -66,6 +66,11 @@ TEST(Topics, KnowsItsOwnTopicsAgain) {
   EXPECT_EQ(presence->kind, TopicKind::publisher);
   EXPECT_EQ(presence->name, "gw/1");
   EXPECT_EQ(presence->incarnation, "a1");
+  const auto ledger = topics.parse(topics.ledger("gw/1", "a1"));
+  ASSERT_TRUE(ledger.has_value());
+  EXPECT_EQ(ledger->kind, TopicKind::ledger);
+  EXPECT_EQ(ledger->name, "gw/1");
+  EXPECT_EQ(ledger->incarnation, "a1");
   EXPECT_EQ(topics.parse("kel/g1/probe")->kind, TopicKind::probe);
   EXPECT_EQ(topics.parse("kel/g1/claim/x")->kind, TopicKind::claim);
 }

@@ -96,6 +96,7 @@ TEST_F(TrafficTest, KeepsItsPromisesWhileEverythingChanges) {
         }
         own->destroyPublication(publications[random() % publications.size()]);
         EXPECT_TRUE(balanced(own->counters()));
+        EXPECT_TRUE(addsUp(*own, false));
       }
     });
   }
@@ -127,6 +128,7 @@ TEST_F(TrafficTest, KeepsItsPromisesWhileEverythingChanges) {
       held.erase(chosen);
     }
     EXPECT_TRUE(balanced(subscriber->counters()));
+    EXPECT_TRUE(addsUp(*subscriber, false));
   }
   stop = true;
   for (std::thread& thread : threads) thread.join();

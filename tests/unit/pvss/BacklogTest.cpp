@@ -161,6 +161,44 @@ TEST_F(BacklogTest, WhatTheStoreHasInHandStays) {
   EXPECT_EQ(counters.confirmed, 8U);
 }
 
+TEST_F(BacklogTest, WhatTheStoreMayHaveStaysUntilItIsKnown) {
+  makeBacklog(4096);
+  for (int number = 1; number <= 5; ++number) {
+    append({attributes(1, all, number)});
+  }
+  handAll();
+  backlog->linkLost();
+  for (int number = 6; number <= 200; ++number) {
+    append({attributes(1, all, number)});
+  }
+  EXPECT_GT(counters.coalesced, 0U);
+  backlog->settle(5);
+  checkBalance();
+  EXPECT_EQ(counters.confirmed, 20U) << "all five had been applied, and are counted as such";
+  EXPECT_EQ(counters.settled, 20U);
+}
+
+TEST_F(BacklogTest, SettledCountsWhatTheStoreCounts) {
+  makeBacklog(1 << 20);
+  PreparedWrite write;
+  counters.queued += 1;
+  write.batch.elements = {attributes(1, attributeValue | attributeInvalid, 1)};
+  write.impliedFlag = {true};
+  backlog->append(std::move(write));
+  append({attributes(2, all, 2)});
+  handAll();
+  backlog->confirm(1, WriteOutcome::applied);
+  EXPECT_EQ(counters.confirmed, 1U);
+  EXPECT_EQ(counters.settled, 2U) << "the flag that the value clears is written too";
+  backlog->confirm(2, WriteOutcome::refused);
+  checkBalance();
+  EXPECT_EQ(counters.settled, 6U);
+  backlog->restoreLost(0);
+  handAll();
+  backlog->confirm(4, WriteOutcome::applied);
+  EXPECT_EQ(counters.settled, 6U) << "what is written again is settled already";
+}
+
 TEST_F(BacklogTest, AnElementLeavesItsCallAndTheOthersStay) {
   makeBacklog(8192);
   append({attributes(1, all, 1), attributes(2, all, 1)});

@@ -143,6 +143,7 @@ TEST_F(ManagerFaultsTest, WritesWhoseConfirmationWasLostAreNotAppliedTwice) {
   EXPECT_EQ(plant->read("A.x").writes, 2U);
   EXPECT_EQ(Manager::getCounters().confirmed, 2U);
   EXPECT_EQ(Manager::getCounters().pending, 0U);
+  EXPECT_EQ(Manager::getCounters().lost, 0U);
   expectBalance();
 }
 
@@ -172,6 +173,8 @@ TEST_F(ManagerFaultsTest, AServerThatForgotGetsTheNewestValuesBack) {
   EXPECT_EQ(valueText(*plant->read("A.y").value), "2");
   EXPECT_EQ(plant->read("A.y").valueTimeMs, 200);
   EXPECT_EQ(Manager::getCounters().restored, 4U);
+  EXPECT_EQ(Manager::getCounters().lost, 5U) << "two values with the flags that they clear, and a flag";
+  EXPECT_EQ(Manager::getCounters().settled, 8U);
   EXPECT_EQ(notes.lines.back(), "hotlink 3");
   expectBalance();
 }

@@ -109,13 +109,9 @@ void MemoryDatabase::applyForeign(std::int64_t timeMs, std::vector<ElementAttrib
   }
 }
 
-std::uint64_t MemoryDatabase::lastClientSequence(const std::string& writer) const {
-  const auto found = writers_.find(writer);
-  return found == writers_.end() ? 0 : found->second;
-}
-
-void MemoryDatabase::setLastClientSequence(const std::string& writer, std::uint64_t number) {
-  writers_[writer] = number;
+MemoryDatabase::Writer MemoryDatabase::writer(const std::string& name) const {
+  const auto found = writers_.find(name);
+  return found == writers_.end() ? Writer() : found->second;
 }
 
 void MemoryDatabase::loseNewest(std::size_t changes) {

@@ -69,19 +69,24 @@ class MemoryDatabase {
   std::string runId = "memory-1";
   ManagerBeat lastBeat;
 
-  [[nodiscard]] std::uint64_t lastClientSequence(const std::string& writer) const;
-  void setLastClientSequence(const std::string& writer, std::uint64_t number);
+  /// What is known of a writer.
+  struct Writer {
+    std::uint64_t lastClientSequence = 0;
+    std::uint64_t settledAttributes = 0;  ///< applied or refused, restored ones left out
+  };
+  [[nodiscard]] Writer writer(const std::string& name) const;
+  void setWriter(const std::string& name, const Writer& writer) { writers_[name] = writer; }
   void loseNewest(std::size_t changes);
 
  private:
   struct Past {
     std::vector<std::pair<Index, ElementState>> states;  // before the change
-    std::unordered_map<std::string, std::uint64_t> writers;
+    std::unordered_map<std::string, Writer> writers;
   };
 
   std::vector<Element> elements_;
   std::unordered_map<std::string, Index> ids_;
-  std::unordered_map<std::string, std::uint64_t> writers_;
+  std::unordered_map<std::string, Writer> writers_;
   std::deque<Past> history_;
   std::uint64_t sequence_ = 0;
   unsigned servers_ = 1;

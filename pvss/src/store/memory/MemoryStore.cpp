@@ -1,5 +1,6 @@
 #include "store/memory/MemoryStore.h"
 
+#include <bit>
 #include <ctime>
 #include <utility>
 
@@ -86,7 +87,9 @@ void MemoryStore::comeUp() {
   StoreGreeting greeting;
   greeting.address = "memory:";
   greeting.runId = database_->runId;
-  greeting.lastClientSequence = database_->lastClientSequence(identity_.writer);
+  const MemoryDatabase::Writer known = database_->writer(identity_.writer);
+  greeting.lastClientSequence = known.lastClientSequence;
+  greeting.settledAttributes = known.settledAttributes;
   greeting.logSequence = database_->sequence();
   state_ = State::up;
   called_ = true;
@@ -153,7 +156,8 @@ void MemoryStore::hear(MemoryDatabase::Event event) {
 }
 
 void MemoryStore::apply(WriteBatch batch) {
-  if (batch.clientSequence <= database_->lastClientSequence(identity_.writer)) {
+  MemoryDatabase::Writer known = database_->writer(identity_.writer);
+  if (batch.clientSequence <= known.lastClientSequence) {
     called_ = true;
     listener_->confirmed(batch.clientSequence, WriteOutcome::duplicate, {});
     return;
@@ -163,6 +167,9 @@ void MemoryStore::apply(WriteBatch batch) {
   std::string missing;
   bool skipped = false;
   for (const ElementAttributes& attributes : batch.elements) {
+    if (!batch.restore) {
+      known.settledAttributes += static_cast<std::uint64_t>(std::popcount(attributes.mask));
+    }
     const MemoryDatabase::Index index = indexOf(attributes.element);
     if (index == MemoryDatabase::none || database_->at(index).entry.type == DPELEMENT_NOELEMENT) {
       missing += (missing.empty() ? "no such element: " : ", ") + directory_->nameOf(attributes.element);
@@ -186,7 +193,8 @@ void MemoryStore::apply(WriteBatch batch) {
       change_.elements.swap(batch.elements);
     }
   }
-  database_->setLastClientSequence(identity_.writer, batch.clientSequence);
+  known.lastClientSequence = batch.clientSequence;
+  database_->setWriter(identity_.writer, known);
   called_ = true;
   if (!scratch_.empty()) {
     listener_->changed(change_);

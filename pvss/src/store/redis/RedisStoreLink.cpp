@@ -234,6 +234,8 @@ void RedisStore::onHello(ReplyCursor reply) {
   greeting_.lastClientSequence = reply.unsignedInteger();
   greeting_.logSequence = reply.unsignedInteger();
   greeting_.runId = reply.text();
+  greeting_.settledAttributes = reply.unsignedInteger();
+  greeting_.settledAttributes += reply.unsignedInteger();
   tellLease(true, selfText());
   askCatalogue();
 }

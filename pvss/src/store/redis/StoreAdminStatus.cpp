@@ -23,6 +23,15 @@ Integer numberOf(std::string_view digits) {
   return value;
 }
 
+/// Takes the number off the front of numbers with blanks between; 0 when there is none.
+template <typename Integer>
+Integer nextNumber(std::string_view& numbers) {
+  const std::size_t space = std::min(numbers.find(' '), numbers.size());
+  const auto value = numberOf<Integer>(numbers.substr(0, space));
+  numbers.remove_prefix(std::min(space + 1, numbers.size()));
+  return value;
+}
+
 using Fields = std::map<std::string, std::string, std::less<>>;
 
 std::string fieldOf(const Fields& fields, std::string_view name) {
@@ -127,10 +136,13 @@ StoreStatistics StoreAdmin::statistics() {
     for (std::size_t n = reply.array(); n >= 2; n -= 2) {
       StoreWriter writer;
       writer.writer = reply.text();
-      const std::string_view numbers = reply.text();
-      const std::size_t space = std::min(numbers.find(' '), numbers.size());
-      writer.lastClientSequence = numberOf<std::uint64_t>(numbers.substr(0, space));
-      writer.applied = numberOf<std::uint64_t>(numbers.substr(std::min(space + 1, numbers.size())));
+      std::string_view numbers = reply.text();
+      writer.lastClientSequence = nextNumber<std::uint64_t>(numbers);
+      writer.applied = nextNumber<std::uint64_t>(numbers);
+      writer.attributes = nextNumber<std::uint64_t>(numbers);
+      writer.refused = nextNumber<std::uint64_t>(numbers);
+      writer.values = nextNumber<std::uint64_t>(numbers);
+      writer.sinceMs = nextNumber<std::int64_t>(numbers);
       writers[writer.writer] = writer;
     }
     for (std::size_t n = reply.array(); n >= 2; n -= 2) {

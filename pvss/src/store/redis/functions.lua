@@ -3,7 +3,7 @@
 -- docs/store-format.md describes the keys, the texts and every function. 64-bit numbers and times travel as
 -- texts; where one is compared as a number it is a count of milliseconds or of changes, far below 2^53.
 
-local VERSION = '1'
+local VERSION = '2'
 
 local DAY_MS = 86400000
 local MARK_BYTES = 1048576        -- distance of the marks that trimming cuts at
@@ -88,6 +88,14 @@ local function append(kind, head, list, from, bytes)
   return seq
 end
 
+-- What is known of a writer: its newest write, then counts of calls and attributes applied, of attributes refused and of
+-- calls with a value applied, then when it came. See dp:cli in docs/store-format.md.
+local function book_of(known)
+  local last, calls, attributes, refused, values, since =
+    string.match(known, '^(%d+) (%d+) ?(%d*) ?(%d*) ?(%d*) ?(%d*)$')
+  return last, tonumber(calls), tonumber(attributes) or 0, tonumber(refused) or 0, tonumber(values) or 0, since
+end
+
 -- What stands before the value in a text of attributes: "i0", "11", "20" in any order. There are few of these, so what
 -- they mean is worked out once and kept: fields to set, their letters, and the flag if there is one.
 local heads = {}
@@ -124,42 +132,45 @@ local function dp_set(_, args)
       lease_take(fence, writer, LEASE_MS, redis.call('HGET', 'dp:mgr:' .. fence, '@text') or writer)
     end
   end
-  local last, applied = '0', '0'
+  local last, calls, attributes, refused, values, since = '0', 0, 0, 0, 0, ''
   local known = redis.call('HGET', 'dp:cli', writer)
-  if known then last, applied = string.match(known, '^(%d+) (%d+)$') end
+  if known then last, calls, attributes, refused, values, since = book_of(known) end
   if not newer(number, last) then return 0 end
   if newer(previous, last) then
     return redis.error_reply('ORDER write ' .. previous .. ' is missing, the newest known is ' .. last)
   end
   if time == '' then time = now_ms() end
+  if since == '' then since = now_ms() end
   local when = tonumber(time)
   local restore = flags == 'r'
   local call, pcall = redis.call, redis.pcall
 
   -- Look first, write afterwards: nothing below can fail half way. The plan has STEP places for each element.
   local plan, n, bytes, unknown, broken, skipped = {}, 0, 0, nil, nil, false
+  local good, bad, valued = 0, 0, false
   for i = 7, #args, 2 do
     local name, text = args[i], args[i + 1]
     local key = 'dp:d:' .. name
     local was = pcall('HGET', key, 'i')
     local head, value = split(text)
+    local count = not head and 0 or value and #head.letters + 1 or #head.letters
     if not head or type(was) == 'table' then
-      broken = name
+      broken, bad = name, bad + count
     elseif not was and call('HEXISTS', 'dp:cat', name) == 0 then
-      unknown = unknown and unknown .. ', ' .. name or name
+      unknown, bad = unknown and unknown .. ', ' .. name or name, bad + count
     elseif restore and tonumber(call('HGET', key, 't') or '0') > when then
       skipped = true
     else
       local flag = head.flag
       plan[n + 1], plan[n + 2], plan[n + 3], plan[n + 4] = i, key, head, value or false
       plan[n + 5] = flag and flag ~= (was or '1') or false
-      n = n + STEP
+      n, good, valued = n + STEP, good + count, valued or value
       bytes = bytes + #name + #text + 4
     end
   end
 
   local seq = -1
-  if broken then n = 0 end
+  if broken then n, good, bad = 0, 0, bad + good end
   if n > 0 then
     local headline = time .. ' ' .. writer
     if bytes > INLINE_BYTES or n > INLINE_ELEMENTS * STEP then
@@ -191,9 +202,15 @@ local function dp_set(_, args)
         call('HSET', key, unpack(set))
       end
     end
-    applied = string.format('%.0f', tonumber(applied) + 1)
+    calls = calls + 1
   end
-  redis.call('HSET', 'dp:cli', writer, number .. ' ' .. applied)
+  -- What is restored had been counted when it was written.
+  if not restore then
+    attributes, refused = attributes + good, refused + bad
+    if valued and n > 0 then values = values + 1 end
+  end
+  redis.call('HSET', 'dp:cli', writer,
+             string.format('%s %.0f %.0f %.0f %.0f %s', number, calls, attributes, refused, values, since))
   if not known or fence == '' then touch(writer, not known) end
   if broken then return redis.error_reply('REFUSED ' .. broken .. ': no text of attributes, or no hash in the store') end
   if unknown then
@@ -247,7 +264,7 @@ local function dp_since(_, args)
 end
 
 -- dp_hello writer number ttl kind host process version text
---   -> 1, last client sequence, sequence, run id    or 0, holder's text, milliseconds that its lease still has
+--   -> 1, last client sequence, sequence, run id, attributes applied, refused    or 0, holder's text, milliseconds that its lease still has
 local function dp_hello(_, args)
   local writer, number, ttl = args[1], args[2], args[3]
   local holder = redis.call('HGET', lease_key(number), 'writer')
@@ -263,8 +280,13 @@ local function dp_hello(_, args)
   redis.call('ZADD', 'dp:mgr', now_ms(), number)
   local known = redis.call('HGET', 'dp:cli', writer)
   touch(writer, not known)
+  if not known then
+    known = '0 0 0 0 0 ' .. now_ms()
+    redis.call('HSET', 'dp:cli', writer, known)
+  end
+  local last, _, attributes, refused = book_of(known)
   local run = string.match(redis.call('INFO', 'server'), 'run_id:(%w+)')
-  return {1, known and string.match(known, '^%d+') or '0', sequence(), run}
+  return {1, last, sequence(), run, string.format('%.0f', attributes), string.format('%.0f', refused)}
 end
 
 -- dp_beat writer number ttl (name value)...  -> 1, sequence, store's time   or 0, holder's text

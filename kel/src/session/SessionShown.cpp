@@ -1,0 +1,106 @@
+// What a session tells about itself: counters and ledger, presence, and answers to probes.
+
+#include <unistd.h>
+
+#include "session/LedgerPayload.h"
+#include "session/Session.h"
+#include "session/SessionTokens.h"
+
+namespace kel {
+
+KelCounters Session::countersLocked() const {
+  KelCounters counters = inbox_.total();
+  const KelCounters sending = outbox_.total();
+  counters.sends = sending.sends;
+  counters.acknowledged = sending.acknowledged;
+  counters.refused = sending.refused;
+  counters.outgoingSuperseded = sending.outgoingSuperseded;
+  counters.outgoingPending = sending.outgoingPending;
+  const HandOffTally handOff = dispatcher_.total();
+  counters.delivered += handOff.delivered;
+  counters.superseded += handOff.superseded;
+  counters.discarded += handOff.discarded;
+  counters.pending += handOff.pending;
+  counters.listenerExceptions = handOff.exceptions;
+  counters.reconnects = reconnects_;
+  return counters;
+}
+
+KelLedger Session::ledgerLocked() const {
+  return {ports_.self.name, ports_.self.incarnation, inbox_.ledger(), outbox_.ledger()};
+}
+
+KelLedger Session::ledger() const {
+  const MutexLock lock(mutex_);
+  return ledgerLocked();
+}
+
+KelCounters Session::counters() const {
+  const MutexLock lock(mutex_);
+  return countersLocked();
+}
+
+KelCounters Session::counters(const char* publication) const {
+  KelCounters counters;
+  if (publication == nullptr) return counters;
+  const MutexLock lock(mutex_);
+  inbox_.addCounters(publication, counters);
+  outbox_.addCounters(publication, counters);
+  return counters;
+}
+
+bool Session::publishPresence(bool alive) {
+  OutgoingMessage message;
+  message.topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
+  std::string payload;
+  if (alive) {
+    PresencePayload presence;
+    presence.publisher = ports_.self;
+    presence.host = host_;
+    presence.process = getpid();
+    presence.startedNanoseconds = startedNanoseconds_;
+    presence.keepAlive = transport_->keepAlive();
+    presence.counters = countersLocked();
+    payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
+    message.expirySeconds = static_cast<std::uint32_t>(2 * transport_->keepAlive().count());
+    presenceSent_ = ports_.now;
+    presenceDue_ = false;
+  }
+  message.payload = std::make_shared<const std::string>(std::move(payload));
+  return transport_->publish(message, alive ? presenceToken : withdrawalToken);
+}
+
+void Session::probed(std::string_view payload) {
+  if (payload.ends_with(ledgerWanted)) {
+    ledgerDue_ = true;
+    payload.remove_suffix(ledgerWanted.size());
+  }
+  if (payload != ports_.self.text()) presenceDue_ = true;
+  if (presenceDue_ && ports_.now - presenceSent_ >= presencePause) publishPresence(true);
+  if (ledgerDue_ && ports_.now - ledgerSent_ >= ledgerPause) publishLedger();
+}
+
+void Session::publishLedger() {
+  ledgerDue_ = false;
+  ledgerSent_ = ports_.now;
+  OutgoingMessage message;
+  message.topic = ports_.topics.ledger(codedName_, ports_.self.incarnation);
+  message.retain = false;
+  for (std::string& piece :
+       encodeLedger(ledgerLocked(), ++ledgerAnswers_, ports_.wallClockNanoseconds() / 1'000'000)) {
+    message.payload = std::make_shared<const std::string>(std::move(piece));
+    transport_->publish(message, ledgerToken);
+  }
+}
+
+void Session::publishProbe() {
+  OutgoingMessage message;
+  message.topic = ports_.topics.probe();
+  message.payload = std::make_shared<const std::string>(ports_.self.text());
+  message.retain = false;
+  probeSent_ = ports_.now;
+  probeDue_ = false;
+  transport_->publish(message, probeToken);
+}
+
+}  // namespace kel

@@ -94,3 +94,97 @@ class GuardedRedis(harness.Redis):
                     link.sendall(b"*%d\r\n" % len(parts) + b"".join(b"$%d\r\n%s\r\n" % (len(part), part) for part in parts))
                     replies.append(self._reply(stream))
                 return replies[1:]
+
+
+class FailoverStore:
+    """One master, one replica, three sentinels on loopback ports, all with the users of the example. Stands in for the one
+    server of a site: start(), stop(), url; command() asks whoever is the master now."""
+
+    NAME = "plant"
+    TOLERANCE_MS = 1000  # without an answer for so long a master counts as dead
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.ports = [harness.free_port() for _ in range(2)]
+        self.sentinel_ports = [harness.free_port() for _ in range(3)]
+        self.servers = [self._server(number) for number in range(2)]
+        self.passwords = self.servers[0].passwords
+        self.sentinels = []
+
+    def _server(self, number):
+        folder = os.path.join(self.folder, f"store{number}")
+        os.makedirs(folder)
+        follow = ("--replicaof", "127.0.0.1", str(self.ports[0])) if number else ()
+        return GuardedRedis(folder, "--bind", "127.0.0.1", "--port", str(self.ports[number]), "--masteruser", "replica",
+                            "--masterauth", password("replica"), "--repl-diskless-sync-delay", "0",
+                            "--repl-ping-replica-period", "1", *follow)
+
+    @property
+    def url(self):
+        return self.url_of("gateway")
+
+    def url_of(self, user):
+        places = ",".join(f"127.0.0.1:{port}" for port in self.sentinel_ports)
+        return f"redis+sentinel://{places}/{self.NAME}?user={user}&passfile={self.passwords[user]}"
+
+    def start(self):
+        for server in self.servers:
+            server.start()
+        harness.wait_until("the replica to follow", self.follows)
+        for number, port in enumerate(self.sentinel_ports):
+            self._start_sentinel(number, port)
+        harness.wait_until("the sentinels to know each other", lambda: all(self._complete(port) for port in self.sentinel_ports), 30)
+        return self
+
+    def _start_sentinel(self, number, port):
+        folder = os.path.join(self.folder, f"sentinel{number}")
+        os.makedirs(folder)
+        path = os.path.join(folder, "sentinel.conf")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(f'port {port}\nbind 127.0.0.1\ndir "{folder}"\n'
+                       f"sentinel monitor {self.NAME} 127.0.0.1 {self.ports[0]} 2\n"
+                       f"sentinel down-after-milliseconds {self.NAME} {int(self.TOLERANCE_MS * harness.PATIENCE)}\n"
+                       f"sentinel failover-timeout {self.NAME} {int(6000 * harness.PATIENCE)}\n"
+                       f'sentinel auth-user {self.NAME} sentinel\nsentinel auth-pass {self.NAME} "{password("sentinel")}"\n')
+        process = harness.Process(["redis-sentinel", path])
+        self.sentinels.append(process)
+        process.wait_for("the sentinel to start", lambda: self._sentinel(port, "PING") == b"PONG")
+
+    def _complete(self, port):
+        flat = self._sentinel(port, "SENTINEL", "MASTER", self.NAME)
+        known = dict(zip(flat[::2], flat[1::2]))
+        return known[b"num-slaves"] == b"1" and known[b"num-other-sentinels"] == b"2" and known[b"flags"] == b"master"
+
+    def _sentinel(self, port, *words):
+        try:
+            with socket.create_connection(("127.0.0.1", port), 5) as link, link.makefile("rb") as stream:
+                link.sendall(b"*%d\r\n" % len(words) + b"".join(b"$%d\r\n%s\r\n" % (len(word), word.encode()) for word in words))
+                return self.servers[0]._reply(stream)  # pylint: disable=protected-access
+        except OSError:
+            return None
+
+    def follows(self):
+        """Whether the replica has everything that the master has."""
+        place = [self.servers[number].command("INFO", "replication").decode() for number in range(2)]
+        offsets = [dict(line.split(":", 1) for line in text.split("\r\n") if ":" in line) for text in place]
+        return offsets[1].get("master_link_status") == "up" and \
+            offsets[0]["master_repl_offset"] == offsets[1]["master_repl_offset"]
+
+    def let_the_replica_fall_behind(self):
+        """From now on what the master takes does not reach the replica."""
+        self.servers[0].commands([("ACL", "SETUSER", "replica", "-psync", "-replconf"), ("CLIENT", "KILL", "TYPE", "replica")])
+
+    def kill_master(self):
+        self.servers[0].kill()
+
+    def promoted(self):
+        return self.servers[1].command("ROLE")[0] == b"master"
+
+    def command(self, *words):
+        return self.servers[1 if self.servers[0].process is None else 0].command(*words)
+
+    def stop(self):
+        for process in self.sentinels:
+            process.stop()
+        for server in self.servers:
+            server.stop()

@@ -204,16 +204,37 @@ def sequences_forward(evidence):
             if number < before:
                 raise Violated(f"load/{publication}: number {number} was written after {before} (log entry {write.sequence})")
             highest[publication] = number
+    _records_forward(evidence)
+    _deliveries_forward(evidence)
+
+
+def _records_forward(evidence):
+    """On the broker a record may come again, for delivery is at least once; a new one comes in order."""
     sent = {}
     for message in evidence.messages:
         # What the broker kept is news to a witness that has just come back, and may be of a moment ago.
         if message.sequence is None or message.retained:
             continue
-        key = (message.publication, message.incarnation)
-        if message.sequence < sent.get(key, 0):
-            raise Violated(f"{message.publication}: record {message.sequence} came after {sent[key]} of one incarnation")
-        sent[key] = message.sequence
-    return None
+        seen = sent.setdefault((message.publication, message.incarnation), {})
+        if message.sequence in seen:
+            if seen[message.sequence] != (message.fields, message.quality):
+                raise Violated(f"{message.publication}: record {message.sequence} came again as {message.fields}, "
+                               f"and was {seen[message.sequence][0]}")
+        elif seen and message.sequence < max(seen):
+            raise Violated(f"{message.publication}: record {message.sequence} came after {max(seen)} of one incarnation")
+        seen[message.sequence] = (message.fields, message.quality)
+
+
+def _deliveries_forward(evidence):
+    """What an application gets from the Kel library."""
+    delivered = {}
+    for _, event in evidence.events:
+        if event["event"] != "record" or not event.get("sequence"):
+            continue
+        key = (event["publication"], event.get("publisher"))
+        if event["sequence"] < delivered.get(key, 0):
+            raise Violated(f"{key[0]}: record {event['sequence']} was delivered after {delivered[key]} of one incarnation")
+        delivered[key] = event["sequence"]
 
 
 def records_whole(evidence):

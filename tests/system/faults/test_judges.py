@@ -189,8 +189,17 @@ def dead_life_after_the_new_one(seen):
     seen.writes.append(write_of(12.3, 99, 0, BASE + 4))
 
 
-def lower_sequence_on_the_broker(seen):
+def new_record_out_of_order_on_the_broker(seen):
+    seen.messages.append(message_of(12.6, 0, "aaa", 4, BASE + 4))
+    seen.messages.append(message_of(12.7, 0, "aaa", 3, BASE + 3))
+
+
+def other_record_under_a_known_number(seen):
     seen.messages.append(message_of(12.6, 0, "aaa", 1, BASE + 2))
+
+
+def lower_sequence_delivered(seen):
+    seen.events.append(record_event(12.6, "aaa", 1))
 
 
 def torn_write(seen):
@@ -255,7 +264,8 @@ PLANTED = [
     ("source times", value_with_another_time), ("source times", element_with_another_time),
     ("equal", element_behind), ("equal", element_invalid), ("equal", element_missing),
     ("carry", publication_behind), ("carry", publication_missing), ("carry", store_behind_its_word), ("carry", bad_on_the_broker),
-    ("forward", lower_number_after_a_higher), ("forward", dead_life_after_the_new_one), ("forward", lower_sequence_on_the_broker),
+    ("forward", lower_number_after_a_higher), ("forward", dead_life_after_the_new_one), ("forward", new_record_out_of_order_on_the_broker),
+    ("forward", other_record_under_a_known_number), ("forward", lower_sequence_delivered),
     ("whole", torn_write), ("whole", half_a_write), ("whole", torn_record),
     ("dead", never_marked_invalid), ("dead", cleared_long_before_the_new_record), ("dead", left_good_for_ever),
     ("dead", record_of_a_dead_gateway), ("dead", still_connected_to_a_dead_gateway), ("dead", disconnected_late),
@@ -285,6 +295,12 @@ def test_a_planted_violation_is_seen(good, name, plant):
 
 def test_every_judge_has_a_planted_violation():
     assert {name for name, _ in PLANTED} == set(JUDGES)
+
+
+def test_a_record_may_come_again_on_the_broker(good):
+    good.messages.append(message_of(12.6, 0, "aaa", 1, BASE + 1))
+    good.messages.append(message_of(12.7, 0, "aaa", 2, BASE + 2))
+    evidence.sequences_forward(good)
 
 
 def test_coalesced_above_counts_superseded_records_and_the_backlog(good):

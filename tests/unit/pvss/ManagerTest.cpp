@@ -296,7 +296,7 @@ TEST_F(ManagerDeathTest, ExitEndsTheProcessAtOnceWithTheCode) {
 
 TEST_F(ManagerTest, TheMostCallsBetweenTwoDispatchesAreCounted) {
   start();
-  const auto write = [this](int calls) {
+  const auto write = [](int calls) {
     for (int i = 0; i < calls; ++i) set("A.x:_original.._value", FloatVar(i), 1);
     long sec = 0;
     long usec = 0;

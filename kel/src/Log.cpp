@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "wire/Utf8.h"
+
 namespace kel {
 namespace {
 
@@ -65,10 +67,17 @@ bool logs(LogLevel level) {
 void log(LogLevel level, std::string_view what) {
   if (!logs(level)) return;
   std::string line = timeText() + " kel " + std::string(names.at(static_cast<std::size_t>(level))) + " ";
-  for (const char c : what) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7F) {
-      line.push_back(c);
+  // What could end the line or steer a terminal is shown by number: control characters, those of Unicode too,
+  // and everything beyond ASCII when the whole is not UTF-8.
+  const bool utf8 = isUtf8(what);
+  for (std::size_t i = 0; i < what.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(what[i]);
+    const auto before = i > 0 ? static_cast<unsigned char>(what[i - 1]) : 0U;
+    const auto next = i + 1 < what.size() ? static_cast<unsigned char>(what[i + 1]) : 0U;
+    const bool control = byte < 0x20 || byte == 0x7F || (byte == 0xC2 && next < 0xA0) ||
+                         (byte < 0xA0 && byte >= 0x80 && before == 0xC2);
+    if (!control && (byte < 0x80 || utf8)) {
+      line.push_back(what[i]);
     } else {
       std::array<char, 8> shown{};
       std::snprintf(shown.data(), shown.size(), "\\x%02X", byte);

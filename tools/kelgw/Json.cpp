@@ -67,6 +67,26 @@ nlohmann::ordered_json build(const Json& json) {
   return std::visit(Builder{}, json.data);
 }
 
+/// JSON lets DEL and the control characters of Unicode stand in a string as they are; a terminal would obey
+/// them.
+std::string withoutControls(const std::string& json) {
+  std::string shown;
+  shown.reserve(json.size());
+  for (std::size_t at = 0; at < json.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(json[at]);
+    const auto next = at + 1 < json.size() ? static_cast<unsigned char>(json[at + 1]) : 0U;
+    if (byte == 0x7F) {
+      shown += "\\u007f";
+    } else if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
+      shown += fmt::format("\\u{:04x}", next);
+      ++at;
+    } else {
+      shown += json[at];
+    }
+  }
+  return shown;
+}
+
 }  // namespace
 
 Json::Json() = default;
@@ -97,11 +117,11 @@ Json::Json(const Datum& value) {
 }
 
 std::string Json::line() const {
-  return build(*this).dump();
+  return withoutControls(build(*this).dump());
 }
 
 std::string Json::document() const {
-  return build(*this).dump(2);
+  return withoutControls(build(*this).dump(2));
 }
 
 }  // namespace kelgw

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <optional>
 
@@ -51,11 +52,45 @@ void write(std::string_view room, Level level, fmt::string_view format, fmt::for
   if (level < levelFor(room, filter())) {
     return;
   }
-  const std::string text = fmt::vformat(format, arguments);
+  const std::string text = oneLine(fmt::vformat(format, arguments));
   spdlog::sinks::sink& sink = output();
   sink.log(
       spdlog::details::log_msg({room.data(), room.size()}, spdlogLevel(level), {text.data(), text.size()}));
   sink.flush();
+}
+
+std::string oneLine(std::string_view text) {
+  std::string shown;
+  shown.reserve(text.size());
+  const auto byteAt = [&](std::size_t at) {
+    return at < text.size() ? static_cast<unsigned char>(text[at]) : static_cast<unsigned char>(0);
+  };
+  for (std::size_t at = 0; at < text.size();) {
+    const unsigned char lead = byteAt(at);
+    // Of how many bytes a character there is: 1 for ASCII that can be seen, 0 for what is shown by number.
+    std::size_t length = lead >= 0x20 && lead < 0x7F ? 1 : 0;
+    if (lead >= 0xC2 && lead <= 0xF4) {
+      length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+      const unsigned char second = byteAt(at + 1);
+      // Controls, overlong forms, surrogates, and what is beyond Unicode.
+      if ((lead == 0xC2 && second < 0xA0) || (lead == 0xE0 && second < 0xA0) ||
+          (lead == 0xED && second > 0x9F) || (lead == 0xF0 && second < 0x90) ||
+          (lead == 0xF4 && second > 0x8F)) {
+        length = 0;
+      }
+      for (std::size_t next = 1; next < length; ++next) {
+        if (byteAt(at + next) < 0x80 || byteAt(at + next) > 0xBF) length = 0;
+      }
+    }
+    if (length == 0) {
+      fmt::format_to(std::back_inserter(shown), "\\x{:02X}", lead);
+      length = 1;
+    } else {
+      shown.append(text.substr(at, length));
+    }
+    at += length;
+  }
+  return shown;
 }
 
 Level levelFor(std::string_view room, std::string_view filter) {

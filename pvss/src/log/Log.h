@@ -19,6 +19,10 @@ enum class Level : std::uint8_t { trace, debug, info, warn, error, off };
 /// Formats and writes a line when the filter lets it through.
 void write(std::string_view room, Level level, fmt::string_view format, fmt::format_args arguments);
 
+/// The text without what could end the line or steer a terminal: control characters, those of Unicode too,
+/// and bytes that are no UTF-8 are shown by number, as \x1B. Every line goes through it.
+[[nodiscard]] std::string oneLine(std::string_view text);
+
 template <class... Args>
 void debug(std::string_view room, fmt::format_string<Args...> format, Args&&... arguments) {
   write(room, Level::debug, format, fmt::make_format_args(arguments...));

@@ -27,6 +27,17 @@ TEST(Log, ALineHasTimeRoomLevelAndWhat) {
               ::testing::MatchesRegex("[0-9]+:[0-9]+:[0-9]+.[0-9]+ store warning 1 of two\n"));
 }
 
+TEST(Log, ALineStaysOneLineWhateverIsInIt) {
+  ::testing::internal::CaptureStderr();
+  warn("store", "{}", std::string("%n{}\n\x1b[31m\x7f\0x", 13));
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              ::testing::EndsWith("warning %n{}\\x0A\\x1B[31m\\x7F\\x00x\n"));
+  EXPECT_EQ(oneLine("gr\u00fc\u00df \u20ac \U0001f600"), "gr\u00fc\u00df \u20ac \U0001f600");
+  EXPECT_EQ(oneLine("\u009b31m"), "\\xC2\\x9B31m") << "a control character of Unicode";
+  EXPECT_EQ(oneLine("\x9b \xc3( \xe2\x82"), "\\x9B \\xC3( \\xE2\\x82");
+  EXPECT_EQ(oneLine("\xed\xa0\x80 \xc0\x80"), "\\xED\\xA0\\x80 \\xC0\\x80");
+}
+
 TEST(Repeated, TellsAtOnceThenOnceAMinuteWithTheCount) {
   Repeated repeated;
   const Repeated::TimePoint start{};

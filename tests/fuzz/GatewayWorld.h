@@ -80,7 +80,8 @@ class World {
 
 inline World& world(const std::vector<std::string>& elements) {
   constexpr int inputsEach = 2000;
-  static std::unique_ptr<World> current;
+  // Never destroyed: at the end of the process what it stands on is gone before it.
+  static auto& current = *new std::unique_ptr<World>();
   static int used = 0;
   if (!current || ++used > inputsEach) {
     used = 0;

@@ -77,7 +77,7 @@ std::optional<std::string> decodeTopicName(std::string_view coded) {
 
 std::optional<PublisherId> PublisherId::parse(std::string_view text) {
   const auto slash = text.rfind('/');
-  if (slash == std::string_view::npos || slash + 1 == text.size()) return std::nullopt;
+  if (slash == std::string_view::npos || slash == 0 || slash + 1 == text.size()) return std::nullopt;
   return PublisherId{std::string(text.substr(0, slash)), std::string(text.substr(slash + 1))};
 }
 

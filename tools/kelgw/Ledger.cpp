@@ -365,8 +365,10 @@ Ledger balance(const Books& books, bool moving) {
     const KelLedger* own =
         member == nullptr ? nullptr : index.ledger(runOf(member->name, member->incarnation));
     if (own == nullptr) {
-      ledger.why.push_back(fmt::format("manager {}: process {} on {} does not show its books on the broker",
-                                       manager.number, manager.process, manager.host));
+      ledger.why.push_back(
+          fmt::format("manager {}: process {} on {} does not show its books on the broker; "
+                      "is it there, and may it write to its ledger topic?",
+                      manager.number, manager.process, manager.host));
       continue;
     }
     for (const KelReceived& book : own->received) {

@@ -54,6 +54,7 @@ FORMS = {
     "expect records whole": "all fields of one record are written together",
     "expect no presence of <process> within <number> s": "the broker keeps no sign of life of its name",
     "expect nothing dead shown as good after <number> s": "a killed publisher's values, a killed gateway's records",
+    "expect ledger balances within <number> s": "as kelgw status --ledger says",
     "expect lost at most <count>": "records that nothing accounts for",
     "expect coalesced above <count>": "superseded and counted",
     "expect memory of <process> below <number> MB": "the most that was ever resident",

@@ -4,9 +4,9 @@
 // usage: load_publisher NAME ACCOUNT LIFE PUBLICATIONS PER_SECOND
 // Publications are load/0, load/1, ...; each has the int fields n, a and b, all LIFE * 100,000,000 + the
 // publication's own count from 1. The source time of a number is as many milliseconds after a round moment.
-// ACCOUNT is a file of 64-bit numbers, mapped into memory: the count of each publication's records that
-// send() has taken over. First line of output: its incarnation. Standard input: "stop" and "go" for sending,
-// "counters" for a line of JSON, end for the end.
+// ACCOUNT is a file of 64-bit numbers, mapped into memory: the count of each publication's records, the one
+// that is just being handed to send() included. First line of output: its incarnation. Standard input: "stop"
+// and "go" for sending, "counters" for a line of JSON, end for the end.
 #include <fcntl.h>
 #include <kel/Kel.h>
 #include <sys/mman.h>
@@ -105,8 +105,8 @@ int run(char** arguments) {
     for (const char* tag : {"n", "a", "b"}) data->insert(number, tag);
     KelTimestamp time;
     time.timeNanoseconds = startNanoseconds + std::int64_t{number} * 1'000'000;
-    publications[next]->send(*data, time);
     account.set(next, static_cast<std::uint64_t>(sent[next]));
+    publications[next]->send(*data, time);
   }
   obeying.join();
   factory->flush(std::chrono::seconds(5));

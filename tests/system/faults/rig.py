@@ -177,6 +177,7 @@ class Rig:
 
     def hit(self, names, number):
         """A signal for all of them in one moment; ends are waited for."""
+        published = self._published()
         for name in names:
             self.now[name].send_signal(number)
         self._lost(" and ".join(f"the {'end' if number != signal.SIGSTOP else 'pause'} of {name}" for name in names))
@@ -187,7 +188,7 @@ class Rig:
             self.sampler.look()
             process.wait(30)
             self.evidence.lives[name][-1].died = self.evidence.losses[-1][0]
-            self.evidence.lives[name][-1].killed = number == signal.SIGKILL
+            self.evidence.lives[name][-1].published = published
 
     def _lost(self, what):
         self.evidence.losses.append((time.monotonic(), int(time.time() * 1000), what))
@@ -371,6 +372,8 @@ class Rig:
             return self._within(values[1], lambda seen: self._presence(seen, values[0]))
         if "at least once" in step.form:
             return self._within(values[2], lambda seen: evidence.says(seen, values[0], values[1], 1, None))
+        if "ledger" in step.form:
+            return self._within(values[0], self._balances)
         seen = self.look(elements=True)
         simple = {"expect source": evidence.source_times_kept, "expect sequences": evidence.sequences_forward,
                   "expect records": evidence.records_whole, "expect nothing": evidence.nothing_dead,
@@ -381,7 +384,7 @@ class Rig:
         if key in simple:
             return simple[key](seen, *values)
         if key in ("expect lost", "expect coalesced"):
-            self._books(seen)
+            self.ledger(seen)
             return (evidence.lost_at_most if "lost" in key else evidence.coalesced_above)(seen, *values)
         if words[2] == "says":
             return evidence.says(seen, *values, 1, 1)
@@ -408,16 +411,17 @@ class Rig:
             raise evidence.Violated(str(trouble)) from None
         return evidence.no_presence(seen, PUBLISHER_NAMES.get(process, process))
 
-    def _books(self, seen):
-        """The product's own totals: of the gateway's Kel library and of its backlog."""
-        code, out, err = self.tool("status", "--json")
-        if code == 3:
-            raise evidence.Violated(f"kelgw status: {err.strip()}")
-        status = json.loads(out)
-        counters = [publisher["counters"] for publisher in status["broker"]["publishers"]
-                    if publisher["name"] == PUBLISHER_NAMES["gateway"]]
-        seen.ledger = {"subscribe": counters,
-                       "store": {"coalesced": sum(manager["counters"].get("coalesced", 0) for manager in status["managers"])}}
+    def ledger(self, seen):
+        """What the product says became of everything."""
+        code, out, err = self.tool("status", "--ledger", "--json")
+        try:
+            seen.ledger = json.loads(out)
+        except ValueError:
+            raise evidence.Violated(f"kelgw status --ledger gave no document, exit code {code}: {err.strip()}") from None
+
+    def _balances(self, seen):
+        self.ledger(seen)
+        evidence.ledger_balances(seen)
 
     # -------------------------------------------------------------------------------------------- the run
 

@@ -15,8 +15,8 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.dirname(HERE)]
 
-COLUMNS = ("SCENARIO", "RUNS", "PASSED", "RECOVERY s", "WORST", "INVALID s", "PUBLISHED", "WRITTEN", "GAPS", "COALESCED",
-           "IN FLIGHT", "LOST", "STALE", "MEMORY MB")
+COLUMNS = ("SCENARIO", "RUNS", "PASSED", "RECOVERY s", "WORST", "INVALID s", "PUBLISHED", "WRITTEN", "AGAIN", "COALESCED", "GAPS",
+           "IN FLIGHT", "AWAY", "LOST", "STALE", "MEMORY MB")
 
 
 def arguments():
@@ -46,17 +46,17 @@ def one_run(scenario, keep):
     try:
         failed = one.run()
         seen = one.look()
-        if seen.ledger is None and one.now.get("gateway", one.now.get("gateway2")):
+        if seen.ledger is None and one.applied:
             try:
-                one._books(seen)
-            except evidence.Violated:
-                pass
+                one.ledger(seen)
+            except evidence.Violated as violated:
+                one.story.append(f"no ledger: {violated}")
         books = evidence.account(seen)
         figures = {"passed": failed is None, "seconds": round(time.monotonic() - began, 2),
                    "recovery": [round(value, 3) for value in one.figures["recovery"]],
                    "invalid": [round(value, 3) for value in one.figures["invalid"]],
-                   "published": books.published, "written": books.written, "gaps": books.gaps, "coalesced": books.coalesced,
-                   "inFlight": books.in_flight, "lost": books.lost,
+                   "published": books.published, "written": books.written, "again": books.again, "coalesced": books.coalesced, "gaps": books.gaps,
+                   "inFlight": books.in_flight, "away": books.away, "lost": books.lost,
                    "stale": len(evidence.dead_shown_as_good(seen, allowance_of(scenario))),
                    "memory": max((high for name, high in one.sampler.high.items() if name.startswith("gateway")), default=0)}
         if failed:
@@ -81,7 +81,7 @@ def summary(runs):
             "recovery": statistics.median(recovery) if recovery else None, "recoveryWorst": max(recovery, default=None),
             "invalidWorst": max(invalid, default=None),
             **{name: sum(run[name] for run in runs)
-               for name in ("published", "written", "gaps", "coalesced", "inFlight", "lost", "stale")},
+               for name in ("published", "written", "again", "coalesced", "gaps", "inFlight", "away", "lost", "stale")},
             "memory": max(run["memory"] for run in runs)}
 
 
@@ -89,8 +89,8 @@ def row(name, figures):
     def seconds(value):
         return "-" if value is None else f"{value:.2f}"
     return [name, figures["runs"], figures["passed"], seconds(figures["recovery"]), seconds(figures["recoveryWorst"]),
-            seconds(figures["invalidWorst"]), figures["published"], figures["written"], figures["gaps"], figures["coalesced"],
-            figures["inFlight"], figures["lost"], figures["stale"], f"{figures['memory'] / 1048576:.1f}"]
+            seconds(figures["invalidWorst"]), figures["published"], figures["written"], figures["again"], figures["coalesced"], figures["gaps"],
+            figures["inFlight"], figures["away"], figures["lost"], figures["stale"], f"{figures['memory'] / 1048576:.1f}"]
 
 
 def print_table(rows):

@@ -50,7 +50,7 @@ def good():
         for tag in evidence.OUT_TAGS:
             seen.elements[f"O{publication}.{tag}"] = {"v": str(BASE + 2), "i": "0"}
     seen.messages.sort(key=lambda message: message.at)
-    seen.lives = {"publisher": [Life(1, 1.0, 10.0, True), Life(2, 12.0)], "gateway": [Life(1, 1.0)], "store": [Life(1, 0.5)]}
+    seen.lives = {"publisher": [Life(1, 1.0, 10.0), Life(2, 12.0)], "gateway": [Life(1, 1.0)], "store": [Life(1, 0.5)]}
     seen.losses = [(10.0, 1_000_000, "the end of publisher")]
     seen.returns = [Return(12.0, "the start of publisher", {0: BASE + 3, 1: BASE + 3}, {0: BASE + 1, 1: BASE + 1})]
     seen.events = [(8.9, {"event": "connected", "publication": "out/0"}), record_event(9.0, "aaa", 1), record_event(12.5, "aaa", 2)]
@@ -233,23 +233,23 @@ def left_good_for_ever(seen):
 
 
 def record_of_a_dead_gateway(seen):
-    seen.lives["gateway"] = [Life(1, 1.0, 10.0, True), Life(2, 12.0)]
+    seen.lives["gateway"] = [Life(1, 1.0, 10.0), Life(2, 12.0)]
     seen.messages[-1].incarnation = seen.messages[-2].incarnation = "bbb"
 
 
 def still_connected_to_a_dead_gateway(seen):
-    seen.lives["gateway"] = [Life(1, 1.0, 10.0, True)]
+    seen.lives["gateway"] = [Life(1, 1.0, 10.0)]
     seen.events = seen.events[:2]
     seen.now = 20.0
 
 
 def disconnected_late(seen):
-    seen.lives["gateway"] = [Life(1, 1.0, 9.5, True)]
+    seen.lives["gateway"] = [Life(1, 1.0, 9.5)]
     seen.events = [*seen.events[:2], (12.0, {"event": "disconnected", "publication": "out/0"})]
 
 
 def record_lost(seen):
-    seen.published[0] = [(1, 4), (2, 1)]
+    seen.published[0] = [(1, 3), (2, 2)]
 
 
 def two_owners(seen):
@@ -314,11 +314,40 @@ def test_coalesced_above_counts_superseded_records_and_the_backlog(good):
 
 
 def test_what_the_books_account_for_is_not_lost(good):
-    good.published[0] = [(1, 9), (2, 1)]
-    good.ledger["subscribe"][0].update(gaps=2, missing=1, discarded=1)
-    good.ledger["store"]["gone"] = [{"inFlight": 1}]
-    assert evidence.account(good).lost == 1
-    evidence.lost_at_most(good, 1)
+    good.published[0] = [(1, 3), (2, 9)]
+    assert evidence.account(good).lost == 8
+    good.ledger["subscribe"][0].update(gaps=1, superseded=1, discarded=1, before=1)
+    good.ledger["store"]["coalesced"] = 24
+    assert evidence.account(good).lost == 2
+    evidence.lost_at_most(good, 2)
+    with pytest.raises(Violated):
+        evidence.lost_at_most(good, 1)
+
+
+def test_what_is_written_twice_is_counted_once_and_noted(good):
+    good.writes.append(write_of(12.4, 99, 0, 2 * BASE + 1))
+    books = evidence.account(good)
+    assert (books.published, books.written, books.again, books.lost) == (8, 8, 1, 0)
+
+
+def test_what_a_killed_publisher_had_not_got_rid_of_is_in_flight(good):
+    good.published[0] = [(1, 7), (2, 1)]
+    books = evidence.account(good)
+    assert (books.published, books.written, books.in_flight, books.lost) == (12, 8, 4, 0)
+    del good.writes[0]  # a hole in what it did get rid of is nothing of the kind
+    books = evidence.account(good)
+    assert (books.in_flight, books.lost) == (4, 1)
+
+
+def test_what_a_killed_gateway_had_and_what_came_while_there_was_none_are_told_apart(good):
+    good.lives = {"publisher": [Life(1, 1.0)], "gateway": [Life(1, 1.0, 10.0, {0: BASE + 5, 1: BASE + 3}), Life(2, 12.0)]}
+    good.writes = [write_of(9.0, 1, 0, BASE + 1), write_of(9.0, 2, 0, BASE + 2), write_of(9.0, 3, 1, BASE + 3),
+                   write_of(12.5, 4, 0, BASE + 9), write_of(12.5, 5, 0, BASE + 11), write_of(12.5, 6, 1, BASE + 4)]
+    good.published = {0: [(1, 11)], 1: [(1, 4)]}
+    books = evidence.account(good)
+    assert (books.published, books.written) == (15, 6)
+    assert (books.in_flight, books.away) == (5, 3), "0: 3, 4 and 5, 1: 1 and 2; 0: 6, 7 and 8"
+    assert books.lost == 1, "0: 10"
 
 
 def test_a_flag_cleared_right_before_its_record_is_not_stale(good):
@@ -326,7 +355,7 @@ def test_a_flag_cleared_right_before_its_record_is_not_stale(good):
 
 
 def test_nobody_can_mark_anything_while_the_gateway_is_away(good):
-    good.lives["gateway"] = [Life(1, 1.0, 10.0, True), Life(2, 15.0)]
+    good.lives["gateway"] = [Life(1, 1.0, 10.0), Life(2, 15.0)]
     good.messages = []
     good.writes = [write for write in good.writes if write.at < 10] + [flag_of(16.0, 30 + p, p, "1") for p in (0, 1)]
     good.now = 20.0

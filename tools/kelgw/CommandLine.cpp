@@ -157,7 +157,7 @@ int runCommandLine(int count, const char* const* arguments, std::FILE* results, 
     const int code = app.exit(error, help, complaint);
     const std::string helpText = help.str();
     const std::string unknown = code == 0 ? std::string() : unknownCommand(app, count, arguments);
-    const std::string complaintText = unknown.empty() ? complaint.str() : "kelgw: " + unknown + "\n";
+    const std::string complaintText = unknown.empty() ? tamed(complaint.str()) : "kelgw: " + unknown + "\n";
     std::fwrite(helpText.data(), 1, helpText.size(), results);
     std::fwrite(complaintText.data(), 1, complaintText.size(), remarks);
     std::fflush(results);

@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -83,6 +84,22 @@ std::string Table::text(bool colours) const {
   return shown;
 }
 
+std::string tamed(std::string_view lines) {
+  std::string shown;
+  for (std::size_t at = 0; at < lines.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(lines[at]);
+    const auto next = at + 1 < lines.size() ? static_cast<unsigned char>(lines[at + 1]) : 0U;
+    const bool wide = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+    if (wide || (byte < 0x20 && byte != '\n') || byte == 0x7F) {
+      shown += wide ? fmt::format("\\x{:02x}\\x{:02x}", byte, next) : fmt::format("\\x{:02x}", byte);
+      at += wide ? 1 : 0;
+    } else {
+      shown += lines[at];
+    }
+  }
+  return shown;
+}
+
 Output::Output(std::FILE* resultStream, std::FILE* remarkStream, bool wantJson)
     : results(resultStream),
       remarks(remarkStream),
@@ -111,7 +128,7 @@ std::string Output::styled(std::string_view text, Style style) const {
 }
 
 void Output::remark(std::string_view text) {
-  const std::string whole = std::string("kelgw: ").append(text).append("\n");
+  const std::string whole = "kelgw: " + tamed(text) + "\n";
   std::fwrite(whole.data(), 1, whole.size(), remarks);
   std::fflush(remarks);
 }

@@ -39,6 +39,10 @@ class Table {
   std::vector<std::vector<Cell>> rows;
 };
 
+/// The lines without what would steer a terminal, shown as \x1b: names and arguments in what is said may come
+/// from anywhere.
+[[nodiscard]] std::string tamed(std::string_view lines);
+
 class Output {
  public:
   Output(std::FILE* resultStream, std::FILE* remarkStream, bool wantJson);

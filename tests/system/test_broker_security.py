@@ -211,6 +211,9 @@ def test_everybody_does_his_work_with_the_rights_of_the_example(site):
     harness.wait_until("the watcher to see both",
                        lambda: {line.split(" ")[0] for line in watcher.out}
                        >= {site.broker.topic(FED), site.broker.topic(PUBLISHED)})
+    books = site.json("status", "--ledger", "--settle", "0", env=site.as_user("kelgw"))
+    assert [row["publication"] for row in books["subscribe"] + books["publish"]] == [FED, PUBLISHED], books
+    assert books["subscribe"][0]["publishedBy"] == "publisher", "the publisher shows its books too"
     assert not complaints(gateway), gateway.said()
     assert not complaints(publisher), publisher.said()
 

@@ -308,9 +308,11 @@ std::vector<GoneLine> goneOf(const Books& books, const Index& index) {
     first = std::min(first, writer.sinceMs);
   }
   std::vector<GoneLine> result;
-  for (auto& [number, line] : lines) {
+  for (auto& entry : lines) {
+    const int number = entry.first;
+    GoneLine& line = entry.second;
     const auto now = std::find_if(books.managers.begin(), books.managers.end(), [&](const auto& manager) {
-      return manager.number == line.manager && holdsNumber(manager);
+      return manager.number == number && holdsNumber(manager);
     });
     if (now == books.managers.end()) {
       line.published = publishedUntilNow(books, since[number], index);

@@ -392,7 +392,7 @@ KelLedger largeLedger(int publications) {
     in.incarnation = "p" + std::to_string(i);
     in.runs = 1;
     in.before = i;
-    in.last = 2 * i;
+    in.last = std::int64_t{2} * i;
     in.counters.received = i;
     in.counters.gaps = -i;
     ledger.received.push_back(in);

@@ -97,27 +97,29 @@ class GuardedRedis(harness.Redis):
 
 
 class FailoverStore:
-    """One master, one replica, three sentinels on loopback ports, all with the users of the example. Stands in for the one
-    server of a site: start(), stop(), url; command() asks whoever is the master now."""
+    """One master, one replica, three sentinels on loopback ports, with the users of the example unless `guarded` is False.
+    Stands in for the one server of a site: start(), stop(), url; command() asks whoever is the master now."""
 
     NAME = "plant"
     TOLERANCE_MS = 1000  # without an answer for so long a master counts as dead
 
-    def __init__(self, folder):
-        self.folder = folder
+    def __init__(self, folder, guarded=True):
+        self.folder, self.guarded = folder, guarded
         self.ports = [harness.free_port() for _ in range(2)]
         self.sentinel_ports = [harness.free_port() for _ in range(3)]
         self.servers = [self._server(number) for number in range(2)]
-        self.passwords = self.servers[0].passwords
+        self.passwords = self.servers[0].passwords if guarded else {}
         self.sentinels = []
 
     def _server(self, number):
         folder = os.path.join(self.folder, f"store{number}")
         os.makedirs(folder)
         follow = ("--replicaof", "127.0.0.1", str(self.ports[0])) if number else ()
-        return GuardedRedis(folder, "--bind", "127.0.0.1", "--port", str(self.ports[number]), "--masteruser", "replica",
-                            "--masterauth", password("replica"), "--repl-diskless-sync-delay", "0",
-                            "--repl-ping-replica-period", "1", *follow)
+        common = ("--bind", "127.0.0.1", "--port", str(self.ports[number]), "--repl-diskless-sync-delay", "0",
+                  "--repl-ping-replica-period", "1", *follow)
+        if not self.guarded:
+            return harness.Redis(folder, *common)
+        return GuardedRedis(folder, "--masteruser", "replica", "--masterauth", password("replica"), *common)
 
     @property
     def url(self):
@@ -125,7 +127,8 @@ class FailoverStore:
 
     def url_of(self, user):
         places = ",".join(f"127.0.0.1:{port}" for port in self.sentinel_ports)
-        return f"redis+sentinel://{places}/{self.NAME}?user={user}&passfile={self.passwords[user]}"
+        login = f"?user={user}&passfile={self.passwords[user]}" if self.guarded else ""
+        return f"redis+sentinel://{places}/{self.NAME}{login}"
 
     def start(self):
         for server in self.servers:
@@ -145,7 +148,8 @@ class FailoverStore:
                        f"sentinel monitor {self.NAME} 127.0.0.1 {self.ports[0]} 2\n"
                        f"sentinel down-after-milliseconds {self.NAME} {int(self.TOLERANCE_MS * harness.PATIENCE)}\n"
                        f"sentinel failover-timeout {self.NAME} {int(6000 * harness.PATIENCE)}\n"
-                       f'sentinel auth-user {self.NAME} sentinel\nsentinel auth-pass {self.NAME} "{password("sentinel")}"\n')
+                       + (f'sentinel auth-user {self.NAME} sentinel\nsentinel auth-pass {self.NAME} "{password("sentinel")}"\n'
+                          if self.guarded else ""))
         process = harness.Process(["redis-sentinel", path])
         self.sentinels.append(process)
         process.wait_for("the sentinel to start", lambda: self._sentinel(port, "PING") == b"PONG")
@@ -172,7 +176,14 @@ class FailoverStore:
 
     def let_the_replica_fall_behind(self):
         """From now on what the master takes does not reach the replica."""
-        self.servers[0].commands([("ACL", "SETUSER", "replica", "-psync", "-replconf"), ("CLIENT", "KILL", "TYPE", "replica")])
+        self.servers[0].command("ACL", "SETUSER", "replica" if self.guarded else "default", "-sync", "-psync", "-replconf")
+        self.servers[0].command("CLIENT", "KILL", "TYPE", "replica")
+
+    def behind_seconds(self):
+        """How long the replica has had no link to its master."""
+        text = self.servers[1].command("INFO", "replication").decode()
+        found = dict(line.split(":", 1) for line in text.split("\r\n") if ":" in line)
+        return int(found.get("master_link_down_since_seconds", "0"))
 
     def kill_master(self):
         self.servers[0].kill()

@@ -368,20 +368,23 @@ class Account:
     after a link was lost: not part of the sum), in_flight (published until
     a process was killed, and never written), away (published while there was no gateway, or none that had subscribed yet).
     Counted by the product: gaps (never reached the gateway, or waited there when its link was lost) and coalesced
-    (superseded by newer ones)."""
+    (superseded by newer ones), forgotten (confirmed by a store that died, unknown to the one in its place, and not the
+    newest of their elements, which are written again)."""
 
-    def __init__(self, published, written, again, in_flight, away, gaps, coalesced):
+    def __init__(self, published, written, again, in_flight, away, gaps, coalesced, forgotten=0):
         self.published, self.written, self.again, self.in_flight, self.away = published, written, again, in_flight, away
-        self.gaps, self.coalesced = gaps, coalesced
+        self.gaps, self.coalesced, self.forgotten = gaps, coalesced, forgotten
 
     @property
     def lost(self):
         """Not written and not accounted for by anything."""
-        return max(0, self.published - self.written - self.in_flight - self.away - self.gaps - self.coalesced)
+        return max(0, self.published - self.written - self.in_flight - self.away - self.gaps - self.coalesced -
+                   self.forgotten)
 
     def __str__(self):
         return (f"{self.published} published, {self.written} written, {self.in_flight} in flight at a kill, {self.away} published "
-                f"while no gateway ran, {self.gaps} gaps, {self.coalesced} coalesced")
+                f"while no gateway ran, {self.gaps} gaps, {self.coalesced} coalesced, "
+                f"{self.forgotten} forgotten by a store that died")
 
 
 def account(evidence):
@@ -415,7 +418,10 @@ def account(evidence):
     if not any(life.died for name in ("gateway", "gateway2") for life in evidence.lives.get(name, [])):
         away += total("before")  # what the publisher sent before the gateway had subscribed
     backlog = round(((ledger.get("store") or {}).get("coalesced") or 0) / (ATTRIBUTES * len(TAGS)))
-    return Account(published, sum(map(len, written.values())), again, in_flight, away, total("gaps", "discarded"), total("superseded") + backlog)
+    store = ledger.get("store") or {}
+    forgotten = round(((store.get("lost") or 0) - (store.get("restored") or 0)) / (ATTRIBUTES * len(TAGS)))
+    return Account(published, sum(map(len, written.values())), again, in_flight, away, total("gaps", "discarded"),
+                   total("superseded") + backlog, forgotten)
 
 
 def _gateway_ends(evidence, publication, written):

@@ -22,6 +22,7 @@ FORMS = {
     "with broker persistence": "the broker keeps retained messages on disk, written every second",
     "with buffer time <count> ms": "of every other outgoing publication",
     "with small disk <number> MB": "the store's folder is a file system of that size",
+    "with replica": "the store has a replica, and three sentinels that make it the master when the store dies",
     "load <count> records/s over <count> publications": "what the publisher sends; without it there is no publisher",
     "writes <count> /s over <count> publications": "what the writer changes; without it there is no writer",
     # What happens.
@@ -40,6 +41,8 @@ FORMS = {
     "heal <link>": "all is well again; what waited passes",
     "fill disk": "nothing more fits into the store's folder",
     "free disk": "and again it does",
+    "let replica fall behind": "what the store takes from now on does not reach its replica",
+    "wait until promoted": "until the replica is the store",
     "step clock of gateway by <signed> s": "the wall clock of that one process",
     "wait <number> s": "nothing happens for so long",
     "wait until flowing": "until every publication in use has passed, both ways",
@@ -107,6 +110,7 @@ class Scenario:
         self.backlog_mb = None
         self.broker_persistence = False
         self.disk_mb = None
+        self.replica = False
         self.buffer_ms = 100
         self.rate = self.publications = 0
         self.write_rate = self.out_publications = 0
@@ -206,6 +210,8 @@ def _take_setting(scenario, form, values):
         (scenario.buffer_ms,) = values
     elif form.startswith("with small disk"):
         (scenario.disk_mb,) = values
+    elif form == "with replica":
+        scenario.replica = True
     else:
         rate, count = values
         if rate == 0 or count == 0:
@@ -214,6 +220,8 @@ def _take_setting(scenario, form, values):
             scenario.rate, scenario.publications = rate, count
         else:
             scenario.write_rate, scenario.out_publications = rate, count
+    if scenario.replica and scenario.disk_mb is not None:
+        raise Mistake("a store has a replica or a small disk, not both; leave one of the two out")
 
 
 class _Life:
@@ -235,6 +243,8 @@ class _Life:
             for process in values:
                 self.hit(verb, process)
         elif verb in ("cut", "refuse", "delay", "throttle"):
+            if values[0] == "gateway-store" and self.scenario.replica:
+                raise Mistake("with a replica this link has no one place to be cut; leave one of the two out")
             self.ill.add(values[0])
             self.lost = True
         elif verb == "heal":
@@ -244,6 +254,8 @@ class _Life:
             self.returned = True
         elif form in ("fill disk", "free disk"):
             self.disk(form == "fill disk")
+        elif form in ("let replica fall behind", "wait until promoted"):
+            self.replica(form == "wait until promoted")
         elif form in ("stop load", "resume load", "wait until flowing"):
             if not self.running & {"publisher", "writer"}:
                 raise Mistake("neither publisher nor writer has been started; start one before this line")
@@ -251,6 +263,8 @@ class _Life:
     def start(self, process):
         if process in self.running:
             raise Mistake(f"{process} runs already; kill or stop it first")
+        if process == "store" and self.scenario.replica and self.lost:
+            raise Mistake("its replica takes its place; write instead: wait until promoted")
         if process == "publisher" and not self.scenario.rate:
             raise Mistake("the publisher has nothing to send; write a line before it: load 2000 records/s over 20 publications")
         if process == "writer" and not self.scenario.write_rate:
@@ -261,6 +275,8 @@ class _Life:
     def hit(self, verb, process):
         if process not in self.running:
             raise Mistake(f"{process} does not run here; write a line before it: start {process}")
+        if process == "store" and verb in ("stop", "pause") and self.scenario.replica:
+            raise Mistake("with a replica a store only dies; write instead: kill -9 store")
         if process == "store" and verb in ("kill", "stop") and self.scenario.disk_mb is not None:
             raise Mistake("the store could not come back, for its small disk goes with it; pause it, or leave the small disk out")
         if verb == "continue":
@@ -284,6 +300,16 @@ class _Life:
         self.full = full
         self.lost = True
         self.returned = self.returned or not full
+
+    def replica(self, promoted):
+        if not self.scenario.replica:
+            raise Mistake("the store has no replica; write a line before the first start: with replica")
+        if promoted == ("store" in self.running):
+            raise Mistake("the store is not dead; write a line before it: kill -9 store" if promoted else
+                          "the store does not run here; write a line before it: start store")
+        if promoted:
+            self.running.add("store")
+            self.returned = True
 
     def expect(self, form, values):
         if "flow resumes" in form and not self.returned:

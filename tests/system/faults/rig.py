@@ -31,7 +31,7 @@ class Rig:
     def __init__(self, scenario, keep_under=None):
         self.scenario = scenario
         self.folder = tempfile.mkdtemp(prefix=f"kelgw-faults.{scenario.name}.", dir=keep_under)
-        self.store = servers.Store(self.folder, scenario.disk_mb)
+        self.store = servers.ReplicatedStore(self.folder) if scenario.replica else servers.Store(self.folder, scenario.disk_mb)
         self.broker = servers.Broker(self.folder, scenario.broker_persistence)
         self.rate = max(1, int(scenario.rate / harness.PATIENCE))
         self.write_rate = max(1, int(scenario.write_rate / harness.PATIENCE))
@@ -55,6 +55,8 @@ class Rig:
         return f"mqtt://127.0.0.1:{port}?group={harness.GROUP}&keepAlive={self.scenario.keep_alive}"
 
     def store_url(self, link=None):
+        if self.scenario.replica:
+            return self.store.url
         path = self.store.path if link not in self.scenario.links else self._proxy(link)
         return f"redis+unix://{path}"
 
@@ -104,6 +106,8 @@ class Rig:
         self.store.start()
         self.now["store"] = self.store.process
         self.past.append(("store", self.store.process))
+        if self.scenario.replica:
+            self.past.extend(self.store.others())
         if not self.applied:
             self._apply()
             self.watcher = recorders.LogWatcher(self.store.path)
@@ -133,7 +137,7 @@ class Rig:
         config = os.path.join(self.folder, name + ".config")
         with open(config, "w", encoding="utf-8") as file:
             if self.scenario.backlog_mb is not None:
-                file.write(f"[general]\nbacklogBytes = {int(self.scenario.backlog_mb * 1048576)}\n")
+                file.write(f"[general]\nbacklogBytes = {int(self.scenario.backlog_mb * 1048576 / harness.PATIENCE)}\n")
             file.write(f'[kel]\nclientDPList = "{harness.LIST}"\npubDPList = "{harness.PUBLICATIONS}"\n'
                        f'publisherName = "{PUBLISHER_NAMES[name]}"\n')
         env = self.environment(kel_link, store_link)
@@ -189,6 +193,18 @@ class Rig:
             process.wait(30)
             self.evidence.lives[name][-1].died = self.evidence.losses[-1][0]
             self.evidence.lives[name][-1].published = published
+        if self.scenario.replica and "store" in names:
+            self.store.master_is_dead()
+
+    def _wait_until_promoted(self):
+        published, confirmed = self._published(), self._confirmed()
+        self.store.wait_until_promoted()
+        born = time.monotonic()
+        lives = self.evidence.lives["store"]
+        lives.append(evidence.Life(len(lives) + 1, born))
+        self.now["store"] = self.store.process
+        self.sampler.watch("store", self.store.process.pid)
+        self._came_back(born, "the replica became the master", published, confirmed)
 
     def _lost(self, what):
         self.evidence.losses.append((time.monotonic(), int(time.time() * 1000), what))
@@ -295,6 +311,10 @@ class Rig:
                 if "libfaketime" not in maps.read():
                     raise RuntimeError("the gateway does not have the clock that can be stepped; is the package faketime installed?")
             self._set_clock(values[0])
+        elif form == "let replica fall behind":
+            self.store.let_the_replica_fall_behind()
+        elif form == "wait until promoted":
+            self._wait_until_promoted()
         elif form == "wait <number> s":
             time.sleep(values[0])
         elif form == "wait until flowing":
@@ -308,7 +328,7 @@ class Rig:
             self._proxy(link)
         order = {"cut": "hold", "refuse": "refuse", "heal": "pass"}.get(step.verb)
         if order is None:
-            order = f"delay {figure[0]}" if step.verb == "delay" else f"rate {figure[0] * 1024}"
+            order = f"delay {figure[0]}" if step.verb == "delay" else f"rate {figure[0] * 1024 / harness.PATIENCE}"
         if step.verb == "heal":
             self._came_back(time.monotonic(), f"{link} was healed")
         self._order(link, order)
@@ -359,7 +379,12 @@ class Rig:
             self.figures["recovery"].append(took)
             return took
         if "flow goes on" in step.form:
-            return self._flows(values[0])
+            took = self._flows(values[0])
+            lost, back = (times[-1] for times in ([0, *(loss[0] for loss in self.evidence.losses)],
+                                                  [0, *(back.at for back in self.evidence.returns)]))
+            if lost > back:  # nobody came back: somebody else took over
+                self.figures["recovery"].append(took)
+            return took
         if "elements invalid" in step.form:
             took = self._within(values[0], lambda seen: evidence.elements_invalid(seen, values[0] * harness.PATIENCE))
             self.figures["invalid"].append(took)
@@ -377,10 +402,12 @@ class Rig:
         seen = self.look(elements=True)
         simple = {"expect source": evidence.source_times_kept, "expect sequences": evidence.sequences_forward,
                   "expect records": evidence.records_whole, "expect nothing": evidence.nothing_dead,
-                  "expect memory": evidence.memory_below, "expect owner": evidence.owner_changes}
+                  "expect owner": evidence.owner_changes}
         key = " ".join(words[:2])
         if key == "expect nothing":
             return evidence.nothing_dead(seen, values[0] * harness.PATIENCE)
+        if key == "expect memory":
+            return evidence.memory_below(seen, values[0], values[1] * harness.PATIENCE)
         if key in simple:
             return simple[key](seen, *values)
         if key in ("expect lost", "expect coalesced"):
@@ -440,6 +467,10 @@ class Rig:
                 return self._failed(step, str(violated))
             except (AssertionError, RuntimeError, OSError, subprocess.SubprocessError) as trouble:
                 return self._failed(step, f"{type(trouble).__name__}: {trouble}")
+        for name, process in self.past:
+            found = [line for line in process.err if any(mark in line for mark in ("Sanitizer", "runtime error:", "Assertion"))]
+            if found:
+                return self._failed(self.scenario.steps[-1], f"{name} has reported: {evidence.some(found)}")
         return None
 
     def _failed(self, step, text):

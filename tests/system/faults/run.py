@@ -16,7 +16,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.dirname(HERE)]
 
 COLUMNS = ("SCENARIO", "RUNS", "PASSED", "RECOVERY s", "WORST", "INVALID s", "PUBLISHED", "WRITTEN", "AGAIN", "COALESCED", "GAPS",
-           "IN FLIGHT", "AWAY", "LOST", "STALE", "MEMORY MB")
+           "IN FLIGHT", "AWAY", "FORGOTTEN", "LOST", "STALE", "MEMORY MB")
 
 
 def arguments():
@@ -56,7 +56,7 @@ def one_run(scenario, keep):
                    "recovery": [round(value, 3) for value in one.figures["recovery"]],
                    "invalid": [round(value, 3) for value in one.figures["invalid"]],
                    "published": books.published, "written": books.written, "again": books.again, "coalesced": books.coalesced, "gaps": books.gaps,
-                   "inFlight": books.in_flight, "away": books.away, "lost": books.lost,
+                   "inFlight": books.in_flight, "away": books.away, "forgotten": books.forgotten, "lost": books.lost,
                    "stale": len(evidence.dead_shown_as_good(seen, allowance_of(scenario))),
                    "memory": max((high for name, high in one.sampler.high.items() if name.startswith("gateway")), default=0)}
         if failed:
@@ -81,7 +81,7 @@ def summary(runs):
             "recovery": statistics.median(recovery) if recovery else None, "recoveryWorst": max(recovery, default=None),
             "invalidWorst": max(invalid, default=None),
             **{name: sum(run[name] for run in runs)
-               for name in ("published", "written", "again", "coalesced", "gaps", "inFlight", "away", "lost", "stale")},
+               for name in ("published", "written", "again", "coalesced", "gaps", "inFlight", "away", "forgotten", "lost", "stale")},
             "memory": max(run["memory"] for run in runs)}
 
 
@@ -90,7 +90,7 @@ def row(name, figures):
         return "-" if value is None else f"{value:.2f}"
     return [name, figures["runs"], figures["passed"], seconds(figures["recovery"]), seconds(figures["recoveryWorst"]),
             seconds(figures["invalidWorst"]), figures["published"], figures["written"], figures["again"], figures["coalesced"], figures["gaps"],
-            figures["inFlight"], figures["away"], figures["lost"], figures["stale"], f"{figures['memory'] / 1048576:.1f}"]
+            figures["inFlight"], figures["away"], figures["forgotten"], figures["lost"], figures["stale"], f"{figures['memory'] / 1048576:.1f}"]
 
 
 def print_table(rows):

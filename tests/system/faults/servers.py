@@ -6,6 +6,7 @@ import resource
 import subprocess
 
 import harness
+import stores
 
 
 class Store(harness.Redis):
@@ -66,6 +67,52 @@ class Store(harness.Redis):
             os.unlink(self._ballast())
         else:
             resource.prlimit(self.process.pid, resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+
+
+class ReplicatedStore:
+    """A master, its replica and three sentinels. `path` leads to the master; once that is dead, to the replica."""
+
+    disk_kind = None
+
+    def __init__(self, folder):
+        self.servers = stores.FailoverStore(os.path.join(folder, "replicated"), guarded=False)
+        self.path = os.path.join(folder, "redis.sock")
+        self._lead_to(0)
+        self.lags = False
+
+    def _lead_to(self, number):
+        new = self.path + ".new"
+        os.symlink(self.servers.servers[number].path, new)
+        os.rename(new, self.path)
+        self.number = number
+
+    @property
+    def url(self):
+        return self.servers.url
+
+    @property
+    def process(self):
+        return self.servers.servers[self.number].process
+
+    def others(self):
+        """(name, process) of everything besides the master."""
+        return [("replica", self.servers.servers[1].process), *(("sentinel", process) for process in self.servers.sentinels)]
+
+    def start(self):
+        self.servers.start()
+        return self
+
+    def let_the_replica_fall_behind(self):
+        self.servers.let_the_replica_fall_behind()
+        self.lags = True
+
+    def master_is_dead(self):
+        if self.lags and self.servers.behind_seconds() < 1:
+            raise RuntimeError("the replica is not behind its master; wait 2 s before the kill")
+        self._lead_to(1)
+
+    def wait_until_promoted(self):
+        harness.wait_until("Sentinel to make the replica the master", self.servers.promoted, 30)
 
 
 class Broker(harness.Broker):

@@ -330,6 +330,15 @@ def test_what_is_written_twice_is_counted_once_and_noted(good):
     assert (books.published, books.written, books.again, books.lost) == (8, 8, 1, 0)
 
 
+def test_what_a_dead_store_took_along_is_forgotten_unless_it_was_written_again(good):
+    good.lives["publisher"] = [Life(1, 1.0)]
+    del good.writes[:3]
+    assert evidence.account(good).lost == 3
+    good.ledger["store"].update({"lost": 36, "restored": 12})
+    books = evidence.account(good)
+    assert (books.forgotten, books.lost) == (2, 1)
+
+
 def test_what_a_killed_publisher_had_not_got_rid_of_is_in_flight(good):
     good.published[0] = [(1, 7), (2, 1)]
     books = evidence.account(good)

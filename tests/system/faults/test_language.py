@@ -103,6 +103,13 @@ def test_a_line_that_cannot_work_where_it_stands_is_refused(line, said):
     ("load 0 records/s over 1 publications\nstart store\nexpect store running", "nothing would ever flow"),
     ("with small disk 16 MB\nstart store\nfill disk\nfill disk\nexpect store running", "the disk is full already"),
     ("with small disk 16 MB\nstart store\nkill -9 store\nstart store\nexpect store running", "its small disk goes with it"),
+    ("with small disk 16 MB\nwith replica\nstart store\nexpect store running", "not both"),
+    ("start store\nlet replica fall behind\nexpect store running", "the store has no replica"),
+    ("with replica\nstart store\nwait until promoted\nexpect store running", "the store is not dead"),
+    ("with replica\nlet replica fall behind\nstart store\nexpect store running", "the store does not run here"),
+    ("with replica\nstart store\nkill -9 store\nstart store\nexpect store running", "write instead: wait until promoted"),
+    ("with replica\nstart store\nstop store\nexpect store running", "write instead: kill -9 store"),
+    ("with replica\nstart store\ncut gateway-store\nexpect store running", "no one place to be cut"),
 ])
 def test_a_scenario_that_could_not_run_or_not_fail_is_refused(text, said):
     assert any(said in mistake for mistake in mistakes(text))

@@ -72,14 +72,14 @@ bool loadCertificate(SSL_CTX* context, const TlsFiles& files, std::string& error
     error = "cert file " + files.cert + " holds no certificate in PEM";
     return false;
   }
-  std::optional<std::string> text = readSecretFile(files.key, "key file", error);
-  if (!text) return false;
+  std::string text = readSecretFile(files.key, "key file", error).value_or("");
+  if (text.empty()) return false;
   std::unique_ptr<EVP_PKEY, FreeKey> key;
   {
-    const std::unique_ptr<BIO, FreeBio> bytes(BIO_new_mem_buf(text->data(), static_cast<int>(text->size())));
+    const std::unique_ptr<BIO, FreeBio> bytes(BIO_new_mem_buf(text.c_str(), static_cast<int>(text.size())));
     key.reset(PEM_read_bio_PrivateKey(bytes.get(), nullptr, noPassphrase, nullptr));
   }
-  OPENSSL_cleanse(text->data(), text->size());
+  OPENSSL_cleanse(text.data(), text.size());
   if (!key) {
     error = "key file " + files.key + " holds no private key in PEM that can be used without a passphrase";
     return false;

@@ -322,7 +322,8 @@ def _stale_records(evidence, born, died, deadline):
         if event["event"] == "record":
             incarnation = (event.get("publisher") or "/").split("/")[-1]
             if at > deadline and incarnation in dead and event.get("quality") == 1:
-                found.append(f"{name}: record {event.get('sequence')} of a gateway killed at {died:.2f} was delivered at {at:.2f}")
+                found.append(f"{name}: record {event.get('sequence')} of a gateway killed at {died:.2f} was delivered "
+                             f"at {at:.2f}")
             last[name] = incarnation
         elif event["event"] in ("connected", "disconnected"):
             if connected.get(name) and last.get(name) in dead and at > deadline and event["event"] == "disconnected":
@@ -382,8 +383,8 @@ class Account:
                    self.forgotten)
 
     def __str__(self):
-        return (f"{self.published} published, {self.written} written, {self.in_flight} in flight at a kill, {self.away} published "
-                f"while no gateway ran, {self.gaps} gaps, {self.coalesced} coalesced, "
+        return (f"{self.published} published, {self.written} written, {self.in_flight} in flight at a kill, "
+                f"{self.away} published while no gateway ran, {self.gaps} gaps, {self.coalesced} coalesced, "
                 f"{self.forgotten} forgotten by a store that died")
 
 

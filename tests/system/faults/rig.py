@@ -148,17 +148,18 @@ class Rig:
         self._spawn(name, [os.path.join(harness.BIN, "kel-gateway"), "-config", config], env=env)
 
     def _start_publisher(self, life):
-        self._spawn("publisher", [os.path.join(harness.BIN, "load_publisher"), PUBLISHER_NAMES["publisher"], self._account("publisher", life), life,
-                                  self.evidence.publications, self.rate],
+        self._spawn("publisher", [os.path.join(harness.BIN, "load_publisher"), PUBLISHER_NAMES["publisher"],
+                                  self._account("publisher", life), life, self.evidence.publications, self.rate],
                     env=self.environment("publisher-broker"), stdin=True)
 
     def _start_writer(self, life):
-        self._spawn("writer", [PYTHON, "-B", os.path.join(HERE, "writer.py"), self.store.path, self._account("writer", life), life,
-                               self.evidence.out_publications, self.write_rate], stdin=True)
+        self._spawn("writer", [PYTHON, "-B", os.path.join(HERE, "writer.py"), self.store.path,
+                               self._account("writer", life), life, self.evidence.out_publications, self.write_rate], stdin=True)
 
     def _apply(self):
         elements = {f"L{index}.{tag}": "int" for index in range(self.evidence.publications) for tag in evidence.TAGS}
-        elements.update({f"O{index}.{tag}": "int" for index in range(self.evidence.out_publications) for tag in evidence.OUT_TAGS})
+        elements.update({f"O{index}.{tag}": "int" for index in range(self.evidence.out_publications)
+                         for tag in evidence.OUT_TAGS})
         plant = {"elements": elements, "lists": {"clients": harness.LIST, "publications": harness.PUBLICATIONS},
                  "subscribe": {f"load/{index}": {tag: f"L{index}.{tag}" for tag in evidence.TAGS}
                                for index in range(self.evidence.publications)},
@@ -254,7 +255,8 @@ class Rig:
             found = {}
             for name in names:
                 flat = link.command("HGETALL", "dp:d:" + name)
-                found[name] = {key.decode(): value.decode("utf-8", "backslashreplace") for key, value in zip(flat[::2], flat[1::2])}
+                found[name] = {key.decode(): value.decode("utf-8", "backslashreplace")
+                               for key, value in zip(flat[::2], flat[1::2])}
             return found
         except (OSError, resp.Refused):
             return {}
@@ -309,7 +311,7 @@ class Rig:
         elif step.verb == "step":
             with open(f"/proc/{self.now['gateway'].pid}/maps", encoding="utf-8") as maps:
                 if "libfaketime" not in maps.read():
-                    raise RuntimeError("the gateway does not have the clock that can be stepped; is the package faketime installed?")
+                    raise RuntimeError("the gateway's clock cannot be stepped; is the package faketime installed?")
             self._set_clock(values[0])
         elif form == "let replica fall behind":
             self.store.let_the_replica_fall_behind()

@@ -18,6 +18,10 @@ sys.path[:0] = [HERE, os.path.dirname(HERE)]
 COLUMNS = ("SCENARIO", "RUNS", "PASSED", "RECOVERY s", "WORST", "INVALID s", "PUBLISHED", "WRITTEN", "AGAIN", "COALESCED", "GAPS",
            "IN FLIGHT", "AWAY", "FORGOTTEN", "LOST", "STALE", "MEMORY MB")
 
+# What became of the records: the name in the document, and in evidence.Account; in the table in the same order.
+COUNTS = {"published": "published", "written": "written", "again": "again", "coalesced": "coalesced", "gaps": "gaps",
+          "inFlight": "in_flight", "away": "away", "forgotten": "forgotten", "lost": "lost"}
+
 
 def arguments():
     parser = argparse.ArgumentParser(description="Runs fault scenarios with real processes.")
@@ -55,12 +59,12 @@ def one_run(scenario, keep):
         figures = {"passed": failed is None, "seconds": round(time.monotonic() - began, 2),
                    "recovery": [round(value, 3) for value in one.figures["recovery"]],
                    "invalid": [round(value, 3) for value in one.figures["invalid"]],
-                   "published": books.published, "written": books.written, "again": books.again, "coalesced": books.coalesced, "gaps": books.gaps,
-                   "inFlight": books.in_flight, "away": books.away, "forgotten": books.forgotten, "lost": books.lost,
+                   **{name: getattr(books, attribute) for name, attribute in COUNTS.items()},
                    "stale": len(evidence.dead_shown_as_good(seen, allowance_of(scenario))),
                    "memory": max((high for name, high in one.sampler.high.items() if name.startswith("gateway")), default=0)}
         if failed:
-            figures.update({"failed": f"{scenario.name}:{failed[0].line}: {failed[0].text}", "why": failed[1], "folder": one.folder})
+            figures.update({"failed": f"{scenario.name}:{failed[0].line}: {failed[0].text}", "why": failed[1],
+                            "folder": one.folder})
         return figures
     finally:
         one.close(keep=failed is not None)
@@ -81,7 +85,7 @@ def summary(runs):
             "recovery": statistics.median(recovery) if recovery else None, "recoveryWorst": max(recovery, default=None),
             "invalidWorst": max(invalid, default=None),
             **{name: sum(run[name] for run in runs)
-               for name in ("published", "written", "again", "coalesced", "gaps", "inFlight", "away", "forgotten", "lost", "stale")},
+               for name in (*COUNTS, "stale")},
             "memory": max(run["memory"] for run in runs)}
 
 
@@ -89,8 +93,8 @@ def row(name, figures):
     def seconds(value):
         return "-" if value is None else f"{value:.2f}"
     return [name, figures["runs"], figures["passed"], seconds(figures["recovery"]), seconds(figures["recoveryWorst"]),
-            seconds(figures["invalidWorst"]), figures["published"], figures["written"], figures["again"], figures["coalesced"], figures["gaps"],
-            figures["inFlight"], figures["away"], figures["forgotten"], figures["lost"], figures["stale"], f"{figures['memory'] / 1048576:.1f}"]
+            seconds(figures["invalidWorst"]), *(figures[count] for count in (*COUNTS, "stale")),
+            f"{figures['memory'] / 1048576:.1f}"]
 
 
 def print_table(rows):

@@ -25,7 +25,8 @@ def message_of(at, publication, incarnation, sequence, number, quality=1):
 
 
 def record_event(at, incarnation, sequence, quality=1):
-    return at, {"event": "record", "publication": "out/0", "publisher": "KelGateway/" + incarnation, "sequence": sequence, "quality": quality}
+    return at, {"event": "record", "publication": "out/0", "publisher": "KelGateway/" + incarnation, "sequence": sequence,
+                "quality": quality}
 
 
 @pytest.fixture
@@ -53,7 +54,8 @@ def good():
     seen.lives = {"publisher": [Life(1, 1.0, 10.0), Life(2, 12.0)], "gateway": [Life(1, 1.0)], "store": [Life(1, 0.5)]}
     seen.losses = [(10.0, 1_000_000, "the end of publisher")]
     seen.returns = [Return(12.0, "the start of publisher", {0: BASE + 3, 1: BASE + 3}, {0: BASE + 1, 1: BASE + 1})]
-    seen.events = [(8.9, {"event": "connected", "publication": "out/0"}), record_event(9.0, "aaa", 1), record_event(12.5, "aaa", 2)]
+    seen.events = [(8.9, {"event": "connected", "publication": "out/0"}), record_event(9.0, "aaa", 1),
+                   record_event(12.5, "aaa", 2)]
     seen.memory = {"gateway": 10 * 1048576}
     seen.said = {"gateway": ["all is well", "waiting"]}
     seen.running = {"gateway": True}
@@ -264,7 +266,8 @@ PLANTED = [
     ("source times", value_with_another_time), ("source times", element_with_another_time),
     ("equal", element_behind), ("equal", element_invalid), ("equal", element_missing),
     ("carry", publication_behind), ("carry", publication_missing), ("carry", store_behind_its_word), ("carry", bad_on_the_broker),
-    ("forward", lower_number_after_a_higher), ("forward", dead_life_after_the_new_one), ("forward", new_record_out_of_order_on_the_broker),
+    ("forward", lower_number_after_a_higher), ("forward", dead_life_after_the_new_one),
+    ("forward", new_record_out_of_order_on_the_broker),
     ("forward", other_record_under_a_known_number), ("forward", lower_sequence_delivered),
     ("whole", torn_write), ("whole", half_a_write), ("whole", torn_record),
     ("dead", never_marked_invalid), ("dead", cleared_long_before_the_new_record), ("dead", left_good_for_ever),

@@ -3,6 +3,7 @@
 import hashlib
 import os
 import socket
+import ssl
 import subprocess
 
 import harness
@@ -103,8 +104,8 @@ class FailoverStore:
     NAME = "plant"
     TOLERANCE_MS = 1000  # without an answer for so long a master counts as dead
 
-    def __init__(self, folder, guarded=True):
-        self.folder, self.guarded = folder, guarded
+    def __init__(self, folder, guarded=True, certificates=None):
+        self.folder, self.guarded, self.certificates = folder, guarded, certificates
         self.ports = [harness.free_port() for _ in range(2)]
         self.sentinel_ports = [harness.free_port() for _ in range(3)]
         self.servers = [self._server(number) for number in range(2)]
@@ -115,11 +116,19 @@ class FailoverStore:
         folder = os.path.join(self.folder, f"store{number}")
         os.makedirs(folder)
         follow = ("--replicaof", "127.0.0.1", str(self.ports[0])) if number else ()
-        common = ("--bind", "127.0.0.1", "--port", str(self.ports[number]), "--repl-diskless-sync-delay", "0",
+        common = ("--bind", "127.0.0.1", *self._listen(self.ports[number]), "--repl-diskless-sync-delay", "0",
                   "--repl-ping-replica-period", "1", *follow)
         if not self.guarded:
             return harness.Redis(folder, *common)
         return GuardedRedis(folder, "--masteruser", "replica", "--masterauth", password("replica"), *common)
+
+    def _listen(self, port):
+        """Switches of a server or a sentinel."""
+        if self.certificates is None:
+            return ("--port", str(port))
+        return ("--port", "0", "--tls-port", str(port), "--tls-replication", "yes", "--tls-auth-clients", "no",
+                "--tls-cert-file", self.certificates.cert("server"), "--tls-key-file", self.certificates.key("server"),
+                "--tls-ca-cert-file", self.certificates.cert("ca"))
 
     @property
     def url(self):
@@ -128,7 +137,9 @@ class FailoverStore:
     def url_of(self, user):
         places = ",".join(f"127.0.0.1:{port}" for port in self.sentinel_ports)
         login = f"?user={user}&passfile={self.passwords[user]}" if self.guarded else ""
-        return f"redis+sentinel://{places}/{self.NAME}{login}"
+        if self.certificates is None:
+            return f"redis+sentinel://{places}/{self.NAME}{login}"
+        return f"rediss+sentinel://{places}/{self.NAME}{login}&ca={self.certificates.cert('ca')}"
 
     def start(self):
         for server in self.servers:
@@ -144,7 +155,9 @@ class FailoverStore:
         os.makedirs(folder)
         path = os.path.join(folder, "sentinel.conf")
         with open(path, "w", encoding="utf-8") as file:
-            file.write(f'port {port}\nbind 127.0.0.1\ndir "{folder}"\n'
+            switches = self._listen(port)
+            file.write("".join(f"{name[2:]} {value}\n" for name, value in zip(switches[::2], switches[1::2])))
+            file.write(f'bind 127.0.0.1\ndir "{folder}"\n'
                        f"sentinel monitor {self.NAME} 127.0.0.1 {self.ports[0]} 2\n"
                        f"sentinel down-after-milliseconds {self.NAME} {int(self.TOLERANCE_MS * harness.PATIENCE)}\n"
                        f"sentinel failover-timeout {self.NAME} {int(6000 * harness.PATIENCE)}\n"
@@ -161,11 +174,17 @@ class FailoverStore:
 
     def _sentinel(self, port, *words):
         try:
-            with socket.create_connection(("127.0.0.1", port), 5) as link, link.makefile("rb") as stream:
+            with self._connect(port) as link, link.makefile("rb") as stream:
                 link.sendall(b"*%d\r\n" % len(words) + b"".join(b"$%d\r\n%s\r\n" % (len(word), word.encode()) for word in words))
                 return self.servers[0]._reply(stream)  # pylint: disable=protected-access
         except OSError:
             return None
+
+    def _connect(self, port):
+        link = socket.create_connection(("127.0.0.1", port), 5)
+        if self.certificates is None:
+            return link
+        return ssl.create_default_context(cafile=self.certificates.cert("ca")).wrap_socket(link, server_hostname="localhost")
 
     def follows(self):
         """Whether the replica has everything that the master has."""

@@ -105,6 +105,10 @@ def test_a_failover_to_a_replica_that_lags_ends_with_the_newest_values_and_the_l
     after = counters(site)
     assert after["queued"] == after["confirmed"] + after["coalesced"] + after["dropped"] + after["rejected"] + after["pending"]
     assert after["coalesced"] == after["dropped"] == after["rejected"] == 0
+    # 25 records with two elements and one with one, four attributes each, and a flag cleared when that one's publication
+    # came; of all these only the one element has nothing newer in the backlog.
+    assert (after["lost"], after["restored"]) == (25 * 8 + 4 + 1, 4)
+    assert site.json("status", "--ledger", env=as_user(site, "watcher"))["store"]["balanced"]
     told = [line for line in gateway.err if " store " in line or "newest values are written again" in line]
     assert sum("the master is now" in line for line in told) == 1, gateway.said()
     (line,) = [line for line in told if "the master is now" in line]
@@ -132,6 +136,32 @@ def test_a_planned_change_of_the_master_is_followed_without_loss(replicated):
                        site.redis.servers[0].command("HGET", "dp:d:A.x", "v") == b"26", 40)
     after = counters(site)
     assert after["coalesced"] == after["dropped"] == after["rejected"] == 0
+
+
+def test_everything_over_tls(bare_site, tmp_path):
+    """Sentinels, master and replica speak nothing else; the certificates name the addresses that the sentinels announce."""
+    site = bare_site
+    certificates = stores.Certificates(str(tmp_path))
+    certificates.issue("server", "DNS:localhost,IP:127.0.0.1")
+    site.redis = stores.FailoverStore(site.folder, certificates=certificates)
+    site.redis.start()
+    site.broker.start()
+    apply(site)
+    gateway = site.gateway(env=as_user(site, "gateway"))
+    publish(site, 1)
+    gateway.wait_for("the value", lambda: value(site) == 1)
+    harness.wait_until("the replica to have it", site.redis.follows)
+    site.redis.kill_master()
+    publish(site, 2)
+    gateway.wait_for("the line about the master", lambda: any("the master is now" in line for line in gateway.err))
+    gateway.wait_for("the newest value", lambda: value(site) == 2)
+    # Without the authority neither a sentinel nor the server is believed, and plain text gets nowhere.
+    url = site.redis.url_of("watcher")
+    for wrong, reason in ((url.replace("ca=", "ca=/dev/null&cert=") + "&key=x", "/dev/null"),
+                          (url[:url.index("&ca=")], "an authority that this system does not know"),
+                          (url[:url.index("&ca=")].replace("rediss+", "redis+"), "it speaks TLS on this port")):
+        code, _, err = site.tool("dp", "get", "A.x", env={"PVSS_STORE": wrong})
+        assert code == 3 and reason in err and err.count("\n") == 1, err
 
 
 def test_sentinels_that_are_dead_are_passed_over_and_all_dead_is_one_line(replicated):

@@ -1,16 +1,44 @@
-// Any bytes are a claim or a presence, which then say the same when they are written and read again, or are
-// none.
+// Any bytes are a claim, a presence or a piece of a ledger, which then say the same when they are written and
+// read again, or are none.
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "session/ControlPayload.h"
+#include "session/LedgerPayload.h"
 
 namespace {
 
 void require(bool holds) {
   if (!holds) {
     std::abort();
+  }
+}
+
+void checkLedger(std::string_view payload) {
+  auto piece = kel::decodeLedgerPiece(payload);
+  if (!piece) return;
+  require(piece->piece >= 0 && piece->piece < piece->pieces);
+  const KelLedger ledger{piece->publisher.name, piece->publisher.incarnation, piece->received, piece->sent};
+  kel::LedgerCollector collector;
+  for (const std::string& bytes : kel::encodeLedger(ledger, piece->answer, 1)) {
+    auto again = kel::decodeLedgerPiece(bytes);
+    require(again && again->answer == piece->answer);
+    collector.add(std::move(*again));
+  }
+  require(collector.ledger().has_value());
+  const KelLedger& same = *collector.ledger();
+  require(same.received.size() == ledger.received.size() && same.sent.size() == ledger.sent.size());
+  for (std::size_t i = 0; i < ledger.received.size(); ++i) {
+    require(same.received[i].publication == ledger.received[i].publication &&
+            same.received[i].incarnation == ledger.received[i].incarnation &&
+            same.received[i].last == ledger.received[i].last &&
+            same.received[i].counters.gaps == ledger.received[i].counters.gaps);
+  }
+  for (std::size_t i = 0; i < ledger.sent.size(); ++i) {
+    require(same.sent[i].publication == ledger.sent[i].publication &&
+            same.sent[i].counters.outgoingPending == ledger.sent[i].counters.outgoingPending);
   }
 }
 
@@ -24,6 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(again && again->publisher.text() == claim->publisher.text() && again->owner == claim->owner &&
             again->attempt == claim->attempt);
   }
+  checkLedger(payload);
   KelPublisherInfo info;
   const bool isPresence = kel::decodePresence(payload, info);
   const auto keepAlive = kel::presenceKeepAlive(payload);

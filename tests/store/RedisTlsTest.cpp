@@ -81,13 +81,14 @@ class RedisTls : public testing::Test {
 
   /// What the store says about an address that must not work, to a manager and to a tool alike: one line that
   /// names the address, and no write comes through.
-  std::string refusal(const std::string& address) const {
+  std::string refusal(const std::string& address,
+                      std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) const {
     const std::string keys = server.cli({"DBSIZE"});
     testing::internal::CaptureStderr();
     bool up = false;
     {
       pvss::redis::RedisStoreOptions options;
-      options.limits.connect = std::chrono::milliseconds(400);
+      options.limits.connect = limit;
       StoreProbe probe(address, "7.a", options);
       probe.during(std::chrono::milliseconds(700));
       up = !probe.greetings.empty();
@@ -101,7 +102,7 @@ class RedisTls : public testing::Test {
     EXPECT_THAT(said, HasSubstr(" - trying again until it works"));
     std::string tool;
     try {
-      StoreAdmin admin(address, std::chrono::milliseconds(400));
+      StoreAdmin admin(address, limit);
       admin.write({{name, std::make_shared<FloatVar>(5), {}, {}, {}}});
       ADD_FAILURE() << "a tool came through at " << address;
     } catch (const StoreError& error) {
@@ -263,7 +264,7 @@ TEST_F(RedisTls, PlainTextToATlsPortIsRefusedWithTheWayOut) {
 TEST_F(RedisTls, TlsToAPlainPortIsRefusedWithTheWayOut) {
   const std::string port = RedisServer::freePort();
   start("server", {"--port", port});
-  EXPECT_THAT(refusal("rediss://localhost:" + port + "?" + authority()),
+  EXPECT_THAT(refusal("rediss://localhost:" + port + "?" + authority(), std::chrono::milliseconds(300)),
               AllOf(HasSubstr("TLS on this port"), HasSubstr("use redis:// for plain text")));
 }
 

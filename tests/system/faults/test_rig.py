@@ -1,0 +1,47 @@
+"""A real violation with real processes: it is seen, and what is needed to understand it stays."""
+
+import os
+
+import language
+import rig
+
+SCENARIO = """title a gateway that hangs marks nothing, while its publisher dies
+load 500 records/s over 4 publications
+writes 20 /s over 2 publications
+start store
+start broker
+start gateway
+start publisher
+start writer
+wait until flowing
+expect nothing dead shown as good after 2 s
+pause gateway
+kill -9 publisher
+wait 4 s
+expect nothing dead shown as good after 2 s
+expect gateway running
+"""
+
+
+def test_a_real_violation_is_told_with_its_line_and_its_figures_and_the_folder_is_kept(tmp_path):
+    run = rig.Rig(language.parse("hanging", SCENARIO), tmp_path)
+    try:
+        step, text = run.run()
+    finally:
+        run.close(keep=True)
+    assert step.line == 14
+    assert text.startswith("12 times shown as good though dead: ")
+    kept = set(os.listdir(run.folder))
+    assert {"story", "log", "messages", "gateway.1.out", "gateway.1.err", "publisher.1.out", "store.1.out", "ledger.json"} <= kept
+    with open(os.path.join(run.folder, "log"), encoding="utf-8") as log:
+        assert "'L0.n'" in log.read()
+    assert not any(process.running() for _, process in run.past)
+
+
+def test_a_run_that_holds_leaves_nothing(tmp_path):
+    run = rig.Rig(language.parse("short", "start store\nstart broker\nstart gateway\nexpect gateway running\n"), tmp_path)
+    try:
+        assert run.run() is None
+    finally:
+        run.close(keep=False)
+    assert os.listdir(tmp_path) == []

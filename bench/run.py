@@ -2,6 +2,7 @@
 """The figures of the gateway, measured on this machine in one run and printed as one table of ratios.
 
 usage: bench/run.py --bin BUILD/bin [NAME...]      names: core, store, cpu, peer, start, publish
+                                                   and, only when named: soak [--for SECONDS], 15 minutes long
 
 Every figure has its own yardstick in the same run, because absolute numbers of a noisy machine say little.
 """
@@ -39,6 +40,7 @@ class Bench:
         self.harness = harness
         self.bin = binaries
         self.rows = []
+        self.seconds = 900
 
     def program(self, name):
         return os.path.join(self.bin, name)
@@ -223,6 +225,24 @@ class Bench:
         self.row("publish: gaps and repeated records", f"{figure['gaps']} and {figure['repeated']}", "0 and 0",
                  figure["gaps"] == 0 and figure["repeated"] == 0)
 
+    def soak(self):
+        """Does anything grow under hours of load in minutes? See bench/soak.py."""
+        command = [sys.executable, "-B", os.path.join(ROOT, "bench", "soak.py"), "--bin", self.bin, "--for", str(self.seconds), "--json"]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as child:
+            last = ""
+            for line in child.stdout:
+                if last:
+                    print(last, flush=True)
+                last = line.rstrip("\n")
+        if not last.startswith("{"):
+            raise SystemExit(last or "the soak bench said nothing")
+        figure = json.loads(last)
+        self.row(f"soak: slope of resident memory over {figure['seconds'] - figure['warmUp']} s after the warm-up",
+                 f"{figure['kbPerMinute']:+.1f} KB/min (standard error {figure['standardError']:.1f})", "flat", figure["flat"])
+        for name in ("descriptors", "threads"):
+            low, high, _, _ = figure[name]
+            self.row(f"soak: {name}", str(low) if low == high else f"{low} to {high}", "constant", low == high)
+
     def table(self):
         widths = [max(len(str(row[column])) for row in [("figure", "measured", "goal", "held"), *self.rows]) for column in range(4)]
         for row in [("figure", "measured", "goal", "held"), *self.rows]:
@@ -231,14 +251,18 @@ class Bench:
 
 
 FIGURES = ("core", "store", "cpu", "peer", "start", "publish")
+WHEN_NAMED = ("soak",)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--bin", required=True, help="folder of the built programs")
-    parser.add_argument("names", nargs="*", choices=[*FIGURES, []], help="figures to measure; all when none is named")
+    parser.add_argument("names", nargs="*", choices=[*FIGURES, *WHEN_NAMED, []],
+                        help="figures to measure; all when none is named, soak only when it is")
+    parser.add_argument("--for", dest="seconds", type=int, default=900, help="how long soak takes, in seconds")
     arguments = parser.parse_args()
     bench = Bench(os.path.abspath(arguments.bin))
+    bench.seconds = arguments.seconds
     for name in arguments.names or FIGURES:
         bench.say(f"measuring {name}")
         getattr(bench, name)()

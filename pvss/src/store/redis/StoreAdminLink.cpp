@@ -65,7 +65,7 @@ void StoreAdminLink::connect() {
   if (connection_.ready()) return;
   const Clock::time_point deadline = Clock::now() + limit_;
   while (!connectOnce(deadline)) {
-    const bool loading = lost_ == describeServerError("LOADING");
+    const bool loading = lost_.ends_with(describeServerError("LOADING"));
     if (!loading || Clock::now() >= deadline) throwLost();
     std::this_thread::sleep_for(Backoff::first);
   }

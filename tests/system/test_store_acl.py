@@ -65,9 +65,8 @@ DUTIES = {
 }
 
 
-# A right that is missing inside a function has other words than one that is missing outside; a hash that cannot be looked
-# at is taken for none.
-DENIALS = ("NOPERM", "EXECABORT", "can't run this command", "can't access at least one of the keys", "no hash in the store")
+# A right that is missing inside a function has other words than one that is missing outside.
+DENIALS = ("NOPERM", "EXECABORT", "can't run this command", "can't access at least one of the keys")
 
 
 def refused(redis, user, words):

@@ -127,6 +127,11 @@ local function split(text)
   return head, at and string.sub(text, at + 1)
 end
 
+-- Something else than a hash under an element's key is that element's trouble alone; a right that is missing is told.
+local function missing_right(reply)
+  return type(reply) == 'table' and reply.err and not string.find(reply.err, '^WRONGTYPE')
+end
+
 -- dp_set writer fence number previous time flags (name text)...
 local function dp_set(_, args)
   local writer, fence, number, previous, time, flags = args[1], args[2], args[3], args[4], args[5], args[6]
@@ -159,6 +164,7 @@ local function dp_set(_, args)
     local was = pcall('HGET', key, 'i')
     local head, value = split(text)
     local count = not head and 0 or value and #head.letters + 1 or #head.letters
+    if missing_right(was) then return was end
     if not head or type(was) == 'table' then
       broken, bad = name, bad + count
     elseif not was and call('HEXISTS', 'dp:cat', name) == 0 then
@@ -229,6 +235,7 @@ end
 
 local function state_of(name)
   local h = redis.pcall('HMGET', 'dp:d:' .. name, 'v', 'i', '1', '2', 't', 'ti')
+  if missing_right(h) then error(h) end
   if h.err then return {false, false, false, false, false, false} end
   return h
 end

@@ -66,7 +66,7 @@ class Rig:
             if link in STORE_SIDE:
                 address, server = os.path.join(self.folder, link + ".sock"), self.store.path
             else:
-                address, server = harness.free_port(), f"127.0.0.1:{self.broker.port}"
+                address, server = servers.quiet_port(), f"127.0.0.1:{self.broker.port}"
             listen = address if isinstance(address, str) else f"127.0.0.1:{address}"
             process = recorders.TimedProcess([PYTHON, "-B", os.path.join(HERE, "proxy.py"), listen, server], stdin=True)
             self.past.append((link, process))

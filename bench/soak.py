@@ -94,9 +94,14 @@ class Soak:
         return int(fields["VmRSS"].split()[0]), len(os.listdir(f"/proc/{pid}/fd")), int(fields["Threads"])
 
     def counters(self, site):
-        for manager in site.json("status")["managers"]:
-            return {key: int(value) for key, value in manager["counters"].items() if str(value).lstrip("-").isdigit()}
-        return {}
+        """What the gateway says of itself: its heartbeat's counters, and those of its presence as "kel.NAME"."""
+        status, result = site.json("status"), {}
+        for manager in status["managers"]:
+            result |= {key: int(value) for key, value in manager["counters"].items() if str(value).lstrip("-").isdigit()}
+        for publisher in status["publishers"]:
+            if publisher["name"] == "KelGateway":
+                result |= {f"kel.{key}": int(value) for key, value in publisher["counters"].items()}
+        return result
 
     def run(self):
         site = self.harness.Site().start()
@@ -122,7 +127,7 @@ class Soak:
 
     def watch(self, site, gateway, source):
         rows, began, printed = [], time.monotonic(), 0.0
-        print(f"{'minute':>6}  {'resident KB':>11}  {'descriptors':>11}  {'threads':>7}  {'written':>12}  {'hot-links':>12}  {'lists':>6}",
+        print(f"{'minute':>6}  {'resident KB':>11}  {'descriptors':>11}  {'threads':>7}  {'written':>12}  {'hot-links':>12}  {'backlog KB':>10}  {'to deliver':>10}  {'to send':>8}  {'lists':>6}",
               flush=True)
         while (now := time.monotonic() - began) < self.seconds:
             if not gateway.running():
@@ -138,7 +143,8 @@ class Soak:
                 printed += 60
                 counted = self.counters(site)
                 print(f"{now / 60:6.1f}  {rows[-1][1]:11,}  {rows[-1][2]:11}  {rows[-1][3]:7}  {counted.get('confirmed', 0):12,}  "
-                      f"{counted.get('hotLinks', 0):12,}  {self.list_changes:6}", flush=True)
+                      f"{counted.get('hotLinks', 0):12,}  {counted.get('backlogBytes', 0) // 1024:10,}  "
+                      f"{counted.get('kel.pending', 0):10,}  {counted.get('kel.outgoingPending', 0):8,}  {self.list_changes:6}", flush=True)
             time.sleep(1)
         return rows
 

@@ -44,6 +44,11 @@ class Quiet {
   const int kept_;
 };
 
+class Manager : public KelApiManager {
+ public:
+  using KelApiManager::writeQueuedUpdates;
+};
+
 /// Made anew now and then, because the fakes remember everything.
 class World {
  public:
@@ -63,7 +68,7 @@ class World {
     for (int i = 0; i < 5; ++i) {
       long sec = 0;
       long usec = 0;
-      Manager::dispatch(sec, usec);
+      ::Manager::dispatch(sec, usec);
     }
   }
 
@@ -75,7 +80,7 @@ class World {
 
   pvss::testing::MemoryPlant plant;
   FakeKelFactory kel;
-  KelApiManager manager;
+  Manager manager;
 };
 
 inline World& world(const std::vector<std::string>& elements) {

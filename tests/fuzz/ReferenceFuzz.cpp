@@ -32,6 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // No field can be called so; the record comes without it.
   }
   subscription->listener->handleMessage(subscription, record);
+  gateway_fuzz::Manager::writeQueuedUpdates();
+  gateway_fuzz::World::settle();
   const DynVar none = gateway_fuzz::World::texts({});
   clients.updateConfig(&none);
   require(world.kel.takeCalls() == std::vector<std::string>{"release " + publication});

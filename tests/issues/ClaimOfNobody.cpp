@@ -1,5 +1,5 @@
-// Found by the fuzzer of claims: a publisher without a name ("/0a1b") was taken for one, although no publisher can
-// be called so. A claim of it would have been answered, and shown with an empty name.
+// Found by the fuzzer of claims: a publisher without a name ("/0a1b") was taken for one, although no
+// publisher can be called so. A claim of it would have been answered, and shown with an empty name.
 #include <gtest/gtest.h>
 
 #include "data/RecordAccess.h"

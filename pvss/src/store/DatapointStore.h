@@ -93,7 +93,7 @@ struct StoreGreeting {
   std::uint64_t lastClientSequence = 0;  ///< the newest write of this writer that the store knows
   std::uint64_t logSequence = 0;         ///< the newest change that the store knows
   std::uint64_t settledAttributes = 0;   ///< of this writer, applied or refused, as the store has counted
-                                        ///< them; restored ones left out
+                                         ///< them; restored ones left out
 };
 
 /// Who the manager is; fixed before start().

@@ -95,10 +95,10 @@ class Soak:
 
     def counters(self, site):
         """What the gateway says of itself: its heartbeat's counters, and those of its presence as "kel.NAME"."""
-        status, result = site.json("status"), {}
-        for manager in status["managers"]:
+        result = {}
+        for manager in site.json("status")["managers"]:
             result |= {key: int(value) for key, value in manager["counters"].items() if str(value).lstrip("-").isdigit()}
-        for publisher in status["publishers"]:
+        for publisher in site.json("kel", "ls")["publishers"]:
             if publisher["name"] == "KelGateway":
                 result |= {f"kel.{key}": int(value) for key, value in publisher["counters"].items()}
         return result

@@ -1,8 +1,10 @@
 // The entry point: signals, configuration, help, and else the one manager.
+#include <kel/KelException.h>
 #include <pvss/Manager.h>
 #include <pvss/Resources.h>
 
 #include <csignal>
+#include <iostream>
 
 #include "KelApiManager.h"
 #include "KelApiResources.h"
@@ -23,6 +25,13 @@ int main(int argc, char** argv) {
   }
 
   auto* const manager = new KelApiManager();  // lives until the process ends
-  manager->run();
+  try {
+    manager->run();
+  } catch (const KelException& exception) {
+    // An address or publisher name that the Kel library cannot take: no retry mends it.
+    std::cerr << "kel-gateway: " << exception.what()
+              << " - correct KEL_URL or publisherName and start again\n";
+    Manager::exit(2);
+  }
   Manager::exit(0);
 }

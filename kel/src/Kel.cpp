@@ -2,7 +2,6 @@
 
 #include <chrono>
 
-#include "Log.h"
 #include "session/Session.h"
 #include "transport/MakeTransport.h"
 
@@ -15,7 +14,6 @@ std::int64_t systemNanoseconds() {
 }
 
 [[noreturn]] void refuse(const std::string& reason) {
-  kel::log(kel::LogLevel::error, reason);
   throw KelException(reason);
 }
 

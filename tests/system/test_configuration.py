@@ -42,6 +42,17 @@ def test_an_unknown_or_incomplete_switch_is_named(bare_site, switches):
     assert process.out == [] and len(process.err) == 1 and switches[0] in process.err[0], process.said()
 
 
+@pytest.mark.parametrize("address, reason", [("mqtt://[::1", "']'"), ("http://127.0.0.1", "mqtt://"), ("mqtt://x?qos=7", "qos")])
+def test_a_broker_address_that_is_none_is_named_and_ends_the_start(site, address, reason):
+    site.apply({"A.x": "int"}, {"p": {"v": "A.x"}})
+    gateway = site.gateway(env={"KEL_URL": address}, wait=False)
+    assert gateway.wait() == 2
+    site.gateways.clear()
+    said = [line for line in gateway.err if "Kel address" in line]
+    assert len(said) == 1 and reason in said[0] and "KEL_URL" in said[0], gateway.said()
+    assert not any("terminate" in line for line in gateway.err)
+
+
 def test_unknown_keys_are_passed_over_and_keys_are_found_in_any_case(site):
     site.apply({"A.x": "int"}, {"p": {"v": "A.x"}})
     gateway = site.gateway(config=f'# head\n[other]\nwhat = "ever"\n[KEL]\nunknown = 5\nCLIENTDPLIST = "{harness.LIST}" # tail\n')

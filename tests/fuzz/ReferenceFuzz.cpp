@@ -10,7 +10,7 @@ using gateway_fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string all(reinterpret_cast<const char*>(data), size);
-  const std::string text = all.c_str();  // a text of the platform ends at a NUL
+  const std::string text = all.substr(0, all.find('\0'));  // a text of the platform ends at a NUL
   const std::string publication = text.substr(0, text.find(CkelClientManager::pubNameDelimiter[0]));
 
   const gateway_fuzz::Quiet quiet;

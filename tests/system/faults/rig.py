@@ -183,9 +183,10 @@ class Rig:
     def hit(self, names, number):
         """A signal for all of them in one moment; ends are waited for."""
         published = self._published()
+        # The moment before the signals: what follows from them may be there before the next line runs.
+        self._lost(" and ".join(f"the {'end' if number != signal.SIGSTOP else 'pause'} of {name}" for name in names))
         for name in names:
             self.now[name].send_signal(number)
-        self._lost(" and ".join(f"the {'end' if number != signal.SIGSTOP else 'pause'} of {name}" for name in names))
         if number == signal.SIGSTOP:
             return
         for name in names:
@@ -333,9 +334,9 @@ class Rig:
             order = f"delay {figure[0]}" if step.verb == "delay" else f"rate {figure[0] * 1024 / harness.PATIENCE}"
         if step.verb == "heal":
             self._came_back(time.monotonic(), f"{link} was healed")
-        self._order(link, order)
-        if step.verb != "heal":
+        else:
             self._lost(f"{step.verb} {link}")
+        self._order(link, order)
 
     def _load(self, order):
         for name in ("publisher", "writer"):

@@ -106,6 +106,17 @@ def print_table(rows):
         print("  ".join(cells).rstrip())
 
 
+def repeat_all(scenarios, given, results):
+    for scenario in scenarios:
+        runs = results[scenario.name] = []
+        repeat = given.repeat or scenario.runs
+        for number in range(1, repeat + 1):
+            runs.append(one_run(scenario, given.keep))
+            one = runs[-1]
+            said = "held" if one["passed"] else f"FAILED\n  {one['failed']}\n  {one['why']}\n  everything is in {one['folder']}"
+            print(f"{scenario.name} {number}/{repeat} {one['seconds']:.1f} s {said}", file=sys.stderr, flush=True)
+
+
 def main():
     given = arguments()
     os.environ["KELGW_BIN"] = os.path.abspath(given.bin)
@@ -119,18 +130,19 @@ def main():
     if given.short:
         scenarios = [scenario for scenario in scenarios if scenario.runs >= 20]
     results = {}
-    for scenario in scenarios:
-        runs = results[scenario.name] = []
-        repeat = given.repeat or scenario.runs
-        for number in range(1, repeat + 1):
-            runs.append(one_run(scenario, given.keep))
-            one = runs[-1]
-            said = "held" if one["passed"] else f"FAILED\n  {one['failed']}\n  {one['why']}\n  everything is in {one['folder']}"
-            print(f"{scenario.name} {number}/{repeat} {one['seconds']:.1f} s {said}", file=sys.stderr, flush=True)
+    stopped = False
+    try:
+        repeat_all(scenarios, given, results)
+    except KeyboardInterrupt:
+        stopped = True
+        print("stopped; what was seen until here:", file=sys.stderr)
+    results = {name: runs for name, runs in results.items() if runs}
     if given.json:
         print(json.dumps({name: {**summary(runs), "each": runs} for name, runs in results.items()}, indent=1))
     else:
         print_table([row(name, summary(runs)) for name, runs in results.items()])
+    if stopped:
+        return 130
     return 0 if all(run["passed"] for runs in results.values() for run in runs) else 1
 
 

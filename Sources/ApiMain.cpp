@@ -4,7 +4,6 @@
 #include <pvss/Resources.h>
 
 #include <csignal>
-#include <iostream>
 
 #include "KelApiManager.h"
 #include "KelApiResources.h"
@@ -27,10 +26,8 @@ int main(int argc, char** argv) {
   auto* const manager = new KelApiManager();  // lives until the process ends
   try {
     manager->run();
-  } catch (const KelException& exception) {
-    // An address or publisher name that the Kel library cannot take: no retry mends it.
-    std::cerr << "kel-gateway: " << exception.what()
-              << " - correct KEL_URL or publisherName and start again\n";
+  } catch (const KelException&) {
+    // An address or a name that the Kel library cannot take, and has said so: no retry mends it.
     Manager::exit(2);
   }
   Manager::exit(0);

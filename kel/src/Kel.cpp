@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "Log.h"
 #include "session/Session.h"
 #include "transport/MakeTransport.h"
 
@@ -13,7 +14,10 @@ std::int64_t systemNanoseconds() {
       .count();
 }
 
-[[noreturn]] void refuse(const std::string& reason) {
+/// Who gave the address or name in the call hears of it by the exception alone; what comes from outside is
+/// also said.
+[[noreturn]] void refuse(const std::string& reason, const char* remedy = nullptr) {
+  if (remedy != nullptr) kel::log(kel::LogLevel::error, reason + " - " + remedy);
   throw KelException(reason);
 }
 
@@ -28,7 +32,8 @@ KelFactory* Kel::create(const char* publisherName, const KelOptions& given) {
   if (!options.wallClockNanoseconds) options.wallClockNanoseconds = systemNanoseconds;
   std::string error;
   const auto url = kel::chosenUrl(options.url, error);
-  if (!url) refuse(error);
+  const char* const remedy = options.url.empty() ? "correct KEL_URL and start again" : nullptr;
+  if (!url) refuse(error, remedy);
   std::string incarnation = options.incarnation.empty() ? kel::randomIncarnation() : options.incarnation;
   if (incarnation.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") !=
       std::string::npos) {
@@ -36,8 +41,10 @@ KelFactory* Kel::create(const char* publisherName, const KelOptions& given) {
   }
   std::string name = publisherName == nullptr ? "" : publisherName;
   if (name.empty()) name = "unnamed-" + incarnation;
-  if (!kel::encodeTopicName(name, error)) refuse("no publisher can be called '" + name + "': " + error);
+  if (!kel::encodeTopicName(name, error)) {
+    refuse("no publisher can be called '" + name + "': " + error, "choose another publisher's name");
+  }
   auto transport = kel::makeTransport(*url, error);
-  if (!transport) refuse(error);
+  if (!transport) refuse(error, remedy);
   return new kel::Session(std::move(name), std::move(incarnation), *url, options, std::move(transport));
 }

@@ -385,3 +385,11 @@ def test_log_entries_are_read_as_the_store_writes_them():
     assert log_entry(1.0, b"18-0", [b"c", b"5 me", b"A.x", b"int"]) is None
     big = log_entry(1.0, b"19-0", [b"S", b"5 1.abc", b"names", b"vi A.x\ni A.y"])
     assert set(big.elements) == {"A.x", "A.y"}
+
+
+def test_a_gateway_that_makes_its_mappings_may_write_part_of_a_record(good):
+    del good.writes[0].elements["L0.b"]
+    assert evidence.records_whole(good) is None
+    good.writes[0].elements["L0.a"]["v"] = str(BASE + 9)
+    with pytest.raises(evidence.Violated):
+        evidence.records_whole(good)

@@ -2,10 +2,11 @@
 
 import os
 
+import harness
 import language
 import rig
 
-SCENARIO = """title a gateway that hangs marks nothing, while its publisher dies
+SCENARIO = f"""title a gateway that hangs marks nothing, while its publisher dies
 load 500 records/s over 4 publications
 writes 20 /s over 2 publications
 start store
@@ -17,7 +18,7 @@ wait until flowing
 expect nothing dead shown as good after 2 s
 pause gateway
 kill -9 publisher
-wait 4 s
+wait {4 * harness.PATIENCE:.0f} s
 expect nothing dead shown as good after 2 s
 expect gateway running
 """

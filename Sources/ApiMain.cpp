@@ -1,5 +1,4 @@
 // The entry point: signals, configuration, help, and else the one manager.
-#include <kel/KelException.h>
 #include <pvss/Manager.h>
 #include <pvss/Resources.h>
 
@@ -24,11 +23,6 @@ int main(int argc, char** argv) {
   }
 
   auto* const manager = new KelApiManager();  // lives until the process ends
-  try {
-    manager->run();
-  } catch (const KelException&) {
-    // An address or a name that the Kel library cannot take, and has said so: no retry mends it.
-    Manager::exit(2);
-  }
+  manager->run();
   Manager::exit(0);
 }

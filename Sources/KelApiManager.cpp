@@ -1,5 +1,6 @@
 #include "KelApiManager.h"
 
+#include <kel/KelException.h>
 #include <pvss/Resources.h>
 
 #include <csignal>
@@ -46,7 +47,12 @@ void KelApiManager::run() {
   connectToEvent(0);
 
   if (kelFactory == nullptr) {
-    kelFactory = Kel::create(KelApiResources::publisherName);
+    try {
+      kelFactory = Kel::create(KelApiResources::publisherName);
+    } catch (const KelException&) {
+      // An address or a name that the Kel library cannot take, and has said so: no retry mends it.
+      Manager::exit(2);
+    }
   }
 
   ConfigListChangeListener clientListListener(clientManager);

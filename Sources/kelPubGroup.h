@@ -1,8 +1,8 @@
 // kelPubGroup: publications fed by groups of elements, and the thread that sends the buffered ones.
 //
-// Purpose    CkelPubGroup writes every value that arrives for its elements into one record, and publishes it
-// at
-//            once (buffer time 0) or through the one PublicationUpdateThread when the buffer time has passed.
+// Purpose    CkelPubGroup writes every value that arrives for its elements into one record, and publishes
+//            it at once (buffer time 0) or through the one PublicationUpdateThread when the buffer time has
+//            passed.
 // Ownership  A group owns its mappings, its record and its publication; groups live until the process ends.
 //            The thread owns its holders, which refer to groups.
 // Thread     Construction, hot-links and unbuffered publishing on the main thread, buffered publishing on the

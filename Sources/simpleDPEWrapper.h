@@ -5,8 +5,7 @@
 // Ownership  Belongs to the side that made it; identifiers it hands out are its own.
 // Thread     The thread that runs Manager::dispatch.
 // Errors     Identifiers and type are only to be had while the wrapper is valid, else CdepException is
-// thrown.
-//            Name, marks and comparison never throw.
+//            thrown. Name, marks and comparison never throw.
 #pragma once
 
 #include <pvss/CharString.h>

@@ -6,21 +6,24 @@
 #include <pvss/Resources.h>
 #include <pvss/testing/MemoryPlant.h>
 #include <sched.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Bench.h"
 #include "KelApiManager.h"
 #include "KelApiResources.h"
+
+using bench::cpuSeconds;
+using bench::elementName;
+using bench::publicationName;
+using bench::tagName;
 
 namespace {
 
@@ -33,37 +36,10 @@ struct Wanted {
 
 Wanted wantedFrom(int argc, char** argv) {
   Wanted wanted;
-  const auto number = [&](int& i, const char* name, int& target) {
-    if (std::strcmp(argv[i], name) == 0 && i + 1 < argc) {
-      target = static_cast<int>(std::strtol(argv[++i], nullptr, 10));
-    }
-  };
-  for (int i = 1; i < argc; ++i) {
-    wanted.json = wanted.json || std::strcmp(argv[i], "--json") == 0;
-    number(i, "--publications", wanted.publications);
-    number(i, "--fields", wanted.fields);
-    number(i, "--seconds", wanted.seconds);
-  }
+  wanted.json = bench::readSwitches(
+      argc, argv,
+      {{"--publications", wanted.publications}, {"--fields", wanted.fields}, {"--seconds", wanted.seconds}});
   return wanted;
-}
-
-std::string publicationName(int publication) {
-  return "bench/" + std::to_string(publication);
-}
-std::string tagName(int field) {
-  return "field" + std::to_string(field);
-}
-std::string elementName(int publication, int field) {
-  return "B" + std::to_string(publication) + ".f" + std::to_string(field);
-}
-
-double cpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 /// All threads of the process on the core that it is on: the figure is what one core carries.
@@ -221,20 +197,13 @@ int main(int argc, char** argv) {
   Meter meter(10LL * wanted.publications * wanted.fields, std::chrono::seconds(wanted.seconds));
   plant.observe(&meter);
 
-  // The gateway tells of every element on standard output; the figure is to stand alone there.
-  std::fflush(stdout);
-  const int standardOutput = dup(STDOUT_FILENO);
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-    return 1;
-  }
   {
+    const bench::Quiet quiet;
     KelApiManager::kelFactory = Kel::create(KelApiResources::publisherName);
     const Source source(wanted);
     KelApiManager manager;
     manager.run();
   }
-  std::fflush(stdout);
-  dup2(standardOutput, STDOUT_FILENO);
   meter.print(wanted.json);
   std::fflush(stdout);
   std::_Exit(0);

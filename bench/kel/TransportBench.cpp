@@ -1,9 +1,8 @@
 // bench_transport: what the MQTT transport alone costs, without session and records.
 //
-// usage: bench_transport receive URL FILTER                counts until SIGTERM; CPU of the transport's
-// thread
-//        bench_transport send URL TOPIC COUNT RATE SIZE    QoS 1, RATE messages a second (0: as fast as
-//        taken) bench_transport latency URL COUNT                 publish to own receipt, one at a time
+// usage: bench_transport receive URL FILTER              counts until SIGTERM; CPU of the transport's thread
+//        bench_transport send URL TOPIC COUNT RATE SIZE  QoS 1, RATE messages a second (0: as many as taken)
+//        bench_transport latency URL COUNT               publish to own receipt, one at a time
 // Each prints one JSON line.
 #include <algorithm>
 #include <atomic>

@@ -3,30 +3,33 @@
 // process: a flood of this size is more than one Redis gives away on a small machine, and it is the gateway's
 // part that is measured.
 //
-// usage: bench_publish [--json] [--publications N] [--fields N] [--buffer MS] [--rate PER_SECOND] [--seconds
-// N]
+// usage: bench_publish [--json] [--publications N] [--fields N] [--buffer MS] [--rate PER_SECOND]
+//                      [--seconds N]
 #include <kel/Kel.h>
 #include <kel/KelCounters.h>
 #include <kel/KelData.h>
 #include <kel/KelFactory.h>
 #include <pvss/FloatVar.h>
 #include <pvss/testing/MemoryPlant.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Bench.h"
 #include "KelApiManager.h"
 #include "KelApiResources.h"
+
+using bench::cpuSeconds;
+using bench::elementName;
+using bench::publicationName;
+using bench::tagName;
 
 namespace {
 
@@ -43,39 +46,13 @@ struct Wanted {
 
 Wanted wantedFrom(int argc, char** argv) {
   Wanted wanted;
-  const auto number = [&](int& i, const char* name, int& target) {
-    if (std::strcmp(argv[i], name) == 0 && i + 1 < argc) {
-      target = static_cast<int>(std::strtol(argv[++i], nullptr, 10));
-    }
-  };
-  for (int i = 1; i < argc; ++i) {
-    wanted.json = wanted.json || std::strcmp(argv[i], "--json") == 0;
-    number(i, "--publications", wanted.publications);
-    number(i, "--fields", wanted.fields);
-    number(i, "--buffer", wanted.bufferMs);
-    number(i, "--rate", wanted.rate);
-    number(i, "--seconds", wanted.seconds);
-  }
+  wanted.json = bench::readSwitches(argc, argv,
+                                    {{"--publications", wanted.publications},
+                                     {"--fields", wanted.fields},
+                                     {"--buffer", wanted.bufferMs},
+                                     {"--rate", wanted.rate},
+                                     {"--seconds", wanted.seconds}});
   return wanted;
-}
-
-std::string publicationName(int publication) {
-  return "bench/" + std::to_string(publication);
-}
-std::string tagName(int field) {
-  return "field" + std::to_string(field);
-}
-std::string elementName(int publication, int field) {
-  return "B" + std::to_string(publication) + ".f" + std::to_string(field);
-}
-
-double cpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 /// What one publication brought.
@@ -240,17 +217,13 @@ int main(int argc, char** argv) {
   Driver driver(wanted, plant, receivers);
   plant.observe(&driver);
 
-  // The gateway tells of every mapping on standard output; the figures are to stand alone there.
-  std::fflush(stdout);
-  const int standardOutput = dup(STDOUT_FILENO);
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-    return 1;
+  std::unique_ptr<KelApiManager> manager;
+  {
+    const bench::Quiet quiet;
+    KelApiManager::kelFactory = Kel::create(KelApiResources::publisherName);
+    manager = std::make_unique<KelApiManager>();
+    manager->run();
   }
-  KelApiManager::kelFactory = Kel::create(KelApiResources::publisherName);
-  auto manager = std::make_unique<KelApiManager>();
-  manager->run();
-  std::fflush(stdout);
-  dup2(standardOutput, STDOUT_FILENO);
 
   const double seconds = driver.floodSeconds();
   // One interval is open when the flood begins and one when it ends.

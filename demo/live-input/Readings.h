@@ -1,8 +1,7 @@
 // Readings: what the Linux kernel says about this machine, read from /proc and /sys.
 //
 // Purpose    Honest input for the demonstration: nothing here is made up. What the kernel does not offer
-// stays
-//            empty.
+//            stays empty.
 // Thread     One thread; each call reads the files anew.
 // Errors     Nothing throws; an unreadable file leaves its part at its default.
 #pragma once

@@ -1,22 +1,14 @@
 // Any text is a configuration file or is refused with a line that it has.
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <sstream>
 #include <string_view>
 
+#include "Require.h"
 #include "config/ConfigFile.h"
 #include "pvss/CharString.h"
 
-namespace {
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-}  // namespace
+using fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

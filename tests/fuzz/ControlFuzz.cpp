@@ -1,20 +1,16 @@
 // Any bytes are a claim, a presence or a piece of a ledger, which then say the same when they are written and
 // read again, or are none.
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 #include <utility>
 
+#include "Require.h"
 #include "session/ControlPayload.h"
 #include "session/LedgerPayload.h"
 
-namespace {
+using fuzz::require;
 
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
+namespace {
 
 void checkLedger(std::string_view payload) {
   auto piece = kel::decodeLedgerPiece(payload);

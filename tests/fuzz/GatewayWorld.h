@@ -16,14 +16,9 @@
 
 #include "FakeKel.h"
 #include "KelApiManager.h"
+#include "Require.h"
 
 namespace gateway_fuzz {
-
-inline void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 class Quiet {
  public:

@@ -1,22 +1,14 @@
 // Any text is an address, a topic and a coded name, or is not; what is, comes back as itself.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "KelUrl.h"
 #include "Log.h"
+#include "Require.h"
 #include "wire/Topics.h"
 
-namespace {
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-}  // namespace
+using fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -1,20 +1,12 @@
 // Any text is a plant without errors, whose texts then follow the rules of the lists, or is refused with
 // lines.
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
+#include "Require.h"
 #include "pvss/PlantFile.h"
 
-namespace {
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-}  // namespace
+using fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const pvss::PlantFile plant = pvss::PlantFile::parse({reinterpret_cast<const char*>(data), size});

@@ -1,20 +1,16 @@
 // Any bytes are a record, which then survives being written and read again, or are refused with a reason.
 #include <bit>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "Require.h"
 #include "data/RecordAccess.h"
 #include "wire/RecordCodec.h"
 
-namespace {
+using fuzz::require;
 
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
+namespace {
 
 bool sameField(const kel::Field& a, const kel::Field& b) {
   if (a.type != b.type) return false;

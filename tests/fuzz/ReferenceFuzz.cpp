@@ -5,8 +5,9 @@
 
 #include "GatewayWorld.h"
 #include "KELClientManager.h"
+#include "Require.h"
 
-using gateway_fuzz::require;
+using fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string all(reinterpret_cast<const char*>(data), size);

@@ -2,15 +2,17 @@
 // can be read comes back as itself.
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Require.h"
 #include "store/ValueCodec.h"
 #include "store/redis/AttributeText.h"
 #include "store/redis/CatalogueText.h"
 #include "store/redis/Resp.h"
+
+using fuzz::require;
 
 namespace {
 
@@ -18,12 +20,6 @@ using pvss::redis::AttributeView;
 using pvss::redis::ReplyCursor;
 using pvss::redis::ReplyReader;
 using pvss::redis::ReplyType;
-
-void require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 void readAttributes(std::string_view text) {
   AttributeView view;

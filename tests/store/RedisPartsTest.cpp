@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -12,6 +13,7 @@
 #include "store/redis/Functions.h"
 #include "store/redis/Resp.h"
 #include "store/redis/SecretFile.h"
+#include "store/redis/SendBuffer.h"
 #include "store/redis/ServerError.h"
 #include "store/redis/StoreAddress.h"
 
@@ -342,6 +344,55 @@ TEST(ServerError, MeaningFollowsFromTheFirstWord) {
 TEST(Functions, TextStatesItsNameAndVersion) {
   EXPECT_TRUE(functionsText().starts_with("#!lua name=kelgw\n"));
   EXPECT_FALSE(functionsVersion().empty());
+}
+
+TEST(SendBuffer, GivesBackWhatWasAppendedPieceByPiece) {
+  SendBuffer buffer;
+  EXPECT_TRUE(buffer.empty());
+  buffer.tail().append("abc");
+  buffer.sent(2);
+  buffer.tail().append("def");
+  EXPECT_EQ(buffer.unsent(), "cdef");
+  buffer.sent(4);
+  EXPECT_TRUE(buffer.empty());
+  EXPECT_EQ(buffer.unsent(), "");
+  buffer.tail().append("g");
+  buffer.clear();
+  EXPECT_TRUE(buffer.empty());
+}
+
+TEST(SendBuffer, KeepsTheOrderOfBytesWhereverTheCutsFall) {
+  SendBuffer buffer;
+  std::uint64_t appended = 0;
+  std::uint64_t sent = 0;
+  for (std::size_t round = 0; round < 20'000; ++round) {
+    for (std::size_t n = 0; n < 1 + round * 7919 % 211; ++n) {
+      buffer.tail().push_back(static_cast<char>(appended++ % 251));
+    }
+    const std::string_view unsent = buffer.unsent();
+    const std::size_t count = std::min(unsent.size(), round * 104'729 % 223);
+    for (std::size_t i = 0; i < count; ++i) {
+      ASSERT_EQ(unsent[i], static_cast<char>(sent++ % 251));
+    }
+    buffer.sent(count);
+  }
+  EXPECT_EQ(buffer.unsent().size(), appended - sent);
+}
+
+TEST(SendBuffer, NeverEmptyUnderLoadIsStillBounded) {
+  constexpr std::size_t ahead = std::size_t{1024} * 1024;  // what the server is behind, all the time
+  SendBuffer buffer;
+  const std::string command(4096, 'x');
+  std::size_t most = 0;
+  for (std::size_t total = 0; total < 200 * ahead; total += command.size()) {
+    buffer.tail().append(command);
+    most = std::max(most, buffer.held());
+    if (buffer.unsent().size() > ahead) {
+      buffer.sent(command.size());
+    }
+    ASSERT_FALSE(buffer.empty());
+  }
+  EXPECT_LE(most, 5 * ahead);
 }
 
 }  // namespace

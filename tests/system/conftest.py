@@ -1,6 +1,7 @@
 """Fixtures of the system tests."""
 
 import os
+import tempfile
 
 import pytest
 
@@ -40,3 +41,17 @@ def bare_site(request):
         for process in here.processes:
             print(process.said())
     here.close()
+
+
+@pytest.fixture
+def folder():
+    """A folder that is gone after the test."""
+    with tempfile.TemporaryDirectory(prefix="kelgw-test.") as path:
+        yield path
+
+
+@pytest.fixture(scope="module")
+def shared_folder():
+    """A folder that is gone after the tests of the module."""
+    with tempfile.TemporaryDirectory(prefix="kelgw-test.") as path:
+        yield path

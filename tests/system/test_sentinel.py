@@ -138,10 +138,10 @@ def test_a_planned_change_of_the_master_is_followed_without_loss(replicated):
     assert after["coalesced"] == after["dropped"] == after["rejected"] == 0
 
 
-def test_everything_over_tls(bare_site, tmp_path):
+def test_everything_over_tls(bare_site, folder):
     """Sentinels, master and replica speak nothing else; the certificates name the addresses that the sentinels announce."""
     site = bare_site
-    certificates = stores.Certificates(str(tmp_path))
+    certificates = stores.Certificates(folder)
     certificates.issue("server", "DNS:localhost,IP:127.0.0.1")
     site.redis = stores.FailoverStore(site.folder, certificates=certificates)
     site.redis.start()

@@ -10,13 +10,12 @@ NS = 1_700_000_000_000_000_000
 
 
 @pytest.fixture(scope="module")
-def certificates(tmp_path_factory):
-    folder = str(tmp_path_factory.mktemp("certificates"))
-    ours = stores.Certificates(folder)
+def certificates(shared_folder):
+    ours = stores.Certificates(shared_folder)
     ours.issue("server", "DNS:localhost,IP:127.0.0.1")
     ours.issue("elsewhere", "DNS:store.plant")
     ours.issue("gateway", "DNS:gateway")
-    stores.Certificates(folder, "other").issue("stranger", "DNS:gateway")
+    stores.Certificates(shared_folder, "other").issue("stranger", "DNS:gateway")
     return ours
 
 

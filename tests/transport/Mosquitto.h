@@ -1,15 +1,13 @@
 // Mosquitto: a private, real broker for tests and benches.
 //
-// Purpose    Starts Debian's mosquitto on a free port of the loopback interface, with its own folder and its
-// own
-//            configuration, and does to it what life does to brokers: stop, kill, pause, restart on the same
-//            port.
+// Purpose    Starts Debian's mosquitto on a free port of the loopback interface, with its own folder and
+//            its own configuration, and does to it what life does to brokers: stop, kill, pause, restart on
+//            the same port.
 // Ownership  Ends the process and removes the folder when it goes. If the test itself dies, the kernel ends
-// the
-//            broker (it is tied to the thread that started it).
+//            the broker (it is tied to the thread that started it).
 // Thread     One thread uses it.
 // Errors     start() throws std::runtime_error with the broker's own log: a test without its broker has
-// failed.
+//            failed.
 #pragma once
 
 #include <sys/types.h>

@@ -1,8 +1,7 @@
 // ScriptedBroker: answers MQTT packets exactly as a test says, refusals and bad manners included.
 //
 // Purpose    What a real broker does only under circumstances that are hard to arrange: reason codes,
-// strings,
-//            silence, a full backlog. It knows the framing of MQTT and nothing else.
+//            strings, silence, a full backlog. It knows the framing of MQTT and nothing else.
 // Thread     One of its own; the script runs there.
 #pragma once
 

@@ -1,8 +1,7 @@
 // Output: what a command says, as an aligned table or lines for people, or as JSON for scripts.
 //
 // Purpose    Results go to standard output, remarks and errors to standard error. Outside text reaches
-// neither
-//            unescaped nor as a format string.
+//            neither unescaped nor as a format string.
 // Thread     One thread; commands hand records from library threads to their own thread first.
 #pragma once
 

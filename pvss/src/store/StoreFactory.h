@@ -1,8 +1,7 @@
 // StoreFactory: makes the store that an address names.
 //
-// Purpose    memory:plant.yaml (or memory: for an empty one), redis+unix:, redis:, rediss:. While a test has
-// a
-//            plant in memory, every address gives that one.
+// Purpose    memory:plant.yaml (or memory: for an empty one), redis+unix:, redis:, rediss:. While a test
+//            has a plant in memory, every address gives that one.
 // Thread     The thread that runs Manager::dispatch. Reads the plant file; nothing else blocks.
 #pragma once
 

@@ -24,8 +24,8 @@ expect gateway running
 """
 
 
-def test_a_real_violation_is_told_with_its_line_and_its_figures_and_the_folder_is_kept(tmp_path):
-    run = rig.Rig(language.parse("hanging", SCENARIO), tmp_path)
+def test_a_real_violation_is_told_with_its_line_and_its_figures_and_the_folder_is_kept(folder):
+    run = rig.Rig(language.parse("hanging", SCENARIO), folder)
     try:
         step, text = run.run()
     finally:
@@ -39,10 +39,10 @@ def test_a_real_violation_is_told_with_its_line_and_its_figures_and_the_folder_i
     assert not any(process.running() for _, process in run.past)
 
 
-def test_a_run_that_holds_leaves_nothing(tmp_path):
-    run = rig.Rig(language.parse("short", "start store\nstart broker\nstart gateway\nexpect gateway running\n"), tmp_path)
+def test_a_run_that_holds_leaves_nothing(folder):
+    run = rig.Rig(language.parse("short", "start store\nstart broker\nstart gateway\nexpect gateway running\n"), folder)
     try:
         assert run.run() is None
     finally:
         run.close(keep=False)
-    assert os.listdir(tmp_path) == []
+    assert os.listdir(folder) == []

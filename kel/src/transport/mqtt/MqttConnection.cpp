@@ -11,10 +11,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
-#include <optional>
 #include <utility>
 
-#include "transport/mqtt/PasswordFile.h"
+#include "transport/mqtt/MqttSetup.h"
+#include "transport/mqtt/Properties.h"
 #include "transport/mqtt/Reasons.h"
 
 #if defined(__has_feature)
@@ -38,32 +38,12 @@ namespace kel::mqtt {
 
 namespace {
 
-// Messages on their way in each direction before the sender waits for an acknowledgement. The library's own
-// 20 costs a third of the throughput.
-constexpr int kInFlight = 200;
 // Packets read before the owner gets the thread back for sending and ticking.
 constexpr int kPacketsPerTurn = 64;
 // The library takes no shorter keep-alive. Below it we ask the broker ourselves.
 constexpr std::chrono::seconds kShortestKeepAlive{5};
 constexpr std::size_t kMostSaid = 500;
 constexpr const char* kProbeFilter = "kel/-";
-
-class Properties {
- public:
-  Properties() = default;
-  ~Properties() { mosquitto_property_free_all(&list_); }
-  Properties(const Properties&) = delete;
-  Properties& operator=(const Properties&) = delete;
-
-  int addInt32(int identifier, std::uint32_t value) {
-    return mosquitto_property_add_int32(&list_, identifier, value);
-  }
-  [[nodiscard]] const mosquitto_property* get() const { return list_; }
-  mosquitto_property* release() { return std::exchange(list_, nullptr); }
-
- private:
-  mosquitto_property* list_ = nullptr;
-};
 
 // While it is on, what is written to the socket leaves together: one segment with many acknowledgements
 // instead of one each, which is most of what receiving costs.
@@ -133,11 +113,6 @@ const char* unfit(const std::string& topic, int (*check)(const char*, std::size_
   return nullptr;
 }
 
-// A key that asks for a passphrase would make OpenSSL read the terminal.
-int noPassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*data*/) {
-  return 0;
-}
-
 }  // namespace
 
 MqttConnection::MqttConnection(const MqttOptions& options, const TransportIdentity& identity,
@@ -150,94 +125,15 @@ MqttConnection::MqttConnection(const MqttOptions& options, const TransportIdenti
     end("no connection object: " + libraryText(MOSQ_ERR_ERRNO, errno, {}));
     return;
   }
-  configure(options, identity);
-}
-
-bool MqttConnection::configure(const MqttOptions& options, const TransportIdentity& identity) {
-  auto* const handle = handle_.get();
-  mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-  mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1);
-  mosquitto_int_option(handle, MOSQ_OPT_SEND_MAXIMUM, kInFlight);
-  mosquitto_int_option(handle, MOSQ_OPT_RECEIVE_MAXIMUM, kInFlight);
-  mosquitto_connect_v5_callback_set(handle, onConnect);
-  mosquitto_disconnect_v5_callback_set(handle, onDisconnect);
-  mosquitto_message_v5_callback_set(handle, onMessage);
-  mosquitto_publish_v5_callback_set(handle, onPublish);
-  mosquitto_subscribe_v5_callback_set(handle, onSubscribe);
-  mosquitto_log_callback_set(handle, onLog);
-
-  const OutgoingMessage& will = identity.will;
-  if (!will.topic.empty()) {
-    Properties properties;
-    if (will.expirySeconds) {
-      properties.addInt32(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, *will.expirySeconds);
-    }
-    const std::string_view payload = will.payload ? std::string_view(*will.payload) : std::string_view();
-    const int code = mosquitto_will_set_v5(handle, will.topic.c_str(), static_cast<int>(payload.size()),
-                                           payload.data(), will.qos, will.retain, properties.release());
-    if (code != MOSQ_ERR_SUCCESS) {
-      end("the will cannot be set: " + libraryText(code, errno, said_));
-      return false;
-    }
-  }
-  return configureTls(options) && configureLogin(options);
-}
-
-bool MqttConnection::configureTls(const MqttOptions& options) {
-  if (!options.tls) {
-    return true;
-  }
-  if (std::string trouble = troubleWithFiles(options); !trouble.empty()) {
+  mosquitto_connect_v5_callback_set(handle_.get(), onConnect);
+  mosquitto_disconnect_v5_callback_set(handle_.get(), onDisconnect);
+  mosquitto_message_v5_callback_set(handle_.get(), onMessage);
+  mosquitto_publish_v5_callback_set(handle_.get(), onPublish);
+  mosquitto_subscribe_v5_callback_set(handle_.get(), onSubscribe);
+  mosquitto_log_callback_set(handle_.get(), onLog);
+  if (std::string trouble = setUp(handle_.get(), options, identity.will, said_); !trouble.empty()) {
     end(std::move(trouble));
-    return false;
   }
-  auto* const handle = handle_.get();
-  const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
-  int code = MOSQ_ERR_SUCCESS;
-  if (options.caFile.empty()) {
-    code = mosquitto_int_option(handle, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
-  }
-  if (code == MOSQ_ERR_SUCCESS && (!options.caFile.empty() || !options.certFile.empty())) {
-    // The library takes no certificate of ours without a place for authorities: the system's, if nothing
-    // else.
-    const char* const place = options.caFile.empty() ? X509_get_default_cert_dir() : nullptr;
-    code = mosquitto_tls_set(handle, orNull(options.caFile), place, orNull(options.certFile),
-                             orNull(options.keyFile), noPassphrase);
-  }
-  if (code == MOSQ_ERR_SUCCESS) {
-    // 1: the broker's certificate must be good, and (not insecure) made out to the host we asked for.
-    code = mosquitto_tls_opts_set(handle, 1, nullptr, nullptr);
-  }
-  if (code == MOSQ_ERR_SUCCESS) {
-    code = mosquitto_tls_insecure_set(handle, false);
-  }
-  if (code != MOSQ_ERR_SUCCESS) {
-    end("TLS cannot be set up: " + libraryText(code, errno, said_));
-    return false;
-  }
-  return true;
-}
-
-bool MqttConnection::configureLogin(const MqttOptions& options) {
-  if (options.user.empty()) {
-    return true;
-  }
-  std::optional<std::string> password;
-  if (!options.passFile.empty()) {
-    std::string error;
-    password = readPasswordFile(options.passFile, error);
-    if (!password) {
-      end(std::move(error));
-      return false;
-    }
-  }
-  const int code =
-      mosquitto_username_pw_set(handle_.get(), options.user.c_str(), password ? password->c_str() : nullptr);
-  if (code != MOSQ_ERR_SUCCESS) {
-    end("user name and password cannot be set: " + libraryText(code, errno, said_));
-    return false;
-  }
-  return true;
 }
 
 void MqttConnection::open(const Endpoint& endpoint, TimePoint now) {

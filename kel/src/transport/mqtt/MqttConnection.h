@@ -1,14 +1,13 @@
 // MqttConnection: one connection to an MQTT 5 broker, from the first packet to the last.
 //
-// Purpose    Wraps one `struct mosquitto`. Every attempt gets a new one, so that no message that the library
-// had
-//            kept for an earlier connection can ever reach the broker behind newer ones.
-// Thread     One thread alone uses it and the library below it: the library runs without threads, its socket
-// is
-//            waited for outside (descriptor(), wantsWrite()), and it calls back only inside readable(),
-//            writable(), upkeep() and the sending calls. So no lock is involved in any callback.
+// Purpose    Wraps one `struct mosquitto`. Every attempt gets a new one, so that no message that the
+//            library had kept for an earlier connection can ever reach the broker behind newer ones.
+// Thread     One thread alone uses it and the library below it: the library runs without threads, its
+//            socket is waited for outside (descriptor(), wantsWrite()), and it calls back only inside
+//            readable(), writable(), upkeep() and the sending calls. So no lock is involved in any
+//            callback.
 // Errors     Nothing throws. Once ended() is true, failure() says why and the object is good for nothing
-// else.
+//            else.
 #pragma once
 
 #include <mosquitto.h>
@@ -83,9 +82,6 @@ class MqttConnection {
     void operator()(ssl_st* tls) const noexcept;
   };
 
-  bool configure(const MqttOptions& options, const TransportIdentity& identity);
-  bool configureTls(const MqttOptions& options);
-  bool configureLogin(const MqttOptions& options);
   void check(int code);
   void keepTls();
   [[nodiscard]] Mishap mishap(int code, int savedErrno) const;

@@ -76,7 +76,6 @@ void RedisConnection::close() {
   dialer_.cancel();
   stream_.reset();
   output_.clear();
-  sent_ = 0;
   tagsIn_ = tagsOut_ = 0;
   signOnReplies_ = 0;
   waiting_ = false;
@@ -124,10 +123,10 @@ void RedisConnection::connected(Clock::time_point now) {
 
 void RedisConnection::signOn() {
   reader_ = std::make_unique<ReplyReader>();
-  RespWriter out(output_);
+  RespWriter out(output_.tail());
   if (!address_.user.empty() || !address_.passFile.empty()) {
     std::string error;
-    if (!appendAuth(output_, address_.user, address_.passFile, error)) {
+    if (!appendAuth(output_.tail(), address_.user, address_.passFile, error)) {
       lose(error);
       return;
     }
@@ -177,25 +176,22 @@ void RedisConnection::pushTag(std::uint64_t tag) {
 std::string& RedisConnection::command(std::uint64_t tag) {
   assert(ready());
   pushTag(tag);
-  return output_;
+  return output_.tail();
 }
 
 void RedisConnection::flush() {
   if (!stream_) return;
-  while (sent_ < output_.size()) {
-    const StreamResult result = stream_->write(output_.data() + sent_, output_.size() - sent_);
+  while (!output_.empty()) {
+    const std::string_view unsent = output_.unsent();
+    const StreamResult result = stream_->write(unsent.data(), unsent.size());
     if (result.status == StreamResult::Status::wait) return;
     if (result.status != StreamResult::Status::moved) {
       // What the server said last may still be there to be read; reading will then find the end.
       if (!result.peerGone) lose(endReason(result));
       return;
     }
-    sent_ += result.bytes;
+    output_.sent(result.bytes);
   }
-  constexpr std::size_t keepBytes = std::size_t{256} * 1024;
-  if (output_.capacity() > keepBytes) output_ = std::string();
-  output_.clear();
-  sent_ = 0;
 }
 
 pollfd RedisConnection::wanted() const {

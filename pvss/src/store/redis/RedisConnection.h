@@ -1,14 +1,12 @@
 // RedisConnection: one connection to a Redis server, driven from outside, never blocking.
 //
-// Purpose    Asks the sentinels where to (with an address of them), connects, signs on (AUTH, SELECT, ROLE),
-// sends
-//            commands and gives their replies back in order.
+// Purpose    Asks the sentinels where to (with an address of them), connects, signs on (AUTH, SELECT,
+//            ROLE), sends commands and gives their replies back in order.
 // Ownership  The owner outlives the connection. Reply cursors hold during the call only.
-// Thread     One; the owner is called from inside open(), onReady(), flush() and tick(). The owner may close
-// or
-//            open the connection again from any of its callbacks.
+// Thread     One; the owner is called from inside open(), onReady(), flush() and tick(). The owner may
+//            close or open the connection again from any of its callbacks.
 // Errors     Nothing throws. Every end that the owner did not ask for is one connectionLost() with its
-// reason.
+//            reason.
 #pragma once
 
 #include <poll.h>
@@ -23,6 +21,7 @@
 #include "store/redis/ByteStream.h"
 #include "store/redis/Dialer.h"
 #include "store/redis/Resp.h"
+#include "store/redis/SendBuffer.h"
 #include "store/redis/SentinelFinder.h"
 #include "store/redis/StoreAddress.h"
 
@@ -76,7 +75,8 @@ class RedisConnection {
   std::string& command(std::uint64_t tag);
   /// Sends what the socket takes.
   void flush();
-  [[nodiscard]] bool hasOutput() const { return sent_ < output_.size(); }
+  [[nodiscard]] std::size_t unsent() const { return output_.unsent().size(); }  ///< bytes
+  [[nodiscard]] bool hasOutput() const { return !output_.empty(); }
 
   /// What to wait for; descriptor -1 when there is nothing to wait for.
   [[nodiscard]] pollfd wanted() const;
@@ -111,8 +111,7 @@ class RedisConnection {
   Dialer dialer_;
   std::unique_ptr<ByteStream> stream_;
   std::unique_ptr<ReplyReader> reader_;
-  std::string output_;
-  std::size_t sent_ = 0;
+  SendBuffer output_;
   unsigned signOnReplies_ = 0;
 
   // Tags of the commands that have no reply yet: a ring whose size is a power of two.

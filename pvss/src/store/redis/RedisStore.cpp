@@ -138,7 +138,7 @@ bool RedisStore::write(const WriteBatch& batch) {
   flyingBytes_ += bytes;
   previousWrite_ = batch.clientSequence;
   // Not more than the socket takes in one go is left to gather here.
-  if (out.size() > 65536) commands_.flush();
+  if (commands_.unsent() > 65536) commands_.flush();
   return true;
 }
 

@@ -2,12 +2,10 @@
 //
 // Purpose    The store that many processes share. docs/store-format.md describes what it keeps where.
 // Ownership  See DatapointStore.h; the store owns its two connections: one for commands, one that waits for
-// the
-//            change log.
+//            the change log.
 // Thread     As DatapointStore: one.
 // Errors     A server that is away, loading, failing over, without functions, or a manager number that is
-// taken
-//            are states: the store says so once on standard error and goes on trying.
+//            taken are states: the store says so once on standard error and goes on trying.
 #pragma once
 
 #include <poll.h>

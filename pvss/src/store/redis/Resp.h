@@ -1,8 +1,8 @@
 // Resp: commands out, replies in, as the Redis protocol writes them.
 //
 // Purpose    RespWriter puts a command straight into an output buffer. ReplyReader wraps hiredis' parser so
-// that
-//            a reply lands in one flat buffer instead of a tree of allocations. ReplyCursor walks through it.
+//            that a reply lands in one flat buffer instead of a tree of allocations. ReplyCursor walks
+//            through it.
 // Ownership  A cursor and the texts it gives point into its reader and hold until the reader goes on.
 // Thread     Any one at a time.
 // Errors     Nothing throws but running out of memory. A cursor read past the end or against the type gives

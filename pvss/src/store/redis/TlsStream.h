@@ -2,9 +2,8 @@
 //
 // Purpose    The server shows a certificate for the host that was dialled, signed by an authority of the ca
 //            file (or of this system), or there is no link. This side shows its own when it has one.
-// Thread     As ByteStream: one. The files are read when a stream is made, so a renewed certificate is taken
-// up
-//            by the next connection.
+// Thread     As ByteStream: one. The files are read when a stream is made, so a renewed certificate is
+//            taken up by the next connection.
 #pragma once
 
 #include <memory>

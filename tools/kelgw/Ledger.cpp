@@ -12,7 +12,6 @@
 namespace kelgw {
 namespace {
 
-constexpr std::int64_t backlogBytes = std::int64_t{64} << 20;  // the default of [general] backlogBytes
 constexpr std::int64_t smallestCall = 128;  // bytes that the backlog counts for it, at least
 
 std::string runOf(const std::string& publisher, const std::string& incarnation) {
@@ -289,6 +288,18 @@ std::optional<std::int64_t> publishedUntilNow(const Books& books, std::int64_t s
   return published;
 }
 
+// What the backlog of a manager number may hold, in bytes, as its heartbeat says: the process that is gone
+// had the configuration of the one that follows it, or of the one whose last heartbeat the store still has.
+std::int64_t backlogBoundOf(const Books& books, int number) {
+  std::int64_t bound = 0;
+  for (const pvss::StoreManager& manager : books.managers) {
+    if (manager.number == number) {
+      bound = std::max(bound, counterOf(manager, "backlogBound"));
+    }
+  }
+  return bound;
+}
+
 std::vector<GoneLine> goneOf(const Books& books, const Index& index) {
   std::map<int, GoneLine> lines;
   std::map<int, std::int64_t> since;
@@ -322,7 +333,7 @@ std::vector<GoneLine> goneOf(const Books& books, const Index& index) {
         line.published = publishedBefore(*ledger, since[number], index);
       }
     }
-    line.bound = mostInFlight();
+    line.bound = mostInFlight(backlogBoundOf(books, number));
     line.inFlight = line.published ? std::max<std::int64_t>(0, *line.published - line.applied) : 0;
     if (line.inFlight > line.bound) {
       line.why = fmt::format("{} records were published and not applied, more than its queues hold ({})",
@@ -335,8 +346,10 @@ std::vector<GoneLine> goneOf(const Books& books, const Index& index) {
 
 }  // namespace
 
-std::int64_t mostInFlight() {
-  return static_cast<std::int64_t>(KelOptions().handOffRecords) + backlogBytes / smallestCall;
+std::int64_t mostInFlight(std::int64_t backlogBytes) {
+  constexpr std::int64_t usualBytes = std::int64_t{64} << 20;
+  return static_cast<std::int64_t>(KelOptions().handOffRecords) +
+         (backlogBytes > 0 ? backlogBytes : usualBytes) / smallestCall;
 }
 
 bool quiet(const Books& before, const Books& now) {

@@ -97,7 +97,8 @@ struct Ledger {
 [[nodiscard]] Ledger balance(const Books& books, bool moving);
 
 /// The records that the queues between broker and store can hold: the hand-off and the backlog at their
-/// bounds, every call as small as it can be.
-[[nodiscard]] std::int64_t mostInFlight();
+/// bounds, every call as small as it can be. `backlogBytes` is the backlog's bound, 0 for the one that a
+/// manager has when its configuration names none.
+[[nodiscard]] std::int64_t mostInFlight(std::int64_t backlogBytes);
 
 }  // namespace kelgw

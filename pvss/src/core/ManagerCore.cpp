@@ -349,6 +349,7 @@ void ManagerCore::beat(TimePoint now) {
                 {"answers", number(counters_.answers)},
                 {"backlogBytes", number(counters_.backlogBytes)},
                 {"backlogBytesHigh", number(counters_.backlogBytesHigh)},
+                {"backlogBound", number(Settings::current().backlogBytes)},
                 {"pendingHigh", number(counters_.pendingHigh)},
                 {"callsHigh", number(counters_.callsHigh)},
                 {"deliveriesHigh", number(counters_.deliveriesHigh)},

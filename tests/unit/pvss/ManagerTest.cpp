@@ -316,8 +316,9 @@ TEST_F(ManagerTest, TheHeartbeatShowsStateAndCounters) {
   ASSERT_FALSE(beat.empty());
   EXPECT_EQ(beat[0].first, "state");
   EXPECT_EQ(beat[0].second, "running");
-  for (const char* name : {"queued", "confirmed", "resent", "coalesced", "dropped", "rejected", "pending",
-                           "hotLinks", "backlogBytesHigh", "pendingHigh", "callsHigh", "storeLosses"}) {
+  for (const char* name :
+       {"queued", "confirmed", "resent", "coalesced", "dropped", "rejected", "pending", "hotLinks",
+        "backlogBytesHigh", "backlogBound", "pendingHigh", "callsHigh", "storeLosses"}) {
     EXPECT_TRUE(std::any_of(beat.begin(), beat.end(), [&](const auto& pair) { return pair.first == name; }))
         << name;
   }

@@ -231,10 +231,28 @@ TEST(Ledger, ARunThatWasKilledIsHeldAgainstWhatHadBeenPublished) {
   EXPECT_EQ(ledger.gone[0].inFlight, 3);
   EXPECT_TRUE(ledger.balanced());
 
-  books.ledgers[0].received[0].before += mostInFlight();
-  books.ledgers[0].received[0].last += mostInFlight();
-  books.ledgers[1].sent[0].last = books.ledgers[1].sent[0].lastAcknowledged += mostInFlight();
+  books.ledgers[0].received[0].before += mostInFlight(0);
+  books.ledgers[0].received[0].last += mostInFlight(0);
+  books.ledgers[1].sent[0].last = books.ledgers[1].sent[0].lastAcknowledged += mostInFlight(0);
   ledger = balance(books, false);
+  ASSERT_EQ(ledger.why.size(), 1U);
+  EXPECT_THAT(ledger.why[0], HasSubstr("more than its queues hold"));
+}
+
+TEST(Ledger, WhatMayHaveBeenInFlightIsWhatTheConfiguredQueuesHold) {
+  Books books = agreeing();
+  pvss::StoreWriter old = books.writers[0];
+  old.writer = "1.00";
+  old.values = 7;
+  books.writers.push_back(old);
+  books.managers[0].counters.emplace_back("backlogBound", "12800");
+  EXPECT_EQ(balance(books, false).gone.at(0).bound, mostInFlight(12800));
+  EXPECT_EQ(mostInFlight(0) - mostInFlight(12800), (64 << 20) / 128 - 100);
+
+  books.ledgers[0].received[0].before += mostInFlight(12800);
+  books.ledgers[0].received[0].last += mostInFlight(12800);
+  books.ledgers[1].sent[0].last = books.ledgers[1].sent[0].lastAcknowledged += mostInFlight(12800);
+  const Ledger ledger = balance(books, false);
   ASSERT_EQ(ledger.why.size(), 1U);
   EXPECT_THAT(ledger.why[0], HasSubstr("more than its queues hold"));
 }

@@ -145,8 +145,10 @@ void Backlog::settle(std::uint64_t lastKnown) {
 
 std::uint64_t Backlog::restoreLost(std::uint64_t lastKnown) {
   handed_ = 0;
-  // Everything whose newest write does not wait in the backlog anyway, sorted by the call that wrote it: what
-  // was written together comes back together, in the old order and with the old times.
+  // Everything whose newest write the store does not know and that does not wait in the backlog anyway,
+  // sorted by the call that wrote it: what was written together comes back together, in the old order and
+  // with the old times. What a store still knows of a writer is never more than a beginning of what that
+  // wrote.
   std::erase_if(entries_, [this](const Entry& entry) {
     if (entry.batch.restore) {
       forget(entry);
@@ -159,7 +161,7 @@ std::uint64_t Backlog::restoreLost(std::uint64_t lastKnown) {
     const Newest& newest = newest_[element];
     for (std::size_t line = 0; line < 4; ++line) {
       const std::uint64_t sequence = newest.sequence[line];
-      if (sequence == 0 || sequence >= firstWaiting) {
+      if (sequence <= lastKnown || sequence >= firstWaiting) {
         continue;
       }
       WriteBatch& batch = lost[sequence];

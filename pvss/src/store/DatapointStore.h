@@ -46,7 +46,7 @@ struct ElementAttributes {
 struct WriteBatch {
   std::uint64_t clientSequence = 0;  ///< counts the calls of this writer; what makes a resend harmless
   std::int64_t timeMs = 0;           ///< the source time of everything in the batch
-  bool restore = false;  ///< resent after the store lost it: skipped where the stored time is newer
+  bool restore = false;  ///< written again after the store lost it: without what others have written since
   std::vector<ElementAttributes> elements;
 };
 

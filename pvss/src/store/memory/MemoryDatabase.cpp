@@ -104,6 +104,12 @@ std::uint64_t MemoryDatabase::apply(std::int64_t timeMs, const std::vector<Eleme
 
 void MemoryDatabase::applyForeign(std::int64_t timeMs, std::vector<ElementAttributes> elements, bool secret) {
   const std::uint64_t number = apply(timeMs, elements);
+  if (servers_ > 1) {
+    for (const ElementAttributes& attributes : elements) {
+      std::uint8_t& mask = sinceLoss_[attributes.element];
+      mask = static_cast<std::uint8_t>(mask | attributes.mask);
+    }
+  }
   if (attached && !secret) {
     events.emplace_back(ForeignChange{number, timeMs, std::move(elements)});
   }
@@ -126,6 +132,12 @@ void MemoryDatabase::loseNewest(std::size_t changes) {
   }
   runId = "memory-" + std::to_string(++servers_);
   events.clear();
+  sinceLoss_.clear();
+}
+
+std::uint8_t MemoryDatabase::writtenSinceLoss(Index index) const {
+  const auto found = sinceLoss_.find(index);
+  return found == sinceLoss_.end() ? std::uint8_t{0} : found->second;
 }
 
 }  // namespace pvss

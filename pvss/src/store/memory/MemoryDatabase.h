@@ -77,6 +77,8 @@ class MemoryDatabase {
   [[nodiscard]] Writer writer(const std::string& name) const;
   void setWriter(const std::string& name, const Writer& writer) { writers_[name] = writer; }
   void loseNewest(std::size_t changes);
+  /// Attributes of the element that somebody else than the attached store has written since the last loss.
+  [[nodiscard]] std::uint8_t writtenSinceLoss(Index index) const;
 
  private:
   struct Past {
@@ -88,6 +90,7 @@ class MemoryDatabase {
   std::unordered_map<std::string, Index> ids_;
   std::unordered_map<std::string, Writer> writers_;
   std::deque<Past> history_;
+  std::unordered_map<Index, std::uint8_t> sinceLoss_;  // masks of attributes
   std::uint64_t sequence_ = 0;
   unsigned servers_ = 1;
 };

@@ -174,11 +174,14 @@ void MemoryStore::apply(WriteBatch batch) {
     if (index == MemoryDatabase::none || database_->at(index).entry.type == DPELEMENT_NOELEMENT) {
       missing += (missing.empty() ? "no such element: " : ", ") + directory_->nameOf(attributes.element);
       skipped = true;
-    } else if (batch.restore && database_->at(index).state.valueTimeMs > batch.timeMs) {
-      skipped = true;
     } else {
-      scratch_.push_back(attributes);
-      scratch_.back().element = index;
+      const std::uint8_t newer = batch.restore ? database_->writtenSinceLoss(index) : std::uint8_t{0};
+      skipped = skipped || (attributes.mask & newer) != 0;
+      if ((attributes.mask & ~newer) != 0) {
+        scratch_.push_back(attributes);
+        scratch_.back().element = index;
+        scratch_.back().mask = static_cast<std::uint8_t>(attributes.mask & ~newer);
+      }
     }
   }
   if (!scratch_.empty()) {

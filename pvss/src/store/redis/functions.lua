@@ -3,7 +3,7 @@
 -- docs/store-format.md describes the keys, the texts and every function. 64-bit numbers and times travel as
 -- texts; where one is compared as a number it is a count of milliseconds or of changes, far below 2^53.
 
-local VERSION = '2'
+local VERSION = '3'
 
 local DAY_MS = 86400000
 local MARK_BYTES = 1048576        -- distance of the marks that trimming cuts at
@@ -12,6 +12,7 @@ local INLINE_BYTES = 65536        -- a larger change is logged by names only
 local INLINE_ELEMENTS = 3000      -- and so is one with more elements than a call can carry
 local STEP = 5                    -- places of one element in the plan of a write
 local LEASE_MS = 3000             -- when a write takes a free lease up again
+local MOST_LOOKED_AT = 20000      -- changes that a restore looks through for what is newer than it
 
 local function now_ms()
   local t = redis.call('TIME')
@@ -23,6 +24,8 @@ local function newer(a, b)
   if #a ~= #b then return #a > #b end
   return a > b
 end
+
+local function sequence() return redis.call('GET', 'dp:seq') or '0' end
 
 local function lease_key(number) return 'dp:mgr:' .. number .. ':lease' end
 
@@ -132,6 +135,86 @@ local function missing_right(reply)
   return type(reply) == 'table' and reply.err and not string.find(reply.err, '^WRONGTYPE')
 end
 
+-- Notes the sequence at which this server began to take writes: as another process than the one before it, or as a
+-- replica that was promoted. What stands in the log up to there had been written before anything that was lost with
+-- its predecessor; what comes after it is newer. Gives the run id.
+local begun = false
+local function begin()
+  local run = string.match(redis.call('INFO', 'server'), 'run_id:(%w+)')
+  local life = run .. ' ' .. (string.match(redis.call('INFO', 'replication'), 'master_replid:(%w+)') or '-')
+  local kept = redis.call('GET', 'dp:log:began')
+  if not kept then
+    redis.call('SET', 'dp:log:began', life .. ' 0')
+  elseif string.match(kept, '^%w+ %S+') ~= life then
+    redis.call('SET', 'dp:log:began', life .. ' ' .. sequence())
+  end
+  begun = true
+  return run
+end
+
+-- Who wrote each attribute of an element last since this server began, a restored one behind RESTORED. Only a restore
+-- looks, and then only at what is new since it last looked. Not whole: too much came in between, or the log lacks it.
+local RESTORED = '\1'
+local seen_log = {mark = false, upto = 0, by = {}, whole = true}
+
+local function note(name, letters, valued, who)
+  local by = seen_log.by[name]
+  if not by then
+    by = {}
+    seen_log.by[name] = by
+  end
+  for p = 1, #letters do by[string.sub(letters, p, p)] = who end
+  if valued then by.v = who end
+end
+
+local function look_back()
+  local mark, current = redis.call('GET', 'dp:log:began') or '', tonumber(sequence())
+  if mark ~= seen_log.mark or current < seen_log.upto then
+    seen_log.mark, seen_log.upto, seen_log.by, seen_log.whole = mark, tonumber(string.match(mark, '(%d+)$') or '0'), {}, true
+  end
+  if current == seen_log.upto then return end
+  local from = string.format('%.0f', seen_log.upto + 1)
+  local entries = current - seen_log.upto <= MOST_LOOKED_AT and redis.call('XRANGE', 'dp:log', from, '+') or {}
+  if not entries[1] or string.match(entries[1][1], '^%d+') ~= from then
+    seen_log.whole, entries = false, {}
+  end
+  for _, entry in ipairs(entries) do
+    local f = entry[2]
+    local who = string.match(f[2], ' (.*)$')
+    if f[1] == 'S' then
+      for letters, name in string.gmatch(f[4], '([^ \n]+) ([^\n]*)') do
+        note(name, string.gsub(letters, 'v', ''), string.find(letters, 'v', 1, true), who)
+      end
+    elseif f[1] == 's' then
+      for i = 3, #f, 2 do
+        local head, value = split(f[i + 1])
+        if head then note(f[i], head.letters, value, who) end
+      end
+    end
+  end
+  seen_log.upto = current
+end
+
+-- What of a restored text is not superseded: all of it mostly, nothing at all perhaps.
+local function still_newest(name, key, text, head, value, writer, when)
+  local by = seen_log.by[name]
+  if seen_log.whole and not by then return text end
+  local times = redis.call('HMGET', key, 't', 'ti')
+  local function superseded(letter)
+    local who = by and by[letter]
+    if seen_log.whole and (not who or who == writer or who == RESTORED .. writer) then return false end
+    if who and string.sub(who, 1, 1) ~= RESTORED then return who ~= writer end
+    return tonumber(times[letter == 'i' and 2 or 1] or '0') > when
+  end
+  local kept = ''
+  for p = 1, #head.letters do
+    local letter = string.sub(head.letters, p, p)
+    if not superseded(letter) then kept = kept .. letter .. head.set[2 * p] end
+  end
+  if value and not superseded('v') then kept = kept .. 'v' .. value end
+  return kept
+end
+
 -- dp_set writer fence number previous time flags (name text)...
 local function dp_set(_, args)
   local writer, fence, number, previous, time, flags = args[1], args[2], args[3], args[4], args[5], args[6]
@@ -141,6 +224,8 @@ local function dp_set(_, args)
       if holder then return redis.error_reply('FENCED ' .. lease_text(fence)) end
       lease_take(fence, writer, LEASE_MS, redis.call('HGET', 'dp:mgr:' .. fence, '@text') or writer)
     end
+  elseif not begun then
+    pcall(begin)  -- who may not ask the server is let in all the same
   end
   local last, calls, attributes, refused, values, since = '0', 0, 0, 0, 0, ''
   local known = redis.call('HGET', 'dp:cli', writer)
@@ -153,6 +238,7 @@ local function dp_set(_, args)
   if since == '' then since = now_ms() end
   local when = tonumber(time)
   local restore = flags == 'r'
+  if restore then look_back() end
   local call, pcall = redis.call, redis.pcall
 
   -- Look first, write afterwards: nothing below can fail half way. The plan has STEP places for each element.
@@ -165,12 +251,17 @@ local function dp_set(_, args)
     local head, value = split(text)
     local count = not head and 0 or value and #head.letters + 1 or #head.letters
     if missing_right(was) then return was end
+    if restore and head and type(was) ~= 'table' then
+      text = still_newest(name, key, text, head, value, writer, when)
+      args[i + 1] = text
+      if text ~= '' then head, value = split(text) end
+    end
     if not head or type(was) == 'table' then
       broken, bad = name, bad + count
     elseif not was and call('HEXISTS', 'dp:cat', name) == 0 then
       unknown, bad = unknown and unknown .. ', ' .. name or name, bad + count
-    elseif restore and tonumber(call('HGET', key, 't') or '0') > when then
-      skipped = true
+    elseif text == '' then
+      skipped = true  -- nothing of it is the newest any more
     else
       local flag = head.flag
       plan[n + 1], plan[n + 2], plan[n + 3], plan[n + 4] = i, key, head, value or false
@@ -214,6 +305,10 @@ local function dp_set(_, args)
       end
     end
     calls = calls + 1
+    if restore then
+      for k = 1, n, STEP do note(args[plan[k]], plan[k + 2].letters, plan[k + 3], RESTORED .. writer) end
+      seen_log.upto = seq
+    end
   end
   -- What is restored had been counted when it was written.
   if not restore then
@@ -239,8 +334,6 @@ local function state_of(name)
   if h.err then return {false, false, false, false, false, false} end
   return h
 end
-
-local function sequence() return redis.call('GET', 'dp:seq') or '0' end
 
 -- dp_snap name...  -> sequence, then one state for each name
 local function dp_snap(_, args)
@@ -281,6 +374,7 @@ end
 --   -> 1, last client sequence, sequence, run id, attributes applied, refused    or 0, holder's text, milliseconds that its lease still has
 local function dp_hello(_, args)
   local writer, number, ttl = args[1], args[2], args[3]
+  local run = begin()
   local holder = redis.call('HGET', lease_key(number), 'writer')
   if holder and holder ~= writer then
     return {0, lease_text(number), redis.call('PTTL', lease_key(number))}
@@ -299,7 +393,6 @@ local function dp_hello(_, args)
     redis.call('HSET', 'dp:cli', writer, known)
   end
   local last, _, attributes, refused = book_of(known)
-  local run = string.match(redis.call('INFO', 'server'), 'run_id:(%w+)')
   return {1, last, sequence(), run, string.format('%.0f', attributes), string.format('%.0f', refused)}
 end
 

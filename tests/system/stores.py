@@ -208,7 +208,10 @@ class FailoverStore:
         self.servers[0].kill()
 
     def promoted(self):
-        return self.servers[1].command("ROLE")[0] == b"master"
+        try:
+            return self.servers[1].command("ROLE")[0] == b"master"
+        except OSError:  # Sentinel closes every connection of the server that it promotes
+            return False
 
     def command(self, *words):
         return self.servers[1 if self.servers[0].process is None else 0].command(*words)

@@ -23,7 +23,7 @@ std::vector<std::string> lines(const std::string& text) {
 
 class Functions : public testing::Test {
  protected:
-  Functions() {
+  explicit Functions(RedisServer::Keep keep = RedisServer::Keep::nothing) : server(keep) {
     pvss::StoreAdmin(server.address()).installFunctions();
     call({"dp_put", "0", "t", "A.f", "float", "A.i", "int"});
   }
@@ -314,17 +314,9 @@ TEST_F(Functions, TextsWithEveryByteSurvive) {
 
 /// A server that dies and comes back without what had not reached its disk, or as a replica in its place:
 /// what is lost is simply never written here.
-class Restored : public testing::Test {
+class Restored : public Functions {
  protected:
-  Restored() : server(RedisServer::Keep::everything) {
-    pvss::StoreAdmin(server.address()).installFunctions();
-    call({"dp_put", "0", "t", "A.f", "float", "A.i", "int"});
-    hello();
-  }
-  std::string call(std::vector<std::string> words) {
-    words.insert(words.begin(), "FCALL");
-    return server.cli(words);
-  }
+  Restored() : Functions(RedisServer::Keep::everything) { hello(); }
   void hello() {
     ASSERT_THAT(call({"dp_hello", "0", "7.w", "7", "60000", "API", "here", "1", "1", "w"}),
                 StartsWith("1\n"));
@@ -343,7 +335,6 @@ class Restored : public testing::Test {
     return server.cli({"HGET", "dp:d:" + name, field});
   }
 
-  RedisServer server;
   int number = 0;
 };
 
@@ -369,6 +360,26 @@ TEST_F(Restored, WhatOthersHaveWrittenSinceStaysWhateverTheClocksSay) {
   EXPECT_EQ(set("7.w", "5000", "r", "A.f", "i0v3"), "-1");
   EXPECT_EQ(value("A.f"), "2");
   EXPECT_EQ(value("A.f", "t"), "100");
+}
+
+TEST_F(Restored, WhatComesBeforeTheFirstManagerIsNewerToo) {
+  set("other", "5000", "", "A.i", "i0v2");
+  server.kill();
+  server.start();
+  set("other", "100", "", "A.f", "i0v2");
+  hello();
+  call({"dp_set", "0", "7.w", "7", std::to_string(++number), "0", "200", "r", "A.f", "i0v3", "A.i", "i0v3"});
+  EXPECT_EQ(value("A.f"), "2");
+  EXPECT_EQ(value("A.i"), "3");
+}
+
+TEST_F(Restored, AReplicaThatIsPromotedBeginsAnewThoughItsProcessGoesOn) {
+  set("other", "5000", "", "A.f", "i0v2");
+  server.cli({"REPLICAOF", "127.0.0.1", "1"});
+  server.cli({"REPLICAOF", "NO", "ONE"});
+  hello();
+  set("7.w", "200", "r", "A.f", "i0v3");
+  EXPECT_EQ(value("A.f"), "3");
 }
 
 TEST_F(Restored, OnlyTheAttributesThatOthersHaveWrittenStay) {

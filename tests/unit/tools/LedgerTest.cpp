@@ -216,12 +216,24 @@ TEST(Ledger, WritesThatTheStoreLostAreNoSurprise) {
   EXPECT_TRUE(balance(books, false).balanced());
 }
 
-TEST(Ledger, ARunThatWasKilledIsHeldAgainstWhatHadBeenPublished) {
-  Books books = agreeing();
+/// An earlier run of the gateway that brought seven records into the store.
+void addOldRun(Books& books) {
   pvss::StoreWriter old = books.writers[0];
   old.writer = "1.00";
   old.values = 7;
   books.writers.push_back(old);
+}
+
+/// So many records more had gone by when the present run came.
+void publishMoreBefore(Books& books, std::int64_t records) {
+  books.ledgers[0].received[0].before += records;
+  books.ledgers[0].received[0].last += records;
+  books.ledgers[1].sent[0].last = books.ledgers[1].sent[0].lastAcknowledged += records;
+}
+
+TEST(Ledger, ARunThatWasKilledIsHeldAgainstWhatHadBeenPublished) {
+  Books books = agreeing();
+  addOldRun(books);
   Ledger ledger = balance(books, false);
   ASSERT_EQ(ledger.gone.size(), 1U);
   EXPECT_EQ(ledger.gone[0].manager, 1);
@@ -231,9 +243,7 @@ TEST(Ledger, ARunThatWasKilledIsHeldAgainstWhatHadBeenPublished) {
   EXPECT_EQ(ledger.gone[0].inFlight, 3);
   EXPECT_TRUE(ledger.balanced());
 
-  books.ledgers[0].received[0].before += mostInFlight(0);
-  books.ledgers[0].received[0].last += mostInFlight(0);
-  books.ledgers[1].sent[0].last = books.ledgers[1].sent[0].lastAcknowledged += mostInFlight(0);
+  publishMoreBefore(books, mostInFlight(0));
   ledger = balance(books, false);
   ASSERT_EQ(ledger.why.size(), 1U);
   EXPECT_THAT(ledger.why[0], HasSubstr("more than its queues hold"));
@@ -241,17 +251,12 @@ TEST(Ledger, ARunThatWasKilledIsHeldAgainstWhatHadBeenPublished) {
 
 TEST(Ledger, WhatMayHaveBeenInFlightIsWhatTheConfiguredQueuesHold) {
   Books books = agreeing();
-  pvss::StoreWriter old = books.writers[0];
-  old.writer = "1.00";
-  old.values = 7;
-  books.writers.push_back(old);
+  addOldRun(books);
   books.managers[0].counters.emplace_back("backlogBound", "12800");
   EXPECT_EQ(balance(books, false).gone.at(0).bound, mostInFlight(12800));
   EXPECT_EQ(mostInFlight(0) - mostInFlight(12800), (64 << 20) / 128 - 100);
 
-  books.ledgers[0].received[0].before += mostInFlight(12800);
-  books.ledgers[0].received[0].last += mostInFlight(12800);
-  books.ledgers[1].sent[0].last = books.ledgers[1].sent[0].lastAcknowledged += mostInFlight(12800);
+  publishMoreBefore(books, mostInFlight(12800));
   const Ledger ledger = balance(books, false);
   ASSERT_EQ(ledger.why.size(), 1U);
   EXPECT_THAT(ledger.why[0], HasSubstr("more than its queues hold"));

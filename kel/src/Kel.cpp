@@ -5,6 +5,7 @@
 #include "Log.h"
 #include "session/Session.h"
 #include "transport/MakeTransport.h"
+#include "wire/RecordCodec.h"
 
 namespace {
 
@@ -43,6 +44,12 @@ KelFactory* Kel::create(const char* publisherName, const KelOptions& given) {
   if (name.empty()) name = "unnamed-" + incarnation;
   if (!kel::encodeTopicName(name, error)) {
     refuse("no publisher can be called '" + name + "': " + error, "choose another publisher's name");
+  }
+  if (name.size() + 1 + incarnation.size() > kel::longestPublisher) {
+    refuse("no publisher can be called '" + name.substr(0, 60) +
+               "...': name and incarnation have more than " + std::to_string(kel::longestPublisher - 1) +
+               " bytes",
+           "choose a shorter publisher's name");
   }
   auto transport = kel::makeTransport(*url, error);
   if (!transport) refuse(error, remedy);

@@ -65,6 +65,12 @@ std::string takeOption(KelUrl& url, std::string_view name, const std::string& va
     const auto seconds = wholeNumber(value);
     if (!seconds || *seconds < 1 || *seconds > 3600) return option + " must be 1 to 3600 seconds";
     url.keepAlive = std::chrono::seconds(*seconds);
+  } else if (name == "recordBytes") {
+    const auto bytes = wholeNumber(value);
+    if (!bytes || *bytes < 65'536 || *bytes > 1'073'741'824) {
+      return option + " must be 65536 to 1073741824 bytes";
+    }
+    url.recordBytes = static_cast<std::size_t>(*bytes);
   } else if (name == "ca" || name == "cert" || name == "key") {
     if (url.scheme != KelUrl::Scheme::mqtts) return option + " needs mqtts://";
     (name == "ca" ? url.ca : name == "cert" ? url.cert : url.key) = value;

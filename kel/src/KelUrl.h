@@ -8,6 +8,7 @@
 //   group=NAME       default "default"; letters, digits, '.', '_' and '-'
 //   qos=0|1          default 1
 //   keepAlive=S      whole seconds, 1 to 3600, default 5
+//   recordBytes=N    what one received record may take in memory, 65536 to 1073741824, default 16777216
 //   ca, cert, key    files for TLS; cert and key go together
 //   user, passfile   a user name, and a file whose first line is its password
 //
@@ -16,6 +17,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,6 +35,7 @@ struct KelUrl {
   std::string group = "default";
   int qos = 1;
   std::chrono::seconds keepAlive{5};
+  std::size_t recordBytes = 16U << 20U;  ///< of one received record, unpacked
   std::string ca;
   std::string cert;
   std::string key;

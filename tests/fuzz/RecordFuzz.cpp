@@ -54,6 +54,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view payload(reinterpret_cast<const char*>(data), size);
   const kel::DecodedRecord first = kel::decodeRecord(payload);
   require((first.record == nullptr) == !first.error.empty());
+  constexpr std::size_t small = 65'536;
+  const kel::DecodedRecord bounded = kel::decodeRecord(payload, small);
+  require((bounded.record == nullptr) == !bounded.error.empty());
+  require(bounded.record == nullptr || bounded.record->memoryBytes() <= small + 1);
   if (first.record == nullptr) return 0;
   const kel::RecordHeader header{first.record->quality, first.record->time, first.record->publisher,
                                  first.record->reason};

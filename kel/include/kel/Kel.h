@@ -3,8 +3,8 @@
 // The broker's address is KEL_URL, or mqtt://127.0.0.1:1883 when that is not set:
 //   loopback:[name]                     a broker inside this process, shared by all who give the same name
 //   mqtt://host[:1883], mqtts://host[:8883]
-// with options after a '?': group=NAME, qos=0|1, keepAlive=SECONDS, and for TLS and log-in ca=FILE,
-// cert=FILE, key=FILE, user=NAME, passfile=FILE. A secret never stands in the address.
+// with options after a '?': group=NAME, qos=0|1, keepAlive=SECONDS, recordBytes=BYTES, and for TLS and log-in
+// ca=FILE, cert=FILE, key=FILE, user=NAME, passfile=FILE. A secret never stands in the address.
 #pragma once
 
 #include <cstddef>

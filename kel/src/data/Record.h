@@ -99,7 +99,9 @@ class Record {
   void freeze() { frozen_ = true; }
   [[nodiscard]] bool frozen() const { return frozen_; }
   /// About what the record costs in memory.
-  [[nodiscard]] std::size_t memoryBytes() const { return allocated_ + fields_.capacity() * sizeof(Field); }
+  [[nodiscard]] std::size_t memoryBytes() const {
+    return allocated_ + fields_.capacity() * sizeof(Field) + index_.capacity() * sizeof(std::uint32_t);
+  }
 
   int quality = 1;
   KelTimestamp time;

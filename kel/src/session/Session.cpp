@@ -56,6 +56,7 @@ Session::Session(std::string publisherName, std::string incarnation, const KelUr
     : address_(url.describe()),
       codedName_(codedOrEmpty(publisherName)),
       host_(hostName()),
+      recordBytes_(url.recordBytes),
       startedNanoseconds_(options.wallClockNanoseconds()),
       transport_(std::move(transport)),
       dispatcher_(options.handOffRecords, options.handOffBytes),
@@ -257,7 +258,7 @@ void Session::message(std::string_view topic, std::string_view payload, bool ret
 
 void Session::dataMessage(std::string_view topic, std::string_view payload) {
   DecodedRecord decoded;
-  if (!payload.empty()) decoded = decodeRecord(payload);
+  if (!payload.empty()) decoded = decodeRecord(payload, recordBytes_);
   if (decoded.record && !decoded.record->hasTime) {
     // Nobody else has it yet, so it may still be completed: who gives no time is taken to speak of now.
     decoded.record->time = KelTimestamp(ports_.wallClockNanoseconds());

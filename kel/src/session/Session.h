@@ -87,6 +87,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   const std::string address_;  ///< for people
   const std::string codedName_;
   const std::string host_;
+  const std::size_t recordBytes_;
   const std::int64_t startedNanoseconds_;
   const std::unique_ptr<KelTransport> transport_;
   Dispatcher dispatcher_;

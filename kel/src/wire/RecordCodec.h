@@ -18,6 +18,11 @@ namespace kel {
 inline constexpr std::size_t largestPayload = 16U << 20U;
 inline constexpr std::size_t mostFields = 65'536;
 inline constexpr std::size_t mostBooleans = 16U << 20U;
+/// What one record may cost in memory when it is unpacked, unless the address says otherwise. A small payload
+/// can unpack to a hundred times its size.
+inline constexpr std::size_t defaultRecordBytes = 16U << 20U;
+/// Of `_publisher`, and so of a publisher's name and incarnation together.
+inline constexpr std::size_t longestPublisher = 1000;
 
 /// What the record says about itself, besides its fields.
 struct RecordHeader {
@@ -51,7 +56,9 @@ struct DecodedRecord {
   std::string error;               ///< one sentence
 };
 
-[[nodiscard]] DecodedRecord decodeRecord(std::string_view payload);
+/// Refuses what would take more than `mostMemory` bytes, before it takes them.
+[[nodiscard]] DecodedRecord decodeRecord(std::string_view payload,
+                                         std::size_t mostMemory = defaultRecordBytes);
 
 /// Datatypes of the Sparkplug B schema, as far as Kel has them.
 enum Datatype : std::uint32_t {

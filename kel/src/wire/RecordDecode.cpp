@@ -1,6 +1,7 @@
 #include <cstring>
 #include <limits>
 
+#include "wire/Metric.h"
 #include "wire/ProtoWire.h"
 #include "wire/RecordCodec.h"
 
@@ -10,147 +11,26 @@ namespace {
 using proto::key;
 using proto::Reader;
 
-enum class ValueKind : std::uint8_t { none, integer, longInteger, single, real, boolean, text, bytes };
-
-struct Metric {
-  std::string_view name;
-  bool hasDatatype = false;
-  std::uint64_t datatype = 0;
-  bool isNull = false;
-  ValueKind kind = ValueKind::none;
-  std::uint64_t number = 0;
-  float single = 0;
-  double real = 0;
-  std::string_view bytes;
-};
-
-void readMetric(Reader& reader, Metric& metric) {
-  while (reader.ok() && !reader.atEnd()) {
-    const std::uint64_t fieldKey = reader.readVarint();
-    switch (fieldKey) {
-      case key(1, proto::delimited):
-        metric.name = reader.readDelimited();
-        break;
-      case key(4, proto::varint):
-        metric.datatype = reader.readVarint();
-        metric.hasDatatype = true;
-        break;
-      case key(7, proto::varint):
-        metric.isNull = reader.readVarint() != 0;
-        break;
-      case key(10, proto::varint):
-        metric.number = reader.readVarint();
-        metric.kind = ValueKind::integer;
-        break;
-      case key(11, proto::varint):
-        metric.number = reader.readVarint();
-        metric.kind = ValueKind::longInteger;
-        break;
-      case key(12, proto::fixed32):
-        metric.single = reader.readFixed<float>();
-        metric.kind = ValueKind::single;
-        break;
-      case key(13, proto::fixed64):
-        metric.real = reader.readFixed<double>();
-        metric.kind = ValueKind::real;
-        break;
-      case key(14, proto::varint):
-        metric.number = reader.readVarint();
-        metric.kind = ValueKind::boolean;
-        break;
-      case key(15, proto::delimited):
-        metric.bytes = reader.readDelimited();
-        metric.kind = ValueKind::text;
-        break;
-      case key(16, proto::delimited):
-        metric.bytes = reader.readDelimited();
-        metric.kind = ValueKind::bytes;
-        break;
-      default:
-        reader.skip((fieldKey >> 3U) == 0 ? 7 : static_cast<std::uint32_t>(fieldKey & 7U));
-        break;
-    }
-  }
-}
-
-/// How a datatype travels, and what it becomes.
-struct DatatypeRule {
-  KelType type;
-  ValueKind kind;
-};
-
-DatatypeRule ruleOf(std::uint64_t datatype) {
-  switch (datatype) {
-    case dataInt8:
-      return {typeByte, ValueKind::integer};
-    case dataInt16:
-      return {typeShort, ValueKind::integer};
-    case dataInt32:
-      return {typeInt, ValueKind::integer};
-    case dataInt64:
-      return {typeLong, ValueKind::longInteger};
-    case dataFloat:
-      return {typeFloat, ValueKind::single};
-    case dataDouble:
-      return {typeDouble, ValueKind::real};
-    case dataBoolean:
-      return {typeBool, ValueKind::boolean};
-    case dataString:
-      return {typeString, ValueKind::text};
-    case dataBytes:
-      return {typeString, ValueKind::bytes};
-    case dataInt8Array:
-      return {typeByteArray, ValueKind::bytes};
-    case dataInt16Array:
-      return {typeShortArray, ValueKind::bytes};
-    case dataInt32Array:
-      return {typeIntArray, ValueKind::bytes};
-    case dataInt64Array:
-      return {typeLongArray, ValueKind::bytes};
-    case dataFloatArray:
-      return {typeFloatArray, ValueKind::bytes};
-    case dataDoubleArray:
-      return {typeDoubleArray, ValueKind::bytes};
-    case dataBooleanArray:
-      return {typeBoolArray, ValueKind::bytes};
-    case dataStringArray:
-      return {typeStringArray, ValueKind::bytes};
-    default:
-      return {typeNone, ValueKind::none};
-  }
-}
-
 std::string quoted(std::string_view name) {
   return "'" + std::string(name.substr(0, 200)) + "'";
 }
 
-/// Elements of a packed array, or why the bytes are not one.
-const char* countElements(KelType type, std::string_view bytes, std::size_t& count) {
-  if (type == typeBoolArray) {
-    std::uint32_t booleans = 0;
-    if (bytes.size() < sizeof(booleans)) return "a boolean array without its count";
-    std::memcpy(&booleans, bytes.data(), sizeof(booleans));
-    if (booleans > mostBooleans) return "a boolean array that is too large";
-    if (bytes.size() - sizeof(booleans) != (std::size_t{booleans} + 7) / 8) {
-      return "a boolean array whose count does not fit its bytes";
-    }
-    count = booleans;
-    return nullptr;
-  }
-  if (type == typeStringArray) {
-    if (!bytes.empty() && bytes.back() != '\0') return "a string array whose last text has no end";
-    count = 0;
-    for (const char c : bytes) count += c == '\0' ? 1U : 0U;
-    return nullptr;
-  }
-  const std::size_t size = elementSize(type);
-  if (bytes.size() % size != 0) return "an array whose bytes are not a whole number of elements";
-  count = bytes.size() / size;
-  return nullptr;
+// What a field and an element of an array cost where the record is unpacked and where its values go from
+// here: as a variable with its own type, a text with the text's own object.
+constexpr std::size_t fieldCost = sizeof(Field) + 48;
+constexpr std::size_t numberCost = 16;
+constexpr std::size_t textCost = sizeof(std::string) + 16;
+// No byte of a payload can cost more: eight booleans.
+constexpr std::size_t mostPerByte = 8 * (1 + numberCost) + 1;
+
+std::size_t elementCost(KelType arrayType) {
+  return elementSize(arrayType) + (arrayType == typeStringArray ? textCost : numberCost);
 }
 
 class Decoder {
  public:
+  explicit Decoder(std::size_t mostMemory) : mostMemory_(mostMemory) {}
+
   DecodedRecord decode(std::string_view payload) {
     DecodedRecord result;
     if (payload.size() > largestPayload) {
@@ -158,11 +38,17 @@ class Decoder {
           "the payload has " + std::to_string(payload.size()) + " bytes, more than a record may have";
       return result;
     }
+    std::size_t metrics = 0;
+    if (!countMetrics(payload, metrics) || !fits(payload)) {
+      result.error = std::move(error_);
+      return result;
+    }
     record_ = std::make_shared<Record>();
     copy_ = record_->allocateBlock(payload.size() + 1);
     if (!payload.empty()) std::memcpy(copy_, payload.data(), payload.size());
     bytes_ = std::string_view(copy_, payload.size());
-    if (countMetrics() && readPayload() && unpackArrays()) {
+    record_->reserveFields(metrics);
+    if (readPayload() && unpackArrays()) {
       finish();
       result.record = std::move(record_);
     } else {
@@ -177,9 +63,8 @@ class Decoder {
     return false;
   }
 
-  bool countMetrics() {
-    Reader reader(bytes_);
-    std::size_t metrics = 0;
+  bool countMetrics(std::string_view payload, std::size_t& metrics) {
+    Reader reader(payload);
     while (reader.ok() && !reader.atEnd()) {
       const std::uint64_t fieldKey = reader.readVarint();
       if (fieldKey == key(2, proto::delimited)) ++metrics;
@@ -188,8 +73,39 @@ class Decoder {
     if (!reader.ok()) return fail("the payload is truncated or not a protobuf message");
     if (metrics > mostFields)
       return fail("the payload has " + std::to_string(metrics) + " metrics, too many for a record");
-    record_->reserveFields(metrics);
     return true;
+  }
+
+  /// Looks at what a record would cost before anything of it is unpacked.
+  bool fits(std::string_view payload) {
+    if (payload.size() <= mostMemory_ / mostPerByte) return true;
+    std::size_t cost = payload.size();
+    Reader reader(payload);
+    while (reader.ok() && !reader.atEnd()) {
+      const std::uint64_t fieldKey = reader.readVarint();
+      if (fieldKey == key(2, proto::delimited)) {
+        cost += fieldCost + arrayCost(reader.readDelimited());
+      } else {
+        reader.skip(static_cast<std::uint32_t>(fieldKey & 7U));
+      }
+    }
+    if (cost <= mostMemory_) return true;
+    return fail("unpacked it would take " + std::to_string(cost) + " bytes of memory, and the limit is " +
+                std::to_string(mostMemory_) + " (option recordBytes)");
+  }
+
+  static std::size_t arrayCost(std::string_view bytes) {
+    Metric metric;
+    Reader reader(bytes);
+    readMetric(reader, metric);
+    const KelType type = ruleOf(metric.datatype).type;
+    std::size_t count = 0;
+    // What is no array is refused as that, later.
+    if (type < typeBoolArray || metric.kind != ValueKind::bytes ||
+        countElements(type, metric.bytes, count) != nullptr) {
+      return 0;
+    }
+    return count * elementCost(type);
   }
 
   bool readPayload() {
@@ -293,7 +209,7 @@ class Decoder {
       good = isNumber(dataInt64, ValueKind::longInteger) && static_cast<std::int64_t>(metric.number) > 0;
       record_->sequence = static_cast<std::int64_t>(metric.number);
     } else if (metric.name == "_publisher") {
-      good = isText;
+      good = isText && metric.bytes.size() <= longestPublisher;
       publisher_ = metric.bytes;
     } else if (metric.name == "_reason") {
       good = isText;
@@ -371,6 +287,7 @@ class Decoder {
     return text.data();
   }
 
+  const std::size_t mostMemory_;
   std::shared_ptr<Record> record_;
   char* copy_ = nullptr;
   std::string_view bytes_;
@@ -384,8 +301,8 @@ class Decoder {
 
 }  // namespace
 
-DecodedRecord decodeRecord(std::string_view payload) {
-  return Decoder().decode(payload);
+DecodedRecord decodeRecord(std::string_view payload, std::size_t mostMemory) {
+  return Decoder(mostMemory).decode(payload);
 }
 
 }  // namespace kel

@@ -56,6 +56,16 @@ TEST(KelUrl, TakesEveryOption) {
   EXPECT_EQ(url.passfile, "/run/my pass");
 }
 
+TEST(KelUrl, TakesWhatARecordMayCost) {
+  EXPECT_EQ(parsed("mqtt://b").recordBytes, 16U << 20U);
+  EXPECT_EQ(parsed("mqtt://b?recordBytes=65536").recordBytes, 65'536U);
+  EXPECT_EQ(parsed("loopback:?recordBytes=1073741824").recordBytes, std::size_t{1} << 30U);
+  for (const char* bad : {"65535", "1073741825", "16M", "-1"}) {
+    EXPECT_EQ(refusal(std::string("mqtt://b?recordBytes=") + bad),
+              "Kel address: option 'recordBytes' must be 65536 to 1073741824 bytes");
+  }
+}
+
 TEST(KelUrl, NamesLoopbackBrokers) {
   EXPECT_EQ(parsed("loopback:").brokerName, "");
   EXPECT_EQ(parsed("loopback:test-1?group=a").brokerName, "test-1");

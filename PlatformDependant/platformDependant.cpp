@@ -1,6 +1,5 @@
 #include "platformDependant.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cassert>
@@ -8,11 +7,15 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
-#include <string_view>
+#include <utility>
+
+#include "LineWriter.h"
 
 namespace {
 
 constexpr runtime::Invariant threadCreated{"platformDependant", 58, "hThread != 0"};
+constexpr runtime::Notice<unsigned long> linesNotWritten{
+    "platformDependant", "%lu lines could not be written to standard output\n"};
 
 constexpr long msPerSecond = 1000;
 constexpr long usPerMs = 1000;
@@ -172,23 +175,23 @@ void appendFormatted(std::string& out, const char* text, va_list arguments) {
   va_end(again);
 }
 
-void writeToStandardOutput(std::string_view text) {
-  // The stream's own lock keeps whatever else uses standard output in order and apart from this report.
-  flockfile(stdout);
-  std::fflush(stdout);
-  const int descriptor = fileno(stdout);
-  while (!text.empty()) {
-    const ssize_t written = ::write(descriptor, text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {
-      pollfd writable{descriptor, POLLOUT, 0};
-      ::poll(&writable, 1, -1);
-    } else if (errno != EINTR) {
-      break;  // nobody reads: a report is not worth more than the process
-    }
-  }
-  funlockfile(stdout);
+std::string formatted(const char* text, ...) {
+  std::string out;
+  va_list arguments;
+  va_start(arguments, text);
+  appendFormatted(out, text, arguments);
+  va_end(arguments);
+  return out;
+}
+
+std::string linesLost(unsigned long lines) {
+  return formatted(linesNotWritten.text, lines);
+}
+
+void writeToStandardOutput(std::string text) {
+  // Never destroyed: static objects still report while they go.
+  static auto* const output = new LineWriter(stdout, &linesLost);
+  output->write(std::move(text));
 }
 
 }  // namespace
@@ -202,7 +205,7 @@ void writeReport(const char* unit, int number, const char* text, ...) {
   va_start(arguments, text);
   appendFormatted(out, text, arguments);
   va_end(arguments);
-  writeToStandardOutput(out);
+  writeToStandardOutput(std::move(out));
 }
 
 void writeNotice(const char* text, ...) {
@@ -211,7 +214,7 @@ void writeNotice(const char* text, ...) {
   va_start(arguments, text);
   appendFormatted(out, text, arguments);
   va_end(arguments);
-  writeToStandardOutput(out);
+  writeToStandardOutput(std::move(out));
 }
 
 void failAssertion(const Invariant& broken, const char* function) {

@@ -190,8 +190,8 @@ struct Invariant {
   const char* text;
 };
 
-/// One uninterrupted run of characters on standard output, visible at once; blocks as long as its reader
-/// does.
+/// One uninterrupted run of characters on standard output, written when this returns; a reader who does not
+/// read holds nobody up for longer than a moment, and what could not be written is counted and said later.
 void writeReport(const char* unit, int number, const char* text, ...);
 void writeNotice(const char* text, ...);
 

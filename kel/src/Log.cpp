@@ -1,13 +1,12 @@
 #include "Log.h"
 
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
+#include "LineWriter.h"
 #include "wire/Utf8.h"
 
 namespace kel {
@@ -35,6 +34,33 @@ std::string timeText() {
   std::array<char, 8> tail{};
   std::snprintf(tail.data(), tail.size(), ".%03dZ", static_cast<int>(millis));
   return std::string(text.data(), size) + tail.data();
+}
+
+std::string lineOf(LogLevel level, std::string_view what) {
+  std::string line = timeText() + " kel " + std::string(names.at(static_cast<std::size_t>(level))) + " ";
+  // What could end the line or steer a terminal is shown by number: control characters, those of Unicode too,
+  // and everything beyond ASCII when the whole is not UTF-8.
+  const bool utf8 = isUtf8(what);
+  for (std::size_t i = 0; i < what.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(what[i]);
+    const auto before = i > 0 ? static_cast<unsigned char>(what[i - 1]) : 0U;
+    const auto next = i + 1 < what.size() ? static_cast<unsigned char>(what[i + 1]) : 0U;
+    const bool control = byte < 0x20 || byte == 0x7F || (byte == 0xC2 && next < 0xA0) ||
+                         (byte < 0xA0 && byte >= 0x80 && before == 0xC2);
+    if (!control && (byte < 0x80 || utf8)) {
+      line.push_back(what[i]);
+    } else {
+      std::array<char, 8> shown{};
+      std::snprintf(shown.data(), shown.size(), "\\x%02X", byte);
+      line.append(shown.data());
+    }
+  }
+  line.push_back('\n');
+  return line;
+}
+
+std::string linesLost(unsigned long lines) {
+  return lineOf(LogLevel::warn, std::to_string(lines) + " lines could not be written to standard error");
 }
 
 }  // namespace
@@ -66,27 +92,9 @@ bool logs(LogLevel level) {
 
 void log(LogLevel level, std::string_view what) {
   if (!logs(level)) return;
-  std::string line = timeText() + " kel " + std::string(names.at(static_cast<std::size_t>(level))) + " ";
-  // What could end the line or steer a terminal is shown by number: control characters, those of Unicode too,
-  // and everything beyond ASCII when the whole is not UTF-8.
-  const bool utf8 = isUtf8(what);
-  for (std::size_t i = 0; i < what.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(what[i]);
-    const auto before = i > 0 ? static_cast<unsigned char>(what[i - 1]) : 0U;
-    const auto next = i + 1 < what.size() ? static_cast<unsigned char>(what[i + 1]) : 0U;
-    const bool control = byte < 0x20 || byte == 0x7F || (byte == 0xC2 && next < 0xA0) ||
-                         (byte < 0xA0 && byte >= 0x80 && before == 0xC2);
-    if (!control && (byte < 0x80 || utf8)) {
-      line.push_back(what[i]);
-    } else {
-      std::array<char, 8> shown{};
-      std::snprintf(shown.data(), shown.size(), "\\x%02X", byte);
-      line.append(shown.data());
-    }
-  }
-  line.push_back('\n');
-  // One write keeps lines whole; what cannot be said cannot be reported either.
-  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+  // Never destroyed: other threads may still speak while the process ends.
+  static auto* const output = new LineWriter(stderr, &linesLost);
+  output->write(lineOf(level, what));
 }
 
 }  // namespace kel

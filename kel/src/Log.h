@@ -1,7 +1,9 @@
 // The library's own voice: standard error, one line each (time, room, level, what).
 //
 // KELGW_LOG chooses what is heard: a level (error, warn, info, debug, trace) for every room, or a list such
-// as "info,kel=debug". The default is info. A line is written in one piece, from any thread.
+// as "info,kel=debug". The default is info. A line is written in one piece, from any thread; a reader who
+// does not read holds nobody up for longer than a moment, and lines that could not be written are counted and
+// said.
 #pragma once
 
 #include <string>

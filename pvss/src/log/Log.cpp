@@ -1,13 +1,15 @@
 #include "log/Log.h"
 
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/spdlog.h>
 
 #include <array>
 #include <cstdlib>
 #include <iterator>
-#include <memory>
+#include <mutex>
 #include <optional>
+
+#include "log/LineWriter.h"
 
 namespace pvss::log {
 
@@ -28,14 +30,19 @@ spdlog::level::level_enum spdlogLevel(Level level) {
   return level == Level::off ? spdlog::level::off : static_cast<spdlog::level::level_enum>(level);
 }
 
-spdlog::sinks::sink& output() {
-  // Never destroyed: lines may still come while static objects go.
-  static auto* const sink = [] {
-    auto* const made = new spdlog::sinks::stderr_sink_mt();
-    made->set_pattern("%H:%M:%S.%e %n %l %v");
-    return made;
-  }();
-  return *sink;
+std::string lineOf(std::string_view room, Level level, std::string_view text) {
+  static auto* const formatting = new std::mutex;  // the formatter remembers the second that it last wrote
+  static auto* const formatter = new spdlog::pattern_formatter("%H:%M:%S.%e %n %l %v");
+  spdlog::memory_buf_t line;
+  const std::lock_guard<std::mutex> lock(*formatting);
+  formatter->format(
+      spdlog::details::log_msg({room.data(), room.size()}, spdlogLevel(level), {text.data(), text.size()}),
+      line);
+  return {line.data(), line.size()};
+}
+
+std::string linesLost(unsigned long lines) {
+  return lineOf("log", Level::warn, fmt::format("{} lines could not be written to standard error", lines));
 }
 
 const std::string& filter() {
@@ -52,11 +59,9 @@ void write(std::string_view room, Level level, fmt::string_view format, fmt::for
   if (level < levelFor(room, filter())) {
     return;
   }
-  const std::string text = oneLine(fmt::vformat(format, arguments));
-  spdlog::sinks::sink& sink = output();
-  sink.log(
-      spdlog::details::log_msg({room.data(), room.size()}, spdlogLevel(level), {text.data(), text.size()}));
-  sink.flush();
+  // Never destroyed: lines may still come while static objects go.
+  static auto* const output = new LineWriter(stderr, &linesLost);
+  output->write(lineOf(room, level, oneLine(fmt::vformat(format, arguments))));
 }
 
 std::string oneLine(std::string_view text) {

@@ -2,7 +2,8 @@
 //
 // Purpose    One filter for all rooms, from KELGW_LOG: a level (trace, debug, info, warn, error, off), or
 //            several parts "level,room=level". Default info.
-// Thread     Any. A line is written whole.
+// Thread     Any. A line is written whole; a reader who does not read holds nobody up for longer than a
+//            moment, and lines that could not be written are counted and said.
 #pragma once
 
 #include <fmt/core.h>

@@ -1,6 +1,12 @@
 // The filter of the log, and trouble that repeats.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <utility>
 
 #include "log/Log.h"
 #include "store/StoreFactory.h"
@@ -36,6 +42,66 @@ TEST(Log, ALineStaysOneLineWhateverIsInIt) {
   EXPECT_EQ(oneLine("\u009b31m"), "\\xC2\\x9B31m") << "a control character of Unicode";
   EXPECT_EQ(oneLine("\x9b \xc3( \xe2\x82"), "\\x9B \\xC3( \\xE2\\x82");
   EXPECT_EQ(oneLine("\xed\xa0\x80 \xc0\x80"), "\\xED\\xA0\\x80 \\xC0\\x80");
+}
+
+/// Standard error into a pipe for as long as this lives.
+class PipeAsError {
+ public:
+  PipeAsError() {
+    EXPECT_EQ(::pipe(ends_.data()), 0);
+    before_ = ::dup(STDERR_FILENO);
+    ::dup2(ends_[1], STDERR_FILENO);
+    ::close(ends_[1]);
+  }
+  ~PipeAsError() {
+    ::dup2(before_, STDERR_FILENO);
+    ::close(before_);
+    closeReader();
+  }
+  PipeAsError(const PipeAsError&) = delete;
+  PipeAsError& operator=(const PipeAsError&) = delete;
+
+  void closeReader() {
+    if (ends_[0] >= 0) ::close(std::exchange(ends_[0], -1));
+  }
+  [[nodiscard]] std::string readUpTo(const std::string& end) const {
+    std::string seen;
+    std::array<char, 4096> some{};
+    while (!seen.ends_with(end)) {
+      const ssize_t count = ::read(ends_[0], some.data(), some.size());
+      if (count <= 0) return seen + "<end>";
+      seen.append(some.data(), static_cast<std::size_t>(count));
+    }
+    return seen;
+  }
+
+ private:
+  std::array<int, 2> ends_{};
+  int before_ = -1;
+};
+
+TEST(Log, AReaderWhoDoesNotReadStopsNobodyAndGetsEveryLineLater) {
+  constexpr int lines = 4000;  // more than a pipe holds
+  const PipeAsError error;
+  for (int i = 0; i < lines; ++i) warn("store", "line {} of many", i);
+  warn("store", "the last one");
+  const std::string seen = error.readUpTo("the last one\n");
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), '\n'), lines + 1);
+  EXPECT_NE(seen.find("line 3999 of many\n"), std::string::npos);
+}
+
+TEST(Log, AReaderWhoHasGoneEndsNobodyAndTheLinesAreCounted) {
+  {
+    PipeAsError error;
+    error.closeReader();
+    warn("store", "to nobody");
+    warn("store", "to nobody");
+  }
+  ::testing::internal::CaptureStderr();
+  warn("store", "heard");
+  const std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(said, ::testing::MatchesRegex("[0-9:.]+ log warning 2 lines could not be written to standard "
+                                            "error\n[0-9:.]+ store warning heard\n"));
 }
 
 TEST(Repeated, TellsAtOnceThenOnceAMinuteWithTheCount) {

@@ -2,12 +2,12 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platformDependant.h"
@@ -65,21 +65,78 @@ TEST(Report, keepsItsPlaceAmongOtherOutput) {
             "before\nERROR: Unit 17 var is null\nafter\n");
 }
 
+/// A pipe as standard output for as long as this lives.
+class PipeAsOutput {
+ public:
+  PipeAsOutput() {
+    EXPECT_EQ(pipe(ends_.data()), 0);
+    std::fflush(stdout);
+    before_ = dup(STDOUT_FILENO);
+    dup2(ends_[1], STDOUT_FILENO);
+    close(ends_[1]);
+  }
+  ~PipeAsOutput() {
+    dup2(before_, STDOUT_FILENO);
+    close(before_);
+    closeReader();
+  }
+  PipeAsOutput(const PipeAsOutput&) = delete;
+  PipeAsOutput& operator=(const PipeAsOutput&) = delete;
+
+  void closeReader() {
+    if (ends_[0] >= 0) {
+      close(std::exchange(ends_[0], -1));
+    }
+  }
+  [[nodiscard]] std::string read(std::size_t size) const {
+    std::string seen(size, ' ');
+    std::size_t done = 0;
+    while (done < size) {
+      const ssize_t count = ::read(ends_[0], seen.data() + done, size - done);
+      if (count <= 0) {
+        break;
+      }
+      done += static_cast<std::size_t>(count);
+    }
+    seen.resize(done);
+    return seen;
+  }
+
+ private:
+  std::array<int, 2> ends_{};
+  int before_ = -1;
+};
+
+const std::string noArgumentLine = "ERROR: Unit 17 var is null\n";
+
 TEST(Report, isVisibleAtOnceInAPipe) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(pipe(ends.data()), 0);
-  std::fflush(stdout);
-  const int standardOutput = dup(STDOUT_FILENO);
-  dup2(ends[1], STDOUT_FILENO);
+  const PipeAsOutput output;
   runtime::report(noArgument);
-  std::array<char, 64> seen{};
-  const ssize_t count = read(ends[0], seen.data(), seen.size());
-  dup2(standardOutput, STDOUT_FILENO);
-  close(standardOutput);
-  close(ends[0]);
-  close(ends[1]);
-  EXPECT_EQ(std::string(seen.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))),
-            "ERROR: Unit 17 var is null\n");
+  EXPECT_EQ(output.read(noArgumentLine.size()), noArgumentLine);
+}
+
+TEST(Report, returnsThoughNobodyReadsAndIsReadLater) {
+  constexpr int lines = 5000;  // twice what a pipe holds
+  const PipeAsOutput output;
+  for (int i = 0; i < lines; ++i) {
+    runtime::report(noArgument);
+  }
+  std::string expected;
+  for (int i = 0; i < lines; ++i) {
+    expected += noArgumentLine;
+  }
+  EXPECT_EQ(output.read(expected.size()), expected);
+}
+
+TEST(Report, doesNotEndTheProcessWhenTheReaderHasGoneAndIsCounted) {
+  {
+    PipeAsOutput output;
+    output.closeReader();
+    runtime::report(noArgument);
+    runtime::inform(plain, "P");
+  }
+  EXPECT_EQ(printedBy([] { runtime::report(noArgument); }),
+            "2 lines could not be written to standard output\n" + noArgumentLine);
 }
 
 std::string nameOfThread(int t) {

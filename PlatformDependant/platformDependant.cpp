@@ -78,8 +78,7 @@ void SMutex::release() RUNTIME_NO_LOCK_ANALYSIS {  // the lock itself
 }
 
 void SMutex::countOperation() {
-  // Only the holder writes, so load and store are enough.
-  lockCount.store(lockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  lockCount.fetch_add(1, std::memory_order_relaxed);  // begins anew at the lowest number, by definition
 }
 
 const char* SMutex::getName() const {

@@ -60,13 +60,15 @@ class RUNTIME_CAPABILITY("mutex") SMutex {
   void release() RUNTIME_RELEASE();
 
   [[nodiscard]] const char* getName() const;
-  /// Counts the operations of both kinds: lock and release.
+  /// Counts the operations of both kinds, lock and release; behind the largest number comes the lowest.
   [[nodiscard]] int getLockCount() const;
+
+ protected:
+  std::atomic<int> lockCount;  ///< written by the holder only, read by anybody
 
  private:
   void countOperation();
 
-  std::atomic<int> lockCount;  ///< written by the holder only, read by anybody
   pthread_mutex_t hMutex = PTHREAD_MUTEX_INITIALIZER;
   SString mutexName;
 };

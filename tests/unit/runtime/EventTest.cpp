@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <string>
 
 #include "platformDependant.h"
 
@@ -75,7 +78,7 @@ TEST(Event, waitTellsSignalTimeOutAndFailureApart) {
 
 class Waiter final : public SThread {
  public:
-  explicit Waiter(SEvent& event) : event_(event) {}
+  explicit Waiter(SEvent& event, long ms = -1) : event_(event), ms_(ms) {}
   short await() const {
     while (isRunning()) {
       sched_yield();
@@ -83,20 +86,86 @@ class Waiter final : public SThread {
     return result_;
   }
 
+  /// Whether the thread sleeps in the system, as a waiter does who has given the event's lock back.
+  [[nodiscard]] bool sleeps() const {
+    const int thread = thread_;
+    if (thread == 0) {
+      return false;
+    }
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const std::size_t state = line.rfind(')');
+    return state != std::string::npos && line.compare(state + 1, 3, " S ") == 0;
+  }
+
  private:
-  void threadMain() override { result_ = event_.wait(-1); }
+  void threadMain() override {
+    thread_ = gettid();
+    result_ = event_.wait(ms_);
+  }
   SEvent& event_;
+  const long ms_;
+  std::atomic<int> thread_{0};
   std::atomic<short> result_{99};
 };
 
-TEST(Event, signalWakesAWaiter) {
+void awaitSleep(const Waiter& waiter) {
+  while (waiter.isRunning() && !waiter.sleeps()) {
+    sched_yield();
+  }
+}
+
+TEST(Event, signalBeforeOrWhileAWaiterBeginsIsNeverLost) {
   for (int i = 0; i < 100; ++i) {
     SEvent event("e");
     Waiter waiter(event);
     waiter.start();
-    event.signal();  // before or after the wait began: it is never lost
+    event.signal();
     EXPECT_EQ(waiter.await(), 0);
   }
+}
+
+TEST(Event, signalWakesAWaiterWhoSleeps) {
+  SEvent event("e");
+  Waiter waiter(event);
+  waiter.start();
+  awaitSleep(waiter);
+  event.signal();
+  EXPECT_EQ(waiter.await(), 0);
+  EXPECT_FALSE(event.isPending());
+}
+
+TEST(Event, signalWakesAWaiterWithATimeLimitBeforeItsTime) {
+  SEvent event("e");
+  Waiter waiter(event, 3'600'000);
+  waiter.start();
+  awaitSleep(waiter);
+  event.signal();
+  EXPECT_EQ(waiter.await(), 0);
+}
+
+TEST(Event, signalWakesOneOfTwoWaitersAndTheNextSignalTheOther) {
+  SEvent event("e");
+  Waiter first(event);
+  Waiter second(event);
+  first.start();
+  second.start();
+  awaitSleep(first);
+  awaitSleep(second);
+
+  event.signal();
+  while (first.isRunning() && second.isRunning()) {
+    sched_yield();
+  }
+  Waiter& other = first.isRunning() ? first : second;
+  awaitSleep(other);
+  ASSERT_TRUE(other.isRunning()) << "one signal, two waiters woken";
+  EXPECT_FALSE(event.isPending()) << "the first one took the signal with it";
+
+  event.signal();
+  EXPECT_EQ(first.await(), 0);
+  EXPECT_EQ(second.await(), 0);
 }
 
 }  // namespace

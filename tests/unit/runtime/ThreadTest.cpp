@@ -2,6 +2,7 @@
 #include <sched.h>
 
 #include <atomic>
+#include <limits>
 
 #include "platformDependant.h"
 
@@ -36,11 +37,12 @@ class Worker final : public SThread {
 
   std::atomic<int> runs{0};
   std::atomic<int> rounds{0};
+  std::atomic<bool> deaf{false};  ///< does not look at the stop request
 
  private:
   void threadMain() override {
     ++runs;
-    while (!endAtOnce_ && !shouldStop) {
+    while (!endAtOnce_ && (deaf || !shouldStop)) {
       ++rounds;
       sched_yield();
     }
@@ -69,11 +71,16 @@ TEST(Thread, startOnARunningThreadOnlyTakesTheStopRequestBack) {
   Worker worker;
   worker.start();
   worker.awaitRounds(1);
+  worker.deaf = true;
+  worker.stop();
+  EXPECT_TRUE(worker.stopRequested());
   worker.start();
   EXPECT_FALSE(worker.stopRequested());
+  worker.deaf = false;
+  worker.awaitRounds(worker.rounds + 2);  // it goes on ...
   worker.stop();
   worker.awaitEnd();
-  EXPECT_EQ(worker.runs, 1);
+  EXPECT_EQ(worker.runs, 1);  // ... and it is the one that ran before
 }
 
 TEST(Thread, canBeStartedAgainAfterItsEnd) {
@@ -132,6 +139,22 @@ TEST(Mutex, countsLocksAndReleasesAlike) {
   EXPECT_EQ(mutex.getLockCount(), 1);
   mutex.release();
   EXPECT_EQ(mutex.getLockCount(), 2);
+}
+
+class OldMutex final : public SMutex {
+ public:
+  explicit OldMutex(int operations) : SMutex("m") { lockCount = operations; }
+};
+
+TEST(Mutex, countOfOperationsGoesOnBehindTheLargestNumber) {
+  OldMutex mutex(std::numeric_limits<int>::max() - 1);
+  mutex.lock();
+  EXPECT_EQ(mutex.getLockCount(), std::numeric_limits<int>::max());
+  mutex.release();
+  EXPECT_EQ(mutex.getLockCount(), std::numeric_limits<int>::min());
+  mutex.lock();
+  EXPECT_EQ(mutex.getLockCount(), std::numeric_limits<int>::min() + 1);
+  mutex.release();
 }
 
 TEST(Mutex, guardHoldsItForItsLife) {

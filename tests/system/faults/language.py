@@ -9,8 +9,12 @@ import os
 import re
 import shlex
 
-PROCESSES = ("store", "broker", "gateway", "gateway2", "publisher", "writer")
+PROCESSES = ("store", "broker", "gateway", "gateway2", "publisher", "publisher2", "writer")
 LINKS = ("gateway-store", "gateway-broker", "publisher-broker")
+SERVERS = ("store", "broker")
+CLOCKS = ("gateway", "store")
+# Publications of one element each, to which something happens that does not happen to the others.
+ODD = ("deleted", "retyped", "large")
 
 # Each form is the line as it is written, with places in angle brackets.
 FORMS = {
@@ -21,6 +25,10 @@ FORMS = {
     "with backlog <number> MB": "bound of the gateway's backlog of writes",
     "with broker persistence": "the broker keeps retained messages on disk, written every second",
     "with buffer time <count> ms": "of every other outgoing publication",
+    "with default broker queue": "the broker's queues are as mosquitto has them when nobody says anything",
+    "with broker message limit <number> KB": "larger messages are refused",
+    "with log-in": "gateways log in at both servers, so that their rights can be taken away",
+    "with invalid after <number> s": "how long the store may be away before publications are bad",
     "with small disk <number> MB": "the store's folder is a file system of that size",
     "with replica": "the store has a replica, and three sentinels that make it the master when the store dies",
     "load <count> records/s over <count> publications": "what the publisher sends; without it there is no publisher",
@@ -34,6 +42,7 @@ FORMS = {
     "resume load": "and go on",
     "pause <process>": "SIGSTOP",
     "continue <process>": "SIGCONT",
+    "restart <process> when it ends": "a second after it has ended by itself, as a service manager does",
     "cut <link>": "nothing passes any more, and nobody is told: no FIN, no RST",
     "refuse <link>": "open connections are closed and new ones refused",
     "delay <link> <number> ms": "everything arrives so much later",
@@ -41,9 +50,19 @@ FORMS = {
     "heal <link>": "all is well again; what waited passes",
     "fill disk": "nothing more fits into the store's folder",
     "free disk": "and again it does",
+    "fill memory": "the store has reached its bound of memory and refuses what takes more",
+    "free memory": "and has room again",
+    "take rights at <server>": "the gateways may do nothing there any more that they were logged in for",
+    "give rights at <server>": "and again they may",
+    "cut <count> KB off the log of store": "the end of what the dead store had on disk is gone",
+    "change lists": "elements and publications move, others come and go",
+    "delete published element": "while its publication is in use",
+    "retype published element": "from int to text, while its publication is in use",
+    "publish a record of <count> KB": "by somebody who is no member, into one element of type text",
+    "write a value of <count> KB": "into an element of type text that is published",
     "let replica fall behind": "what the store takes from now on does not reach its replica",
     "wait until promoted": "until the replica is the store",
-    "step clock of gateway by <signed> s": "the wall clock of that one process",
+    "step clock of <clock> by <signed> s": "the wall clock of that one process",
     "wait <number> s": "nothing happens for so long",
     "wait until flowing": "until every publication in use has passed, both ways",
     # What must hold.
@@ -65,6 +84,14 @@ FORMS = {
     "expect <process> says <text> once": "on standard output or error, since its last start",
     "expect <process> says <text> at least once within <number> s": "likewise",
     "expect <process> never says <text>": "likewise",
+    "expect <process> ended by itself with <count>": "at least once, and with no other exit code",
+    "expect one owner within <number> s": "of the manager number and of everything published",
+    "expect publications bad within <number> s": "after the last loss every outgoing one says that it is bad",
+    "expect <odd> publication bad within <number> s": "the newest record of that one says so",
+    "expect <odd> publication good within <number> s": "and carries what its element has",
+    "expect large record written within <number> s": "its element is good and has all of it",
+    "expect moved elements right within <number> s": "after the last change of the lists, both ways",
+    "expect forgotten above <count>": "records that a store had confirmed and lost",
     "expect <process> running": "it has not ended",
     "expect <process> idle": "no mapping made, nothing published: it waits",
 }
@@ -75,10 +102,19 @@ PLACES = {
     "signed": (re.compile(r"[+-]?\d{1,7}\Z"), int, "whole seconds with a sign"),
     "process": (None, str, "one of: " + ", ".join(PROCESSES)),
     "link": (None, str, "one of: " + ", ".join(LINKS)),
+    "server": (None, str, "one of: " + ", ".join(SERVERS)),
+    "clock": (None, str, "one of: " + ", ".join(CLOCKS)),
+    "odd": (None, str, "one of: " + ", ".join(ODD)),
     "text": (None, str, "a text in double quotes"),
 }
-NAMES = {"process": PROCESSES, "link": LINKS}
+NAMES = {"process": PROCESSES, "link": LINKS, "server": SERVERS, "clock": CLOCKS, "odd": ODD}
 SETTINGS = ("title", "runs", "with", "load", "writes")
+# What is done to servers beyond signals and links; troubles.py does it.
+TROUBLES = ("fill memory", "free memory", "take rights at <server>", "give rights at <server>",
+            "cut <count> KB off the log of store", "change lists", "delete published element", "retype published element",
+            "publish a record of <count> KB", "write a value of <count> KB")
+ODD_STATEMENTS = {"deleted": "delete published element", "retyped": "retype published element",
+                  "large": "write a value of 100 KB"}
 
 
 class Mistake(Exception):
@@ -112,6 +148,10 @@ class Scenario:
         self.disk_mb = None
         self.replica = False
         self.buffer_ms = 100
+        self.default_queue = False
+        self.message_limit_kb = None
+        self.log_in = False
+        self.invalid_after = None
         self.rate = self.publications = 0
         self.write_rate = self.out_publications = 0
         self.steps = []
@@ -120,9 +160,12 @@ class Scenario:
     def links(self):
         return {value for step in self.steps for place, value in zip(places(step.form), step.values) if place == "link"}
 
-    @property
-    def steps_clock(self):
-        return any(step.form.startswith("step clock") for step in self.steps)
+    def steps_clock(self, whose):
+        return any(step.form.startswith("step clock") and step.values[0] == whose for step in self.steps)
+
+    def has(self, *starts):
+        """Whether a step begins with one of these texts."""
+        return any(step.form.startswith(starts) for step in self.steps)
 
     @property
     def expectations(self):
@@ -204,8 +247,16 @@ def _take_setting(scenario, form, values):
         scenario.keep_alive = int(scenario.keep_alive)
     elif form.startswith("with backlog"):
         (scenario.backlog_mb,) = values
-    elif form.startswith("with broker"):
+    elif form == "with broker persistence":
         scenario.broker_persistence = True
+    elif form.startswith("with broker message limit"):
+        (scenario.message_limit_kb,) = values
+    elif form == "with default broker queue":
+        scenario.default_queue = True
+    elif form == "with log-in":
+        scenario.log_in = True
+    elif form.startswith("with invalid after"):
+        (scenario.invalid_after,) = values
     elif form.startswith("with buffer time"):
         (scenario.buffer_ms,) = values
     elif form.startswith("with small disk"):
@@ -222,6 +273,8 @@ def _take_setting(scenario, form, values):
             scenario.write_rate, scenario.out_publications = rate, count
     if scenario.replica and scenario.disk_mb is not None:
         raise Mistake("a store has a replica or a small disk, not both; leave one of the two out")
+    if scenario.log_in and (scenario.replica or scenario.disk_mb is not None):
+        raise Mistake("a store with a log-in has neither a replica nor a small disk; leave one of the two out")
 
 
 class _Life:
@@ -231,7 +284,10 @@ class _Life:
         self.scenario = scenario
         self.running, self.paused, self.ill = set(), set(), set()
         self.lost = self.returned = False
-        self.full = False
+        self.full = False        # the disk
+        self.short = False       # the memory
+        self.rights = set(SERVERS)
+        self.odd = set()         # what has happened to odd publications
 
     def step(self, form, values):
         verb = form.split()[0]
@@ -242,6 +298,10 @@ class _Life:
         elif verb in ("kill", "pause", "continue") or form == "stop <process>":
             for process in values:
                 self.hit(verb, process)
+        elif form.startswith("restart"):
+            self.runs(values[0])
+        elif form in TROUBLES:
+            self.trouble(form, values)
         elif verb in ("cut", "refuse", "delay", "throttle"):
             if values[0] == "gateway-store" and self.scenario.replica:
                 raise Mistake("with a replica this link has no one place to be cut; leave one of the two out")
@@ -265,16 +325,52 @@ class _Life:
             raise Mistake(f"{process} runs already; kill or stop it first")
         if process == "store" and self.scenario.replica and self.lost:
             raise Mistake("its replica takes its place; write instead: wait until promoted")
-        if process == "publisher" and not self.scenario.rate:
+        if process in ("publisher", "publisher2") and not self.scenario.rate:
             raise Mistake("the publisher has nothing to send; write a line before it: load 2000 records/s over 20 publications")
         if process == "writer" and not self.scenario.write_rate:
             raise Mistake("the writer has nothing to write; write a line before it: writes 200 /s over 10 publications")
         self.running.add(process)
         self.returned = self.returned or self.lost
 
-    def hit(self, verb, process):
+    def runs(self, process):
         if process not in self.running:
             raise Mistake(f"{process} does not run here; write a line before it: start {process}")
+
+    def trouble(self, form, values):
+        if form.endswith("log of store"):
+            if "store" in self.running or not self.lost or self.scenario.replica:
+                raise Mistake("its log is cut while the store is dead and will be started again; write a line before it: "
+                              "kill -9 store")
+            return
+        self.runs("broker" if form.startswith("publish") or values[:1] == ["broker"] else "store")
+        if form.endswith("memory"):
+            if (form == "fill memory") == self.short:
+                raise Mistake("write 'fill memory' and 'free memory' in turn")
+            self.short = not self.short
+            self.lost, self.returned = True, self.returned or not self.short
+        elif "rights" in form:
+            self.rights_change(form.startswith("give"), *values)
+        elif form == "delete published element":
+            self.odd.add("deleted")
+        elif form == "retype published element":
+            self.odd.add("retyped")
+        elif form.startswith("write a value"):
+            self.odd.add("large")
+        elif form.startswith("publish a record"):
+            self.odd.add("record")
+        else:
+            self.odd.add("lists")
+
+    def rights_change(self, back, server):
+        if not self.scenario.log_in:
+            raise Mistake("nobody has logged in; write a line before the first start: with log-in")
+        if back == (server in self.rights):
+            raise Mistake(f"write 'take rights at {server}' and 'give rights at {server}' in turn")
+        (self.rights.add if back else self.rights.discard)(server)
+        self.lost, self.returned = True, self.returned or back
+
+    def hit(self, verb, process):
+        self.runs(process)
         if process == "store" and verb in ("stop", "pause") and self.scenario.replica:
             raise Mistake("with a replica a store only dies; write instead: kill -9 store")
         if process == "store" and verb in ("kill", "stop") and self.scenario.disk_mb is not None:
@@ -316,6 +412,14 @@ class _Life:
             raise Mistake("nothing has come back before this line; it needs a start, continue, heal or free disk after a loss")
         if "invalid within" in form and not self.lost:
             raise Mistake("nothing was lost before this line; it needs a kill, stop, pause or cut")
+        if form.startswith("expect publications bad") and not self.lost:
+            raise Mistake("nothing was lost before this line; it needs a kill, stop, pause or cut")
+        if form.startswith("expect <odd>") and values[0] not in self.odd:
+            raise Mistake(f"nothing has happened to it; write a line before it: {ODD_STATEMENTS[values[0]]}")
+        if form.startswith("expect large record") and "record" not in self.odd:
+            raise Mistake("there is none; write a line before it: publish a record of 100 KB")
+        if form.startswith("expect moved") and "lists" not in self.odd:
+            raise Mistake("nothing has moved; write a line before it: change lists")
         wanted = [value for place, value in zip(places(form), values) if place == "process"]
         if (form.endswith("running") or form.endswith("idle")) and wanted[0] not in self.running:
             raise Mistake(f"{wanted[0]} does not run here; write a line before it: start {wanted[0]}")

@@ -2,7 +2,7 @@
 // record with a running number, and an account of what was sent that survives its own death.
 //
 // usage: load_publisher NAME ACCOUNT LIFE PUBLICATIONS PER_SECOND
-// Publications are load/0, load/1, ...; each has the int fields n, a and b, all LIFE * 100,000,000 + the
+// Publications are load/0, load/1, ...; each has the int fields n, a, b and m, all LIFE * 100,000,000 + the
 // publication's own count from 1. The source time of a number is as many milliseconds after a round moment.
 // ACCOUNT is a file of 64-bit numbers, mapped into memory: the count of each publication's records, the one
 // that is just being handed to send() included. First line of output: its incarnation. Standard input: "stop"
@@ -102,7 +102,7 @@ int run(char** arguments) {
       continue;
     }
     const int number = base + ++sent[next];
-    for (const char* tag : {"n", "a", "b"}) data->insert(number, tag);
+    for (const char* tag : {"n", "a", "b", "m"}) data->insert(number, tag);
     KelTimestamp time;
     time.timeNanoseconds = startNanoseconds + std::int64_t{number} * 1'000'000;
     account.set(next, static_cast<std::uint64_t>(sent[next]));

@@ -212,7 +212,12 @@ class BrokerRecorder(threading.Thread):
 
 
 def retained(port, pattern):
-    """What the broker keeps below a pattern: topics with a payload. OSError when there is no broker."""
+    """Topics that the broker keeps below a pattern. OSError when there is no broker."""
+    return list(kept(port, pattern))
+
+
+def kept(port, pattern):
+    """topic -> payload of what the broker keeps below a pattern. OSError when there is no broker."""
     recorder = BrokerRecorder(port, pattern)
     recorder.start()
     try:
@@ -220,7 +225,7 @@ def retained(port, pattern):
             raise OSError("the broker does not answer")
         # Retained messages come right behind the answer to the subscription.
         time.sleep(0.1 * harness.PATIENCE)
-        return [topic for _, kept, topic, payload in list(recorder.raw) if kept and payload]
+        return {topic: payload for _, is_kept, topic, payload in list(recorder.raw) if is_kept and payload}
     finally:
         recorder.stop()
 

@@ -17,11 +17,14 @@ import language
 import recorders
 import resp
 import servers
+import troubles
+import verdicts
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PYTHON = "/usr/bin/python3"
-CLOCK_LIBRARY = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
-PUBLISHER_NAMES = {"publisher": "load", "gateway": "KelGateway", "gateway2": "KelGateway"}
+PUBLISHER_NAMES = {"publisher": "load", "publisher2": "load", "gateway": "KelGateway", "gateway2": "KelGateway"}
+# The numbers of the second publisher of one name are above all those of the first.
+SECOND_LIVES = 10
 STORE_SIDE = ("gateway-store",)
 
 
@@ -31,8 +34,12 @@ class Rig:
     def __init__(self, scenario, keep_under=None):
         self.scenario = scenario
         self.folder = tempfile.mkdtemp(prefix=f"kelgw-faults.{scenario.name}.", dir=keep_under)
-        self.store = servers.ReplicatedStore(self.folder) if scenario.replica else servers.Store(self.folder, scenario.disk_mb)
-        self.broker = servers.Broker(self.folder, scenario.broker_persistence)
+        self.clocks = {whose: troubles.Clock(self.folder, whose) for whose in language.CLOCKS if scenario.steps_clock(whose)}
+        self.store = servers.ReplicatedStore(self.folder) if scenario.replica else servers.Store(
+            self.folder, scenario.disk_mb, scenario.log_in, self.clocks.get("store"))
+        self.broker = servers.Broker(self.folder, scenario)
+        self.troubles = troubles.Troubles(self)
+        self.supervisor = troubles.Supervisor(self)
         self.rate = max(1, int(scenario.rate / harness.PATIENCE))
         self.write_rate = max(1, int(scenario.write_rate / harness.PATIENCE))
         self.evidence = evidence.Evidence(scenario.publications if scenario.rate else 0,
@@ -80,22 +87,29 @@ class Rig:
         process.order(order)
         process.wait_for(f"{link}: {order}", lambda: len(process.out) > before)
 
-    def environment(self, kel_link=None, store_link=None):
-        return {"KEL_URL": self.kel_url(kel_link), "PVSS_STORE": self.store_url(store_link), "PYTHONDONTWRITEBYTECODE": "1"}
+    def environment(self, kel_link=None, store_link=None, log_in=False):
+        kel, store = self.kel_url(kel_link), self.store_url(store_link)
+        if log_in:
+            passfile = os.path.join(self.folder, "password")
+            with open(passfile, "w", encoding="ascii", opener=lambda path, flags: os.open(path, flags, 0o600)) as file:
+                file.write(servers.PASSWORD + "\n")
+            kel += f"&user={troubles.USER}&passfile={passfile}"
+            store += f"?user={troubles.USER}&passfile={passfile}"
+        return {"KEL_URL": kel, "PVSS_STORE": store, "PYTHONDONTWRITEBYTECODE": "1"}
 
     # -------------------------------------------------------------------------------------------- processes
 
-    def start(self, name):
+    def start(self, name, is_return=True):
         again = name in self.evidence.lives
         lives = self.evidence.lives.setdefault(name, [])
         published, confirmed = self._published(), self._confirmed()
         born = time.monotonic()
-        lives.append(evidence.Life(len(lives) + 1, born))
-        getattr(self, "_start_" + name)(len(lives))
+        lives.append(evidence.Life(len(lives) + 1 + (SECOND_LIVES if name == "publisher2" else 0), born))
+        getattr(self, "_start_" + name)(lives[-1].number)
         if name in self.now:
             self.sampler.watch(name, self.now[name].pid)
-        if again or self.evidence.losses:
-            self._came_back(born, f"the start of {name}", published, confirmed)
+        if is_return and (again or self.evidence.losses):
+            self.came_back(born, f"the start of {name}", published, confirmed)
 
     def _spawn(self, name, arguments, **options):
         process = recorders.TimedProcess(arguments, cwd=self.folder, **options)
@@ -136,21 +150,25 @@ class Rig:
     def _gateway(self, name, kel_link, store_link):
         config = os.path.join(self.folder, name + ".config")
         with open(config, "w", encoding="utf-8") as file:
+            file.write("[general]\n")
             if self.scenario.backlog_mb is not None:
-                file.write(f"[general]\nbacklogBytes = {int(self.scenario.backlog_mb * 1048576 / harness.PATIENCE)}\n")
+                file.write(f"backlogBytes = {int(self.scenario.backlog_mb * 1048576 / harness.PATIENCE)}\n")
+            if self.scenario.invalid_after is not None:
+                file.write(f"invalidAfter = {self.scenario.invalid_after:g}\n")
             file.write(f'[kel]\nclientDPList = "{harness.LIST}"\npubDPList = "{harness.PUBLICATIONS}"\n'
                        f'publisherName = "{PUBLISHER_NAMES[name]}"\n')
-        env = self.environment(kel_link, store_link)
-        if self.scenario.steps_clock and name == "gateway":
-            self._set_clock(0)
-            env.update({"LD_PRELOAD": CLOCK_LIBRARY, "FAKETIME_TIMESTAMP_FILE": os.path.join(self.folder, "clock"),
-                        "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"})
+        env = self.environment(kel_link, store_link, self.scenario.log_in)
+        if name in self.clocks:
+            env.update(self.clocks[name].environment)
         self._spawn(name, [os.path.join(harness.BIN, "kel-gateway"), "-config", config], env=env)
 
-    def _start_publisher(self, life):
-        self._spawn("publisher", [os.path.join(harness.BIN, "load_publisher"), PUBLISHER_NAMES["publisher"],
-                                  self._account("publisher", life), life, self.evidence.publications, self.rate],
+    def _start_publisher(self, life, name="publisher"):
+        self._spawn(name, [os.path.join(harness.BIN, "load_publisher"), PUBLISHER_NAMES[name], self._account(name, life), life,
+                           self.evidence.publications, self.rate],
                     env=self.environment("publisher-broker"), stdin=True)
+
+    def _start_publisher2(self, life):
+        self._start_publisher(life, "publisher2")
 
     def _start_writer(self, life):
         self._spawn("writer", [PYTHON, "-B", os.path.join(HERE, "writer.py"), self.store.path,
@@ -166,13 +184,16 @@ class Rig:
                  "publish": {f"out/{index}": {"bufferTime": self.scenario.buffer_ms if evidence.is_buffered(index) else 0,
                                               "fields": {tag: f"O{index}.{tag}" for tag in evidence.OUT_TAGS}}
                              for index in range(self.evidence.out_publications)}}
+        self.apply(self.troubles.extend(plant))
+        self.applied = True
+
+    def apply(self, plant):
         path = os.path.join(self.folder, "plant.yaml")
         with open(path, "w", encoding="utf-8") as file:
             json.dump(plant, file)  # JSON is YAML
         code, out, err = self.tool("apply", path)
         if code != 0:
             raise RuntimeError(f"kelgw apply ended with {code}\n{out}\n{err}")
-        self.applied = True
 
     def tool(self, *arguments, limit=60):
         done = subprocess.run([os.path.join(harness.BIN, "kelgw"), *arguments], env={**os.environ, **self.environment()},
@@ -184,8 +205,10 @@ class Rig:
         """A signal for all of them in one moment; ends are waited for."""
         published = self._published()
         # The moment before the signals: what follows from them may be there before the next line runs.
-        self._lost(" and ".join(f"the {'end' if number != signal.SIGSTOP else 'pause'} of {name}" for name in names))
+        self.lost(" and ".join(f"the {'end' if number != signal.SIGSTOP else 'pause'} of {name}" for name in names))
         for name in names:
+            if number != signal.SIGSTOP:
+                self.supervisor.names.discard(name)
             self.now[name].send_signal(number)
         if number == signal.SIGSTOP:
             return
@@ -198,6 +221,16 @@ class Rig:
         if self.scenario.replica and "store" in names:
             self.store.master_is_dead()
 
+    def ended(self, name):
+        """Notes an end that nobody here has caused; the exit code."""
+        process = self.now.pop(name)
+        self.sampler.look()
+        code = process.wait(30)
+        self.evidence.lives[name][-1].died = time.monotonic()
+        self.evidence.lives[name][-1].published = self._published()
+        self.story.append(f"{time.monotonic() - self.began:8.3f}  {name} has ended by itself with {code}")
+        return code
+
     def _wait_until_promoted(self):
         published, confirmed = self._published(), self._confirmed()
         self.store.wait_until_promoted()
@@ -206,12 +239,12 @@ class Rig:
         lives.append(evidence.Life(len(lives) + 1, born))
         self.now["store"] = self.store.process
         self.sampler.watch("store", self.store.process.pid)
-        self._came_back(born, "the replica became the master", published, confirmed)
+        self.came_back(born, "the replica became the master", published, confirmed)
 
-    def _lost(self, what):
+    def lost(self, what):
         self.evidence.losses.append((time.monotonic(), int(time.time() * 1000), what))
 
-    def _came_back(self, at, what, published=None, confirmed=None):
+    def came_back(self, at, what, published=None, confirmed=None):
         self.evidence.returns.append(evidence.Return(at, what, published if published is not None else self._published(),
                                                      confirmed if confirmed is not None else self._confirmed()))
 
@@ -229,12 +262,14 @@ class Rig:
         return [count for (count,) in struct.iter_unpack("<Q", data)]
 
     def _published(self):
-        """publication -> number of its newest record that a publisher has handed over."""
+        """publication -> number of its newest record that a publisher has handed over. The second of one name has the word
+        from the end of the first."""
         newest = {}
-        for life in self.evidence.lives.get("publisher", []):
-            for publication, count in enumerate(self._counts("publisher", life.number)):
-                if count:
-                    newest[publication] = life.number * evidence.LIFE_NUMBERS + count
+        for name in ("publisher", *(["publisher2"] if "publisher" not in self.now else [])):
+            for life in self.evidence.lives.get(name, []):
+                for publication, count in enumerate(self._counts(name, life.number)):
+                    if count:
+                        newest[publication] = life.number * evidence.LIFE_NUMBERS + count
         return newest
 
     def _confirmed(self):
@@ -266,6 +301,7 @@ class Rig:
 
     def look(self, elements=False):
         """Brings the evidence up to now."""
+        self.supervisor.look()
         seen = self.evidence
         seen.now = time.monotonic()
         seen.writes = self.watcher.writes() if self.watcher else []
@@ -273,9 +309,10 @@ class Rig:
         seen.events = self.reader.events() if self.reader else []
         seen.confirmed = self._confirmed()
         seen.published = {}
-        for life in seen.lives.get("publisher", []):
-            for publication, count in enumerate(self._counts("publisher", life.number)):
-                seen.published.setdefault(publication, []).append((life.number, count))
+        for name in ("publisher", "publisher2"):
+            for life in seen.lives.get(name, []):
+                for publication, count in enumerate(self._counts(name, life.number)):
+                    seen.published.setdefault(publication, []).append((life.number, count))
         seen.memory = dict(self.sampler.high)
         seen.running = {name: process.running() for name, process in self.now.items()}
         seen.said = {name: [*process.out, *process.err] for name, process in self.now.items()}
@@ -296,30 +333,33 @@ class Rig:
             self.hit(values, signal.SIGTERM)
         elif form in ("stop load", "resume load"):
             self._load("stop" if form == "stop load" else "go")
+        elif form.startswith("restart"):
+            self.supervisor.names.add(*values)
+        elif form in language.TROUBLES:
+            self.troubles.do(form, values)
         elif step.verb == "pause":
             self.hit(values, signal.SIGSTOP)
         elif step.verb == "continue":
-            self._came_back(time.monotonic(), f"the end of the pause of {values[0]}")
+            self.came_back(time.monotonic(), f"the end of the pause of {values[0]}")
             self.now[values[0]].send_signal(signal.SIGCONT)
         elif step.verb in ("cut", "refuse", "delay", "throttle", "heal"):
             self._link(step)
         elif form == "fill disk":
             self.store.fill()
-            self._lost("the disk was full")
+            self.lost("the disk was full")
         elif form == "free disk":
-            self._came_back(time.monotonic(), "the disk had room again")
+            self.came_back(time.monotonic(), "the disk had room again")
             self.store.free()
         elif step.verb == "step":
-            with open(f"/proc/{self.now['gateway'].pid}/maps", encoding="utf-8") as maps:
-                if "libfaketime" not in maps.read():
-                    raise RuntimeError("the gateway's clock cannot be stepped; is the package faketime installed?")
-            self._set_clock(values[0])
+            whose, seconds = values
+            self.clocks[whose].works_for(self.now[whose])
+            self.clocks[whose].step(seconds)
         elif form == "let replica fall behind":
             self.store.let_the_replica_fall_behind()
         elif form == "wait until promoted":
             self._wait_until_promoted()
         elif form == "wait <number> s":
-            time.sleep(values[0])
+            self.supervisor.wait(values[0])
         elif form == "wait until flowing":
             self._wait_until_flowing()
         else:
@@ -333,13 +373,13 @@ class Rig:
         if order is None:
             order = f"delay {figure[0]}" if step.verb == "delay" else f"rate {figure[0] * 1024 / harness.PATIENCE}"
         if step.verb == "heal":
-            self._came_back(time.monotonic(), f"{link} was healed")
+            self.came_back(time.monotonic(), f"{link} was healed")
         else:
-            self._lost(f"{step.verb} {link}")
+            self.lost(f"{step.verb} {link}")
         self._order(link, order)
 
     def _load(self, order):
-        for name in ("publisher", "writer"):
+        for name in ("publisher", "publisher2", "writer"):
             if name in self.now:
                 self.now[name].order(order)
         # What was just being sent is still counted.
@@ -347,12 +387,6 @@ class Rig:
         while order == "stop" and (self._published(), self._confirmed()) != last:
             last = (self._published(), self._confirmed())
             time.sleep(0.15)
-
-    def _set_clock(self, seconds):
-        path = os.path.join(self.folder, "clock")
-        with open(path + ".new", "w", encoding="ascii") as file:
-            file.write(f"{seconds:+d}s\n")
-        os.rename(path + ".new", path)
 
     def _wait_until_flowing(self):
         try:
@@ -370,7 +404,7 @@ class Rig:
                 return evidence.flow_resumes(seen, seconds * harness.PATIENCE)
             finally:
                 seen.returns = kept
-        return self._within(seconds, judge)
+        return self.within(seconds, judge)
 
     # -------------------------------------------------------------------------------------------- expectations
 
@@ -378,7 +412,7 @@ class Rig:
         """Raises evidence.Violated when the expectation does not hold; its figure otherwise."""
         words, values = step.form.split(), step.values
         if "flow resumes" in step.form:
-            took = self._within(values[0], lambda seen: evidence.flow_resumes(seen, values[0] * harness.PATIENCE))
+            took = self.within(values[0], lambda seen: evidence.flow_resumes(seen, values[0] * harness.PATIENCE))
             self.figures["recovery"].append(took)
             return took
         if "flow goes on" in step.form:
@@ -389,19 +423,23 @@ class Rig:
                 self.figures["recovery"].append(took)
             return took
         if "elements invalid" in step.form:
-            took = self._within(values[0], lambda seen: evidence.elements_invalid(seen, values[0] * harness.PATIENCE))
+            took = self.within(values[0], lambda seen: evidence.elements_invalid(seen, values[0] * harness.PATIENCE))
             self.figures["invalid"].append(took)
             return took
         if "elements equal" in step.form:
-            return self._within(values[0], evidence.elements_equal, elements=True)
+            return self.within(values[0], evidence.elements_equal, elements=True)
         if "publications carry" in step.form:
-            return self._within(values[0], evidence.publications_carry, elements=True)
+            return self.within(values[0], evidence.publications_carry, elements=True)
         if "no presence" in step.form:
-            return self._within(values[1], lambda seen: self._presence(seen, values[0]))
+            return self.within(values[1], lambda seen: self._presence(seen, values[0]))
         if "at least once" in step.form:
-            return self._within(values[2], lambda seen: evidence.says(seen, values[0], values[1], 1, None))
+            return self.within(values[2], lambda seen: evidence.says(seen, values[0], values[1], 1, None))
         if "ledger" in step.form:
-            return self._within(values[0], self._balances)
+            return self.within(values[0], self._balances)
+        if step.form == "expect publications bad within <number> s":
+            return self.within(values[0], lambda seen: verdicts.publications_bad(seen, values[0] * harness.PATIENCE))
+        if step.form in TROUBLE_JUDGES:
+            return TROUBLE_JUDGES[step.form](self, *values)
         seen = self.look(elements=True)
         simple = {"expect source": evidence.source_times_kept, "expect sequences": evidence.sequences_forward,
                   "expect records": evidence.records_whole, "expect nothing": evidence.nothing_dead,
@@ -422,7 +460,7 @@ class Rig:
             return evidence.says(seen, *values, 0, 0)
         return (evidence.is_idle if words[2] == "idle" else evidence.is_running)(seen, *values)
 
-    def _within(self, seconds, judge, elements=False):
+    def within(self, seconds, judge, elements=False):
         """The judge's figure as soon as it holds, at the latest after so many seconds."""
         end = time.monotonic() + seconds * harness.PATIENCE
         while True:
@@ -514,6 +552,29 @@ class Rig:
                            f"quality {message.quality} {message.fields}{' retained' if message.retained else ''}\n")
         with open(os.path.join(self.folder, "ledger.json"), "w", encoding="utf-8") as file:
             json.dump(self.evidence.ledger, file, indent=1)
+
+
+def _forgotten(rig, least):
+    seen = rig.look()
+    rig.ledger(seen)
+    verdicts.forgotten_above(seen, least)
+
+
+# Expectations that are judged by what troubles.py finds out.
+TROUBLE_JUDGES = {
+    "expect <process> ended by itself with <count>":
+        lambda rig, name, code: verdicts.ended_by_itself(name, rig.supervisor.codes.get(name, []), code),
+    "expect one owner within <number> s": lambda rig, limit: rig.within(limit, lambda seen: rig.troubles.one_owner()),
+    "expect <odd> publication bad within <number> s":
+        lambda rig, name, limit: rig.within(limit, lambda seen: rig.troubles.odd_publication(name, False)),
+    "expect <odd> publication good within <number> s":
+        lambda rig, name, limit: rig.within(limit, lambda seen: rig.troubles.odd_publication(name, True)),
+    "expect large record written within <number> s":
+        lambda rig, limit: rig.within(limit, lambda seen: rig.troubles.large_record()),
+    "expect moved elements right within <number> s":
+        lambda rig, limit: rig.within(limit, lambda seen: rig.troubles.moved(seen.newest)),
+    "expect forgotten above <count>": _forgotten,
+}
 
 
 def scenario_paths(names):

@@ -4,11 +4,17 @@ persistence, and with queues that never close a link."""
 import os
 import random
 import resource
+import signal
 import socket
 import subprocess
 
 import harness
 import stores
+
+
+PASSWORD = "open sesame"
+SERVER = ["redis-server", "--port", "0", "--save", "", "--appendonly", "yes", "--appendfsync", "everysec", "--maxmemory-policy",
+          "noeviction", "--daemonize", "no"]
 
 
 def quiet_port():
@@ -29,11 +35,12 @@ def quiet_port():
 
 class Store(harness.Redis):
     """With `disk_mb`, its folder is a file system of that size in a mount namespace of its own; where the system does not
-    allow that, a limit on the size of its files does instead, and `disk_kind` says which."""
+    allow that, a limit on the size of its files does instead, and `disk_kind` says which. With `log_in` it has a user
+    `gateway`; with a `clock` its time is that one's."""
 
-    def __init__(self, folder, disk_mb=None):
+    def __init__(self, folder, disk_mb=None, log_in=False, clock=None):
         super().__init__(folder)
-        self.disk_mb = disk_mb
+        self.disk_mb, self.log_in, self.clock = disk_mb, log_in, clock
         self.disk = os.path.join(folder, "disk")
         self.disk_kind = None
 
@@ -47,10 +54,13 @@ class Store(harness.Redis):
 
     def start(self):
         if self.disk_mb is None:
-            return super().start()
+            rights = ["--user", "gateway", "on", ">" + PASSWORD, "~*", "&*", "+@all"] if self.log_in else []
+            self.process = harness.Process([*SERVER, "--unixsocket", self.path, "--dir", self.folder, *rights],
+                                           env=self.clock.environment if self.clock else None)
+            self.process.wait_for("the store to start", self._answers)
+            return self
         os.makedirs(self.disk, exist_ok=True)
-        command = ["redis-server", "--port", "0", "--unixsocket", self.path, "--dir", self.disk, "--save", "", "--appendonly",
-                   "yes", "--appendfsync", "everysec", "--maxmemory-policy", "noeviction", "--daemonize", "no"]
+        command = [*SERVER, "--unixsocket", self.path, "--dir", self.disk]
         switches = self._private_mounts()
         if switches:
             self.disk_kind = "tmpfs"
@@ -134,19 +144,35 @@ class ReplicatedStore:
 
 
 class Broker(harness.Broker):
-    """A queue that is full closes no link; with persistence, retained messages are on disk within a second."""
+    """As `scenario` wants it. A queue that is full closes no link; with persistence, retained messages are on disk within a
+    second."""
 
-    def __init__(self, folder, persistence):
+    def __init__(self, folder, scenario):
         super().__init__(folder)
         self.port = quiet_port()
-        self.persistence = persistence
+        self.scenario = scenario
+        self.acl = os.path.join(folder, "acl")
+
+    def allow(self, gateways):
+        """Whether gateways may do anything; everybody else, who comes without a name, may do all."""
+        with open(self.acl, "w", encoding="ascii") as file:
+            file.write("topic readwrite #\nuser gateway\n" + ("topic readwrite #\n" if gateways else ""))
+        if self.process:
+            self.process.send_signal(signal.SIGHUP)
 
     def start(self):
         path = os.path.join(self.folder, "mosquitto.conf")
         with open(path, "w", encoding="utf-8") as config:
-            config.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n"
-                         "max_inflight_messages 1000\nmax_queued_messages 1000000\n")
-            if self.persistence:
+            config.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n")
+            if not self.scenario.default_queue:
+                config.write("max_inflight_messages 1000\nmax_queued_messages 1000000\n")
+            if self.scenario.message_limit_kb is not None:
+                config.write(f"message_size_limit {int(self.scenario.message_limit_kb * 1024)}\n")
+            if self.scenario.log_in:
+                self.process = None
+                self.allow(True)
+                config.write(f"acl_file {self.acl}\n")
+            if self.scenario.broker_persistence:
                 config.write(f"persistence true\npersistence_location {self.folder}/\nautosave_interval 1\n")
             if os.geteuid() == 0:
                 config.write("user root\n")

@@ -46,20 +46,20 @@ def test_a_scenario_is_read_with_its_settings_and_its_steps_in_order():
     assert [step.line for step in scenario.steps] == list(range(9, 19))
     assert scenario.steps[6].values == [1.5]
     assert scenario.steps[-1].values == ["gateway", "ERROR: #1"]
-    assert not scenario.steps_clock and not scenario.broker_persistence
+    assert not scenario.steps_clock("gateway") and not scenario.broker_persistence
 
 
 @pytest.mark.parametrize("form", list(language.FORMS))
 def test_every_form_is_taken_as_it_is_documented(form):
     samples = {"<text>": '"some words"', "<count>": "7", "<number>": "1.5", "<signed>": "-3600", "<process>": "gateway",
-               "<link>": "gateway-store"}
+               "<link>": "gateway-store", "<server>": "broker", "<clock>": "store", "<odd>": "large"}
     line = " ".join(samples.get(word, word) for word in form.split())
     assert language.parse_line(line)[0] == form
 
 
 @pytest.mark.parametrize("line, said", [
     ("strat store", "no statement begins with 'strat'"),
-    ("start stoer", "'stoer' is not one of: store, broker, gateway, gateway2, publisher, writer; write: start <process>"),
+    ("start stoer", "'stoer' is not one of: store, broker, gateway, gateway2, publisher, publisher2, writer; write: start <process>"),
     ("wait two s", "'two' is not a number"),
     ("wait 2 sec", "'sec' stands where 's' is expected; write: wait <number> s"),
     ("kill -9", "the line ends where '<process>"),
@@ -82,6 +82,15 @@ def test_a_line_that_nobody_understands_is_refused_with_what_to_write(line, said
     ("continue store", "store is not paused"),
     ("kill -9 gateway2", "gateway2 does not run here; write a line before it: start gateway2"),
     ("fill disk", "with small disk"),
+    ("free memory", "write 'fill memory' and 'free memory' in turn"),
+    ("take rights at store", "with log-in"),
+    ("cut 64 KB off the log of store", "kill -9 store"),
+    ("start publisher2\nstart publisher2", "publisher2 runs already"),
+    ("restart gateway2 when it ends", "start gateway2"),
+    ("expect deleted publication bad within 5 s", "write a line before it: delete published element"),
+    ("expect large publication good within 5 s", "write a value of 100 KB"),
+    ("expect large record written within 5 s", "publish a record of 100 KB"),
+    ("expect moved elements right within 5 s", "change lists"),
     ("expect gateway2 idle", "gateway2 does not run here"),
     ("load 5 records/s over 1 publications", "move this line above the first start"),
 ])
@@ -103,6 +112,11 @@ def test_a_line_that_cannot_work_where_it_stands_is_refused(line, said):
     ("load 0 records/s over 1 publications\nstart store\nexpect store running", "nothing would ever flow"),
     ("with small disk 16 MB\nstart store\nfill disk\nfill disk\nexpect store running", "the disk is full already"),
     ("with small disk 16 MB\nstart store\nkill -9 store\nstart store\nexpect store running", "its small disk goes with it"),
+    ("with log-in\nwith small disk 16 MB\nstart store\nexpect store running", "neither a replica nor a small disk"),
+    ("with log-in\nstart store\ngive rights at store\nexpect store running", "in turn"),
+    ("with log-in\nstart store\ntake rights at broker\nexpect store running", "broker does not run here"),
+    ("start store\nexpect publications bad within 5 s", "nothing was lost before this line"),
+    ("start broker\nchange lists\nexpect broker running", "store does not run here"),
     ("with small disk 16 MB\nwith replica\nstart store\nexpect store running", "not both"),
     ("start store\nlet replica fall behind\nexpect store running", "the store has no replica"),
     ("with replica\nstart store\nwait until promoted\nexpect store running", "the store is not dead"),

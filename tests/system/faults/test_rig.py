@@ -46,3 +46,22 @@ def test_a_run_that_holds_leaves_nothing(folder):
     finally:
         run.close(keep=False)
     assert os.listdir(folder) == []
+
+
+def test_what_ends_by_itself_is_started_again_and_its_exit_code_is_kept(folder):
+    text = "start store\nstart broker\nstart gateway\nrestart gateway when it ends\nexpect gateway running\n"
+    run = rig.Rig(language.parse("ending", text), folder)
+    try:
+        assert run.run() is None
+        first = run.now["gateway"]
+        first.kill()
+
+        def again():
+            run.supervisor.look()
+            return "gateway" in run.now and run.now["gateway"] is not first
+        harness.wait_until("the gateway to be started again", again)
+        assert run.supervisor.codes == {"gateway": [-9]}
+        assert [life.died is None for life in run.evidence.lives["gateway"]] == [False, True]
+        assert run.evidence.returns == [], "this is no return that a scenario has brought about"
+    finally:
+        run.close(keep=False)

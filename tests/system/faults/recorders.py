@@ -88,14 +88,18 @@ class LogWatcher(threading.Thread):
             link.close()
 
     def _forget(self, link, last):
-        sequence = int(link.command("GET", "dp:seq") or b"0")
-        if sequence >= int(last.split(b"-")[0]):
-            return last
-        while self.raw and int(self.raw[-1][1].split(b"-")[0]) > sequence:
+        """Takes out what the store does not have, or has otherwise: what was lost may have been followed by something else
+        under the same numbers before anybody looks. The id of the last entry that both have."""
+        while self.raw and not self._has(link, self.raw[-1]):
             self.raw.pop()
             self.forgotten += 1
-        self._parsed, self._taken = [], 0
+            self._parsed, self._taken = [], 0
         return self.raw[-1][1] if self.raw else b"0-0"
+
+    @staticmethod
+    def _has(link, entry):
+        _, identity, fields = entry
+        return link.command("XRANGE", "dp:log", identity, identity) == [[identity, fields]]
 
     def writes(self):
         """Every write so far, in order."""

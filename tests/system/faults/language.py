@@ -55,7 +55,7 @@ FORMS = {
     "take rights at <server>": "the gateways may do nothing there any more that they were logged in for",
     "give rights at <server>": "and again they may",
     "cut <count> KB off the log of store": "the end of what the dead store had on disk is gone",
-    "change lists": "elements and publications move, others come and go",
+    "change lists": "elements move over publications; outgoing publications come and go",
     "delete published element": "while its publication is in use",
     "retype published element": "from int to text, while its publication is in use",
     "publish a record of <count> KB": "by somebody who is no member, into one element of type text",

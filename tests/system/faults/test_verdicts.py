@@ -109,13 +109,13 @@ def test_a_moved_element_with_something_else_is_seen(element, state, said):
         verdicts.moved_elements(MOVED, {**MOVED_STATES, element: state})
 
 
-def test_moved_publications_carry_their_new_element():
+def test_publications_of_a_changing_list_carry_their_element():
     verdicts.moved_publications({"moved/0": {"v": "7"}}, {"moved/0": record_of(7)})
 
 
 @pytest.mark.parametrize("records", [{}, {"moved/0": record_of(6)}, {"moved/0": record_of(7, quality=0)},
                                      {"moved/0": record_of(7), "moved/new1": record_of(7)}])
-def test_a_moved_publication_with_something_else_is_seen(records):
+def test_a_publication_of_a_changing_list_with_something_else_is_seen(records):
     with pytest.raises(Violated):
         verdicts.moved_publications({"moved/0": {"v": "7"}}, records)
 

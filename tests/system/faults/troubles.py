@@ -98,14 +98,14 @@ class Troubles:
             source = self._source(element)
             name = "nobody/0" if source is None else f"load/{source}"
             plant["subscribe"].setdefault(name, {})["m"] = f"M{element}.v"
-        for name, element in self._published().items():
-            plant["publish"][name] = {"bufferTime": 0, "fields": {"v": element}}
+        plant["publish"][f"moved/{self.turn}"] = {"bufferTime": 0, "fields": {"v": self._published(self.turn)}}
         return plant
 
-    def _published(self):
-        """publication -> element of those that move, one of them new after each change."""
-        moving = {f"moved/{(place + self.turn) % 3}": f"O{place}.x" for place in range(3)}
-        return {**moving, f"moved/new{self.turn}": "O0.y"}
+    @staticmethod
+    def _published(turn):
+        """The element of the publication that came with that change of the lists, and went with the next. A gateway goes on
+        with those that have gone from the list, until it is started again."""
+        return f"O{turn % 2}.y"
 
     def _change_lists(self):
         self.turn += 1
@@ -231,7 +231,8 @@ class Troubles:
                   for element in range(MOVING)}
         verdicts.moved_elements(wanted, {name: self._element(name) for name in wanted})
         records = {name: codec.Record(payload) for name, payload in self._kept("moved").items()}
-        verdicts.moved_publications({name: self._element(element) for name, element in self._published().items()}, records)
+        wanted = {f"moved/{turn}": self._element(self._published(turn)) for turn in range(self.turn + 1)}
+        verdicts.moved_publications(wanted, records)
 
 
 class Supervisor:

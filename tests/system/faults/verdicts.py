@@ -81,7 +81,7 @@ def moved_elements(wanted, states):
 
 def moved_publications(wanted, records):
     """`wanted`: publication -> state of its element; `records`: publication -> what the broker keeps of it."""
-    wrong = [f"{name} is withdrawn, and the broker keeps a record of it" for name in records if name not in wanted]
+    wrong = [f"{name} was never on the list, and the broker keeps a record of it" for name in records if name not in wanted]
     for name, state in wanted.items():
         record = records.get(name)
         if record is None:
@@ -89,7 +89,7 @@ def moved_publications(wanted, records):
         elif record.quality != 1 or str(record.fields.get("v", (None, None))[1]) != state.get("v"):
             wrong.append(f"{name} carries {record.fields} with quality {record.quality}, and its element has {state.get('v')}")
     if wrong:
-        raise Violated(f"{len(wrong)} moved publications are wrong: {some(wrong)}")
+        raise Violated(f"{len(wrong)} publications of the changing list are wrong: {some(wrong)}")
 
 
 def ended_by_itself(name, codes, code):

@@ -107,9 +107,9 @@ TEST_F(Functions, HelloTellsWhatIsCountedOfTheWriter) {
   call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A"});
   const std::string fresh = server.cli({"HGET", "dp:cli", "7.a"});
   EXPECT_THAT(fresh, StartsWith("0 0 0 0 0 1"));
-  call({"dp_set", "0", "7.a", "7", "1", "0", "1700", "", "A.f", "i0v1", "No.such", "v1"});
+  call({"dp_set", "0", "7.a", "7:1", "1", "0", "1700", "", "A.f", "i0v1", "No.such", "v1"});
   const auto hello = lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A"}));
-  ASSERT_EQ(hello.size(), 6U);
+  ASSERT_EQ(hello.size(), 7U);
   EXPECT_EQ(hello[1], "1");
   EXPECT_EQ(hello[4], "2");
   EXPECT_EQ(hello[5], "1");
@@ -172,12 +172,12 @@ TEST_F(Functions, WithoutATimeTheStoresClockIsTaken) {
 
 TEST_F(Functions, WriterThatDoesNotHoldTheLeaseIsFenced) {
   call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A on host"});
-  EXPECT_EQ(call({"dp_set", "0", "7.b", "7", "1", "0", "1", "", "A.f", "v1"}), "FENCED A on host");
-  EXPECT_EQ(call({"dp_set", "0", "7.a", "7", "1", "0", "1", "", "A.f", "v1"}), "2");
+  EXPECT_EQ(call({"dp_set", "0", "7.b", "7:1", "1", "0", "1", "", "A.f", "v1"}), "FENCED A on host");
+  EXPECT_EQ(call({"dp_set", "0", "7.a", "7:1", "1", "0", "1", "", "A.f", "v1"}), "2");
 }
 
 TEST_F(Functions, WriteTakesAFreeLeaseUpAgain) {
-  EXPECT_EQ(call({"dp_set", "0", "7.a", "7", "1", "0", "1", "", "A.f", "v1"}), "2");
+  EXPECT_EQ(call({"dp_set", "0", "7.a", "7:1", "1", "0", "1", "", "A.f", "v1"}), "2");
   EXPECT_EQ(server.cli({"HGET", "dp:mgr:7:lease", "writer"}), "7.a");
   EXPECT_GT(std::stoi(server.cli({"PTTL", "dp:mgr:7:lease"})), 0);
 }
@@ -185,7 +185,7 @@ TEST_F(Functions, WriteTakesAFreeLeaseUpAgain) {
 TEST_F(Functions, HelloGivesTheNumberToOneAtATime) {
   const auto first =
       lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A on host"}));
-  EXPECT_THAT(first, ElementsAre("1", "0", "1", testing::SizeIs(40), "0", "0"));
+  EXPECT_THAT(first, ElementsAre("1", "0", "1", testing::SizeIs(40), "0", "0", "1"));
   const auto second =
       lines(call({"dp_hello", "0", "7.b", "7", "60000", "api", "host", "2", "v", "B on host"}));
   ASSERT_EQ(second.size(), 3U);
@@ -197,17 +197,23 @@ TEST_F(Functions, HelloGivesTheNumberToOneAtATime) {
 }
 
 TEST_F(Functions, HelloKnowsTheNewestWriteOfTheWriter) {
-  call({"dp_set", "0", "7.a", "7", "12", "0", "1", "", "A.f", "v1"});
+  call({"dp_set", "0", "7.a", "7:1", "12", "0", "1", "", "A.f", "v1"});
   EXPECT_EQ(lines(call({"dp_hello", "0", "7.a", "7", "60000", "api", "host", "1", "v", "A"}))[1], "12");
 }
 
 TEST_F(Functions, BeatRenewsTheLeaseAndShowsTheCounters) {
   call({"dp_hello", "0", "7.a", "7", "1000", "api", "host", "1", "v", "A on host"});
-  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7", "60000", "state", "running", "queued", "3"})).front(),
+  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7:1", "60000", "state", "running", "queued", "3"})).front(),
             "1");
   EXPECT_GT(std::stoi(server.cli({"PTTL", "dp:mgr:7:lease"})), 1000);
   EXPECT_EQ(server.cli({"HGET", "dp:mgr:7", "queued"}), "3");
-  EXPECT_THAT(lines(call({"dp_beat", "0", "7.b", "7", "60000"})), ElementsAre("0", "A on host"));
+  EXPECT_THAT(lines(call({"dp_beat", "0", "7.b", "7:1", "60000"})), ElementsAre("0", "A on host"));
+}
+
+TEST_F(Functions, CallerOfAnOlderReleaseLosesNothingAndIsSentToLookAtTheVersion) {
+  EXPECT_THAT(call({"dp_set", "0", "7.a", "7", "1", "0", "1", "", "A.f", "v1"}), StartsWith("TRYAGAIN"));
+  EXPECT_THAT(call({"dp_beat", "0", "7.a", "7", "60000", "state", "running"}), StartsWith("TRYAGAIN"));
+  EXPECT_EQ(hash("A.f").front(), "");
 }
 
 TEST_F(Functions, WritersSilentForADayAreForgottenWhenANewOneAppears) {
@@ -312,6 +318,141 @@ TEST_F(Functions, TextsWithEveryByteSurvive) {
   EXPECT_EQ(all[2], element);
 }
 
+/// A manager number that goes from one writer to the next.
+class Number : public Functions {
+ protected:
+  Number() : Functions(RedisServer::Keep::everything) {}
+  std::vector<std::string> hello(const std::string& writer, const std::string& had = "0") {
+    return lines(call({"dp_hello", "0", writer, "7", "60000", "api", "host", "1", "v", writer, had}));
+  }
+  /// The generation that hello gives, or who has the number.
+  std::string generation(const std::string& writer, const std::string& had = "0") {
+    const auto answer = hello(writer, had);
+    return answer.at(0) == "1" ? answer.at(6) : answer.at(1);
+  }
+  std::string write(const std::string& writer, const std::string& fence, const std::string& text) {
+    const std::string known = server.cli({"HGET", "dp:cli", writer});
+    const auto next = known.empty() ? 1 : std::stoull(known) + 1;
+    return call({"dp_set", "0", writer, fence, std::to_string(next), "0", "1", "", "A.f", text});
+  }
+  void leaseRunsOut() { server.cli({"DEL", "dp:mgr:7:lease"}); }
+  void beginAnew() {
+    server.kill();
+    server.start();
+  }
+};
+
+TEST_F(Number, GenerationRisesWhenItGoesToAnotherAndOnlyThen) {
+  EXPECT_EQ(generation("7.a"), "1");
+  EXPECT_EQ(generation("7.a", "1"), "1");
+  EXPECT_EQ(generation("7.a"), "1") << "its answer had not arrived";
+  leaseRunsOut();
+  EXPECT_EQ(generation("7.a", "1"), "1") << "it merely hung";
+  leaseRunsOut();
+  EXPECT_EQ(generation("7.b"), "2");
+  call({"dp_bye", "0", "7.b", "7"});
+  EXPECT_EQ(generation("7.a"), "3");
+}
+
+TEST_F(Number, WriterThatMerelyHungGoesOn) {
+  generation("7.a");
+  leaseRunsOut();
+  EXPECT_EQ(write("7.a", "7:1", "v1"), "2");
+  leaseRunsOut();
+  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7:1", "60000"})).front(), "1");
+  EXPECT_EQ(server.cli({"HGET", "dp:mgr:7:lease", "writer"}), "7.a");
+}
+
+TEST_F(Number, WriteOfAnOlderGenerationIsFencedAlsoWhenNobodyHasTheNumberAnyMore) {
+  generation("7.a");
+  leaseRunsOut();
+  generation("7.b");
+  write("7.b", "7:2", "v2");
+  leaseRunsOut();
+  EXPECT_EQ(write("7.a", "7:1", "v1"), "FENCED 7.b");
+  EXPECT_THAT(lines(call({"dp_beat", "0", "7.a", "7:1", "60000"})), ElementsAre("0", "7.b"));
+  EXPECT_EQ(hello("7.a", "1").at(0), "0") << "who had it once and lost it is told so";
+  EXPECT_EQ(hash("A.f").front(), "2");
+  EXPECT_EQ(server.cli({"EXISTS", "dp:mgr:7:lease"}), "0");
+  EXPECT_EQ(generation("7.c"), "3");
+}
+
+TEST_F(Number, WriteOfTheSameWriterInAnOlderGenerationIsFenced) {
+  generation("7.a");
+  leaseRunsOut();
+  generation("7.b");
+  leaseRunsOut();
+  EXPECT_EQ(generation("7.a"), "3");
+  EXPECT_THAT(write("7.a", "7:1", "v1"), StartsWith("FENCED"));
+  EXPECT_EQ(write("7.a", "7:3", "v3"), "2");
+}
+
+TEST_F(Number, NothingIsTakenFromAWriterThatHasSaidGoodBye) {
+  generation("7.a");
+  call({"dp_bye", "0", "7.a", "7"});
+  EXPECT_THAT(write("7.a", "7:1", "v1"), StartsWith("FENCED"));
+  EXPECT_EQ(hash("A.f").front(), "");
+}
+
+TEST_F(Number, StoreThatBeganAnewLetsOnlyTheLastHolderInForOneLease) {
+  generation("7.a");
+  leaseRunsOut();
+  beginAnew();
+  const auto refused = hello("7.b");
+  EXPECT_EQ(refused.at(0), "0");
+  EXPECT_EQ(refused.at(1), "7.a");
+  EXPECT_GT(std::stoi(refused.at(2)), 50000);
+  EXPECT_LE(std::stoi(refused.at(2)), 60000);
+  EXPECT_EQ(generation("7.a", "1"), "1");
+  leaseRunsOut();
+  EXPECT_EQ(generation("7.b"), "2") << "the last holder was there: from now on the lease alone decides";
+}
+
+TEST_F(Number, LastHolderThatDoesNotComeBackIsWaitedForOnce) {
+  generation("7.a");
+  leaseRunsOut();
+  beginAnew();
+  EXPECT_EQ(hello("7.b").at(0), "0");
+  server.cli({"HINCRBY", "dp:mgr:7:owner", "until", "-60001"});  // as if so long had passed
+  EXPECT_EQ(generation("7.b"), "2");
+  EXPECT_EQ(generation("7.a", "1"), "7.b");
+}
+
+TEST_F(Number, ClockThatWentBackDoesNotMakeTheWaitLonger) {
+  generation("7.a");
+  leaseRunsOut();
+  beginAnew();
+  hello("7.b");
+  server.cli({"HINCRBY", "dp:mgr:7:owner", "until", "86400000"});
+  EXPECT_LE(std::stoi(hello("7.b").at(2)), 60000);
+}
+
+TEST_F(Number, NobodyIsWaitedForAfterAnOrderlyEnd) {
+  generation("7.a");
+  call({"dp_bye", "0", "7.a", "7"});
+  beginAnew();
+  EXPECT_EQ(generation("7.b"), "2");
+}
+
+TEST_F(Number, StoreThatLostTheNewestHolderGivesWayToIt) {
+  generation("7.a");
+  leaseRunsOut();
+  generation("7.b");
+  // The store comes back as it was before the second had the number, and the first was quicker.
+  server.cli({"HSET", "dp:mgr:7:owner", "writer", "7.a", "generation", "1"});
+  leaseRunsOut();
+  EXPECT_EQ(generation("7.a", "1"), "1");
+  EXPECT_EQ(generation("7.b", "2"), "2");
+  EXPECT_EQ(write("7.a", "7:1", "v1"), "FENCED 7.b");
+}
+
+TEST_F(Number, EmptiedStoreGivesTheNumberToWhomIsThere) {
+  generation("7.a");
+  server.cli({"FLUSHALL"});
+  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7:1", "60000"})).front(), "1") << "it finds out by the sequence";
+  EXPECT_EQ(generation("7.a", "1"), "1");
+}
+
 /// A server that dies and comes back without what had not reached its disk, or as a replica in its place:
 /// what is lost is simply never written here.
 class Restored : public Functions {
@@ -328,7 +469,7 @@ class Restored : public Functions {
   }
   std::string set(const std::string& writer, const std::string& time, const std::string& flags,
                   const std::string& name, const std::string& text) {
-    return call({"dp_set", "0", writer, writer == "7.w" ? "7" : "", std::to_string(++number), "0", time,
+    return call({"dp_set", "0", writer, writer == "7.w" ? "7:1" : "", std::to_string(++number), "0", time,
                  flags, name, text});
   }
   std::string value(const std::string& name, const std::string& field = "v") {
@@ -368,7 +509,7 @@ TEST_F(Restored, WhatComesBeforeTheFirstManagerIsNewerToo) {
   server.start();
   set("other", "100", "", "A.f", "i0v2");
   hello();
-  call({"dp_set", "0", "7.w", "7", std::to_string(++number), "0", "200", "r", "A.f", "i0v3", "A.i", "i0v3"});
+  call({"dp_set", "0", "7.w", "7:1", std::to_string(++number), "0", "200", "r", "A.f", "i0v3", "A.i", "i0v3"});
   EXPECT_EQ(value("A.f"), "2");
   EXPECT_EQ(value("A.i"), "3");
 }
@@ -396,7 +537,7 @@ TEST_F(Restored, OnlyTheAttributesThatOthersHaveWrittenStay) {
 TEST_F(Restored, EachElementIsLookedAtByItself) {
   comeBack();
   set("other", "100", "", "A.f", "i0v2");
-  call({"dp_set", "0", "7.w", "7", std::to_string(++number), "0", "50", "r", "A.f", "i0v3", "A.i", "i0v4"});
+  call({"dp_set", "0", "7.w", "7:1", std::to_string(++number), "0", "50", "r", "A.f", "i0v3", "A.i", "i0v4"});
   EXPECT_EQ(value("A.f"), "2");
   EXPECT_EQ(value("A.i"), "4");
 }

@@ -53,9 +53,9 @@ DUTIES = {
     "gateway": [
         *SIGN_ON, fcall("dp_version"), fcall("dp_hello", "7.a", "7", "100000", "api", "here", "1", "v", "text"),
         fcall("dp_hello", "7.b", "7", "100000", "api", "here", "1", "v", "text"), fcall("dp_cat"),
-        fcall("dp_set", "7.a", "7", "1", "0", "200", "", "A.x", "i0v2", "A.y", "v3"),
-        fcall("dp_set", "7.a", "7", "2", "1", "200", "r", "A.y", "v4"), fcall("dp_snap", "A.x", "A.y"),
-        fcall("dp_since", "50"), fcall("dp_beat", "7.a", "7", "100000", "state", "running"),
+        fcall("dp_set", "7.a", "7:1", "1", "0", "200", "", "A.x", "i0v2", "A.y", "v3"),
+        fcall("dp_set", "7.a", "7:1", "2", "1", "200", "r", "A.y", "v4"), fcall("dp_snap", "A.x", "A.y"),
+        fcall("dp_since", "50"), fcall("dp_beat", "7.a", "7:1", "100000", "state", "running"),
         ("XREAD", "COUNT", "10", "STREAMS", "dp:log", "0"), fcall("dp_bye", "7.a", "7")],
     "tools": [
         *SIGN_ON, *LOOK, ("FUNCTION", "LIST", "LIBRARYNAME", "kelgw", "WITHCODE"), ("FUNCTION", "LOAD", "REPLACE", library()),
@@ -121,9 +121,9 @@ NO_CODE = [("FUNCTION", "LOAD", "REPLACE", "#!lua name=kelgw\nredis.register_fun
            ("FUNCTION", "LIST")]
 NO_CATALOGUE = [("DEL", "dp:cat"), fcall("dp_put", "x", "B.x", "int"), fcall("dp_del", "x", "A.x"), ("HSET", "dp:cat", "B.x", "int"),
                 ("HDEL", "dp:cat", "A.x"), ("HSET", "dp:cfg", "logBytes", "1")]
-NO_MANAGER = [fcall("dp_hello", "9.x", "9", "100", "api", "h", "1", "v", "t"), fcall("dp_beat", "9.x", "9", "100", "a", "b"),
+NO_MANAGER = [fcall("dp_hello", "9.x", "9", "100", "api", "h", "1", "v", "t"), fcall("dp_beat", "9.x", "9:1", "100", "a", "b"),
               ("HSET", "dp:mgr:7", "a", "b"), fcall("dp_bye", "8.m", "8"), ("ZADD", "dp:mgr", "1", "9")]
-NO_WRITE = [fcall("dp_set", "x", "", "9", "0", "1", "", "A.x", "v7"), fcall("dp_set", "8.m", "8", "9", "0", "1", "", "A.x", "v7"),
+NO_WRITE = [fcall("dp_set", "x", "", "9", "0", "1", "", "A.x", "v7"), fcall("dp_set", "8.m", "8:1", "9", "0", "1", "", "A.x", "v7"),
             ("HSET", "dp:d:A.x", "v", "7"), ("INCR", "dp:seq"), ("XADD", "dp:log", "*", "a", "b"), ("DEL", "dp:d:A.x"),
             ("RPUSH", "dp:log:marks", "x"), ("HSET", "dp:cli", "x", "1 1")]
 

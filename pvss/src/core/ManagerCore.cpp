@@ -27,6 +27,8 @@ constexpr std::chrono::milliseconds pollEvery(5);
 // unless so many wait already: then the store's log holds what comes, and memory stays bounded.
 constexpr std::size_t deliveriesBeforeReading = 16384;
 constexpr std::chrono::seconds beatEvery(1);
+// The exit code of a manager that has run and whose number another one has taken.
+constexpr int numberTaken = 4;
 
 std::string randomIncarnation() {
   constexpr std::string_view digits = "0123456789abcdef";
@@ -290,6 +292,7 @@ void ManagerCore::snapshot(std::uint64_t request, std::uint64_t sequence, std::v
 
 void ManagerCore::confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text) {
   if (outcome == WriteOutcome::fenced) {
+    endIfRunning(text);
     const std::uint64_t dropped = backlog_.dropAll();
     if (link_ != Link::up) {
       return;  // told of already
@@ -305,6 +308,18 @@ void ManagerCore::confirmed(std::uint64_t clientSequence, WriteOutcome outcome, 
   }
 }
 
+// Whoever has the number has everything that hangs on it: the publisher's name at the broker, the right to say
+// what is newest. So a manager that has used the number and lost it does not stay; its successor stands in for
+// it already, and it may come back as the one that waits.
+void ManagerCore::endIfRunning(std::string_view holder) {
+  if (Manager::managerState != Manager::STATE_RUNNING) {
+    return;
+  }
+  log::error(room, "manager number {} was taken by {}: this one ends, {} values were not written",
+             identity_.number, holder, counters_.pending);
+  Manager::exit(numberTaken);
+}
+
 void ManagerCore::lease(bool held, std::string_view holder) {
   if (held) {
     if (!holder_.empty()) {
@@ -313,6 +328,7 @@ void ManagerCore::lease(bool held, std::string_view holder) {
     }
     return;
   }
+  endIfRunning(holder);
   setLink(Link::waiting, holder);
   if (holder_ != holder) {
     holder_ = holder;

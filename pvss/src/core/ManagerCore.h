@@ -62,6 +62,7 @@ class ManagerCore final : private StoreListener {
   void lease(bool held, std::string_view holder) override;
   void gap(std::string_view reason) override;
 
+  void endIfRunning(std::string_view holder);
   void setLink(Link next, std::string_view cause);
   bool deliverReady();
   void pump();

@@ -207,25 +207,36 @@ TEST_F(ManagerFaultsTest, ANumberHeldByAnotherIsWaitedForAndSaidOnce) {
   EXPECT_EQ(Manager::managerState, Manager::STATE_RUNNING);
 }
 
-TEST_F(ManagerFaultsTest, ANumberTakenByAnotherDropsWhatWaitsAndGoesOnWhenItIsFree) {
+using ManagerFaultsDeathTest = ManagerFaultsTest;
+
+TEST_F(ManagerFaultsDeathTest, AManagerThatHasRunEndsWhenItsNumberIsAnothersAndSaysWhose) {
   start();
   set("A.x:_original.._value", FloatVar(1), 1);
   dispatch();
-  ::testing::internal::CaptureStderr();
-  plant->fenceNextWrite();
+  plant->holdWrites(true);
   set("A.x:_original.._value", FloatVar(2), 2);
   set("A.x:_original.._value", FloatVar(3), 3);
   dispatch();
-  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-              HasSubstr("manager number 7 was taken by another manager: 2"));
-  EXPECT_EQ(Manager::getCounters().dropped, 2U);
-  expectBalance();
-  set("A.x:_original.._value", FloatVar(4), 4);
+  plant->holdLease("manager 7.abc on host, process 5");
+  EXPECT_EXIT(dispatch(), ::testing::ExitedWithCode(4),
+              "manager number 7 was taken by manager 7.abc on host, process 5: this one ends, 2 values were "
+              "not written\n");
+}
+
+TEST_F(ManagerFaultsDeathTest, AManagerThatHasRunEndsWhenAWriteIsFenced) {
+  start();
+  plant->fenceNextWrite();
+  set("A.x:_original.._value", FloatVar(2), 2);
+  EXPECT_EXIT(dispatch(), ::testing::ExitedWithCode(4), "number 7 was taken by another manager: this one");
+}
+
+TEST_F(ManagerFaultsDeathTest, AManagerThatFindsItsNumberTakenWhenTheStoreIsBackEnds) {
+  start();
+  plant->setLinkUp(false);
   dispatch();
-  dispatch();
-  EXPECT_EQ(valueOf("A.x"), 4);
-  EXPECT_EQ(Manager::getCounters().confirmed, 2U);
-  expectBalance();
+  plant->holdLease("manager 7.abc on host, process 5");
+  plant->setLinkUp(true);
+  EXPECT_EXIT(dispatch(), ::testing::ExitedWithCode(4), "number 7 was taken by manager 7.abc on host");
 }
 
 TEST_F(ManagerFaultsTest, AFullBacklogGivesUpSupersededWritesAndSaysSoOnce) {

@@ -49,13 +49,6 @@ void RedisStore::start(StoreListener& listener, ElementDirectory& directory,
   listener_ = &listener;
   directory_ = &directory;
   identity_ = identity;
-  writePrefix_.clear();
-  RespWriter prefix(writePrefix_);
-  prefix.text("FCALL");
-  prefix.text("dp_set");
-  prefix.text("0");
-  prefix.text(identity_.writer);
-  prefix.number(identity_.number);
   now_ = Clock::now();
   retryAt_ = now_;
   enter(LinkState::pausing, "started");

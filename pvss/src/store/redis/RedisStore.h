@@ -104,6 +104,7 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   void onCatalogue(ReplyCursor reply);
   void onBeat(std::uint64_t positionThen, ReplyCursor reply);
   void leaseLost(std::string_view holder);
+  void takeGeneration(std::uint64_t generation);
   void tellLease(bool held, std::string_view holder);
   [[nodiscard]] std::string selfText() const;
   std::string& call(Tag tag, std::uint64_t number, std::string_view function, std::size_t arguments);
@@ -153,6 +154,8 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   bool leaseHeld_ = false;
   std::string leaseHolder_;
   StoreGreeting greeting_;
+  std::uint64_t generation_ = 0;  // in which this writer has the manager number; 0: never had it
+  std::string fence_;             // number and generation
   std::string runId_;  // of the server that the log position belongs to
 
   // Writes on their way, oldest first.

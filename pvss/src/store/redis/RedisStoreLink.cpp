@@ -197,7 +197,7 @@ std::string RedisStore::selfText() const {
 
 void RedisStore::sayHello() {
   enter(LinkState::greeting, "asking for the manager number");
-  RespWriter out(call(Tag::hello, 0, "dp_hello", 8));
+  RespWriter out(call(Tag::hello, 0, "dp_hello", 9));
   out.text(identity_.writer);
   out.number(identity_.number);
   out.number(options_.lease.count());
@@ -206,6 +206,20 @@ void RedisStore::sayHello() {
   out.number(identity_.process);
   out.text(identity_.versionText);
   out.text(selfText());
+  out.number(generation_);
+}
+
+/// Every write names the generation, so that none of an earlier one is taken when the number was another's.
+void RedisStore::takeGeneration(std::uint64_t generation) {
+  generation_ = generation;
+  fence_ = std::to_string(identity_.number) + ":" + std::to_string(generation);
+  writePrefix_.clear();
+  RespWriter prefix(writePrefix_);
+  prefix.text("FCALL");
+  prefix.text("dp_set");
+  prefix.text("0");
+  prefix.text(identity_.writer);
+  prefix.text(fence_);
 }
 
 void RedisStore::tellLease(bool held, std::string_view holder) {
@@ -236,6 +250,7 @@ void RedisStore::onHello(ReplyCursor reply) {
   greeting_.runId = reply.text();
   greeting_.settledAttributes = reply.unsignedInteger();
   greeting_.settledAttributes += reply.unsignedInteger();
+  takeGeneration(reply.unsignedInteger());
   tellLease(true, selfText());
   askCatalogue();
 }
@@ -291,7 +306,7 @@ void RedisStore::beat(const ManagerBeat& beat) {
   // A store that was emptied under a living link shows by a sequence below what was read before the beat.
   RespWriter out(call(Tag::beat, logPosition_, "dp_beat", 3 + 2 * beat.size()));
   out.text(identity_.writer);
-  out.number(identity_.number);
+  out.text(fence_);
   out.number(options_.lease.count());
   for (const auto& [name, value] : beat) {
     out.text(name);
@@ -312,7 +327,7 @@ void RedisStore::onBeat(std::uint64_t positionThen, ReplyCursor reply) {
   }
 }
 
-/// Another manager took the number while this one was silent too long.
+/// Another manager took the number while this one was silent too long, or had it since.
 void RedisStore::leaseLost(std::string_view holder) {
   const std::string kept(holder);
   if (flyingOut_ != flyingIn_) {

@@ -3,7 +3,7 @@
 -- docs/store-format.md describes the keys, the texts and every function. 64-bit numbers and times travel as
 -- texts; where one is compared as a number it is a count of milliseconds or of changes, far below 2^53.
 
-local VERSION = '3'
+local VERSION = '4'
 
 local DAY_MS = 86400000
 local MARK_BYTES = 1048576        -- distance of the marks that trimming cuts at
@@ -29,15 +29,43 @@ local function sequence() return redis.call('GET', 'dp:seq') or '0' end
 
 local function lease_key(number) return 'dp:mgr:' .. number .. ':lease' end
 
-local function lease_take(number, writer, ttl, text)
-  local key = lease_key(number)
-  redis.call('HSET', key, 'writer', writer, 'text', text)
-  redis.call('PEXPIRE', key, ttl)
-end
-
 local function lease_text(number)
   local h = redis.call('HMGET', lease_key(number), 'text', 'writer')
-  return h[1] or h[2] or 'nobody'
+  return h[1] or h[2] or redis.call('HGET', 'dp:mgr:' .. number .. ':owner', 'text') or 'nobody'
+end
+
+-- A lease runs out, its owner stays: who had the number last, and its generation, which rises whenever the number goes
+-- to another writer. `mine` is the generation that the writer says it has, '0' for none.
+local function owner_of(number)
+  local h = redis.call('HMGET', 'dp:mgr:' .. number .. ':owner', 'writer', 'generation')
+  return h[1] or '', h[2] or '0'
+end
+
+-- Whether the number was never another's since the writer got it in this generation. A store that came back without the
+-- newest knows less of it than the writer.
+local function still_owner(number, writer, mine)
+  local owner, generation = owner_of(number)
+  return newer(mine, generation) or mine == generation and owner == writer
+end
+
+local function lease_take(number, writer, ttl, text, generation)
+  local key, owner = lease_key(number), 'dp:mgr:' .. number .. ':owner'
+  redis.call('HSET', key, 'writer', writer, 'text', text, 'generation', generation)
+  redis.call('PEXPIRE', key, ttl)
+  redis.call('HSET', owner, 'writer', writer, 'text', text, 'generation', generation)
+end
+
+-- A fence is a manager number and the generation that the writer has it in, "7:3". Gives the number when the writer has
+-- it, or may take it up again because its lease has merely run out; else nil and what to answer. Whoever calls without a
+-- generation is of an older release, and is sent to look at the version of the library.
+local function keep(fence, writer)
+  local number, mine = string.match(fence, '^(%d+):(%d+)$')
+  if not number then return nil, 'TRYAGAIN the library is newer than its caller: no generation in ' .. fence end
+  local held = redis.call('HMGET', lease_key(number), 'writer', 'generation')
+  if held[1] == writer and held[2] == mine then return number end
+  if held[1] or not still_owner(number, writer, mine) then return nil, 'FENCED ' .. lease_text(number) end
+  lease_take(number, writer, LEASE_MS, redis.call('HGET', 'dp:mgr:' .. number, '@text') or writer, mine)
+  return number
 end
 
 -- Remembers when a writer was last seen; a new one is the occasion to forget those silent for a day.
@@ -137,7 +165,7 @@ end
 
 -- Notes the sequence at which this server began to take writes: as another process than the one before it, or as a
 -- replica that was promoted. What stands in the log up to there had been written before anything that was lost with
--- its predecessor; what comes after it is newer. Gives the run id.
+-- its predecessor; what comes after it is newer. Gives the run id, and what tells this life of the server from others.
 local begun = false
 local function begin()
   local run = string.match(redis.call('INFO', 'server'), 'run_id:(%w+)')
@@ -149,7 +177,7 @@ local function begin()
     redis.call('SET', 'dp:log:began', life .. ' ' .. sequence())
   end
   begun = true
-  return run
+  return run, string.sub(run, 1, 16) .. string.sub(life, -16)
 end
 
 -- Who wrote each attribute of an element last since this server began, a restored one behind RESTORED. Only a restore
@@ -219,11 +247,8 @@ end
 local function dp_set(_, args)
   local writer, fence, number, previous, time, flags = args[1], args[2], args[3], args[4], args[5], args[6]
   if fence ~= '' then
-    local holder = redis.call('HGET', lease_key(fence), 'writer')
-    if holder ~= writer then
-      if holder then return redis.error_reply('FENCED ' .. lease_text(fence)) end
-      lease_take(fence, writer, LEASE_MS, redis.call('HGET', 'dp:mgr:' .. fence, '@text') or writer)
-    end
+    local mine, answer = keep(fence, writer)
+    if not mine then return redis.error_reply(answer) end
   elseif not begun then
     pcall(begin)  -- who may not ask the server is let in all the same
   end
@@ -370,16 +395,42 @@ local function dp_since(_, args)
   return out
 end
 
--- dp_hello writer number ttl kind host process version text
---   -> 1, last client sequence, sequence, run id, attributes applied, refused    or 0, holder's text, milliseconds that its lease still has
-local function dp_hello(_, args)
-  local writer, number, ttl = args[1], args[2], args[3]
-  local run = begin()
-  local holder = redis.call('HGET', lease_key(number), 'writer')
-  if holder and holder ~= writer then
-    return {0, lease_text(number), redis.call('PTTL', lease_key(number))}
+-- For one lease length after a server began anew, as another process or as a promoted replica, only who had the number
+-- last is let in: it may be on its way back. Gives the milliseconds that are left, 0 when there is nothing to wait for.
+local function held_back(number, writer, ttl, life)
+  local key = 'dp:mgr:' .. number .. ':owner'
+  local h = redis.call('HMGET', key, 'writer', 'life', 'asked', 'until')
+  if not h[1] or h[1] == '' or h[1] == writer or h[2] == life then return 0 end
+  local now, length = tonumber(now_ms()), tonumber(ttl)
+  local left = (tonumber(h[4]) or 0) - now
+  if h[3] ~= life or left > length then
+    left = length
+    redis.call('HSET', key, 'asked', life, 'until', string.format('%.0f', now + length))
   end
-  lease_take(number, writer, ttl, args[8])
+  return math.max(left, 0)
+end
+
+-- dp_hello writer number ttl kind host process version text [generation]
+--   -> 1, last client sequence, sequence, run id, attributes applied, refused, generation
+--   or 0, holder's text, milliseconds until it may be free
+-- Who names a generation has had the number and is let in only if nobody else has had it since.
+local function dp_hello(_, args)
+  local writer, number, ttl, mine = args[1], args[2], args[3], args[9] or '0'
+  local run, life = begin()
+  local holder, wait = redis.call('HGET', lease_key(number), 'writer'), held_back(number, writer, ttl, life)
+  local owner, generation = owner_of(number)
+  if mine ~= '0' then
+    if not still_owner(number, writer, mine) then
+      return {0, lease_text(number), math.max(redis.call('PTTL', lease_key(number)), 0)}
+    end
+    generation = mine
+  elseif holder and holder ~= writer or wait > 0 then
+    return {0, lease_text(number), math.max(redis.call('PTTL', lease_key(number)), wait)}
+  elseif owner ~= writer then
+    generation = string.format('%.0f', tonumber(generation) + 1)
+  end
+  lease_take(number, writer, ttl, args[8], generation)
+  redis.call('HSET', 'dp:mgr:' .. number .. ':owner', 'life', life)
   local key = 'dp:mgr:' .. number
   if redis.call('HGET', key, '@writer') ~= writer then redis.call('DEL', key) end
   redis.call('HSET', key, '@writer', writer, '@kind', args[4], '@host', args[5], '@process', args[6], '@version',
@@ -393,20 +444,20 @@ local function dp_hello(_, args)
     redis.call('HSET', 'dp:cli', writer, known)
   end
   local last, _, attributes, refused = book_of(known)
-  return {1, last, sequence(), run, string.format('%.0f', attributes), string.format('%.0f', refused)}
+  return {1, last, sequence(), run, string.format('%.0f', attributes), string.format('%.0f', refused),
+          generation}
 end
 
--- dp_beat writer number ttl (name value)...  -> 1, sequence, store's time   or 0, holder's text
+-- dp_beat writer fence ttl (name value)...  -> 1, sequence, store's time   or 0, holder's text
 local function dp_beat(_, args)
-  local writer, number, ttl = args[1], args[2], args[3]
-  local holder = redis.call('HGET', lease_key(number), 'writer')
-  if holder and holder ~= writer then return {0, lease_text(number)} end
-  local key, now = 'dp:mgr:' .. number, now_ms()
-  if holder then
-    redis.call('PEXPIRE', lease_key(number), ttl)
-  else
-    lease_take(number, writer, ttl, redis.call('HGET', key, '@text') or writer)
+  local writer, ttl = args[1], args[3]
+  local number, answer = keep(args[2], writer)
+  if not number then
+    local holder = string.match(answer, '^FENCED (.*)$')
+    return holder and {0, holder} or redis.error_reply(answer)
   end
+  redis.call('PEXPIRE', lease_key(number), ttl)
+  local key, now = 'dp:mgr:' .. number, now_ms()
   local order = {}
   for i = 4, #args, 2 do
     order[#order + 1] = args[i]
@@ -423,6 +474,8 @@ end
 local function dp_bye(_, args)
   if redis.call('HGET', lease_key(args[2]), 'writer') ~= args[1] then return 0 end
   redis.call('DEL', lease_key(args[2]))
+  -- Nobody is waited for, and nothing that was still on its way is taken.
+  redis.call('HSET', 'dp:mgr:' .. args[2] .. ':owner', 'writer', '', 'text', '')
   return 1
 end
 

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -25,21 +26,22 @@ std::string words(int error) {
 
 }  // namespace
 
-void Dialer::start(const ServerPlace& place) {
+void Dialer::start(const ServerPlace& place, Clock::time_point now) {
   cancel();
   place_ = place;
   lookup_ = std::make_unique<EndpointLookup>(place_);
   state_ = State::resolving;
-  proceed();
+  until_ = now + limit_;
+  proceed(now);
 }
 
-void Dialer::start(const ServerPlace& place, const Endpoint& endpoint) {
+void Dialer::start(const ServerPlace& place, const Endpoint& endpoint, Clock::time_point now) {
   const Endpoint kept = endpoint;
   cancel();
   place_ = place;
   endpoints_ = {kept};
-  state_ = State::connecting;
-  connectNext();
+  end_ = now + limit_;
+  connectNext(now);
 }
 
 void Dialer::cancel() {
@@ -63,31 +65,51 @@ void Dialer::fail(std::string error) {
   state_ = State::failed;
 }
 
-void Dialer::proceed() {
+void Dialer::proceed(Clock::time_point now) {
+  advance(now);
+  const bool waits = state_ == State::resolving || state_ == State::connecting || state_ == State::securing;
+  if (waits && now >= until_) passOn(slowness(), now);
+}
+
+void Dialer::advance(Clock::time_point now) {
   if (state_ == State::resolving && lookup_->done()) {
-    resolved();
+    resolved(now);
   } else if (state_ == State::connecting) {
-    finishConnect();
+    finishConnect(now);
   } else if (state_ == State::securing) {
     const StreamResult result = stream_->open();
     if (result.status == StreamResult::Status::moved) state_ = State::done;
-    if (result.status == StreamResult::Status::failed) fail(stream_->failure());
+    if (result.status == StreamResult::Status::failed) passOn(stream_->failure(), now);
   }
 }
 
-void Dialer::resolved() {
+void Dialer::resolved(Clock::time_point now) {
   endpoints_ = lookup_->endpoints();
   if (endpoints_.empty()) {
     fail(lookup_->error());
     return;
   }
+  std::rotate(endpoints_.begin(),
+              endpoints_.begin() + static_cast<std::ptrdiff_t>(firstTried_ % endpoints_.size()),
+              endpoints_.end());
   lookup_.reset();
-  state_ = State::connecting;
-  connectNext();
+  end_ = now + limit_;
+  connectNext(now);
 }
 
-void Dialer::connectNext() {
+/// This address is no help; on to the next, or to the end.
+void Dialer::passOn(std::string error, Clock::time_point now) {
+  error_ = std::move(error);
+  closeSocket();
+  stream_.reset();
+  connectNext(now);
+}
+
+void Dialer::connectNext(Clock::time_point now) {
   while (next_ < endpoints_.size()) {
+    state_ = State::connecting;
+    const auto left = static_cast<Clock::rep>(endpoints_.size() - next_);
+    until_ = std::max(now, now + (end_ - now) / left);
     endpoint_ = endpoints_[next_++];
     const int family = endpoint_.address.ss_family;
     socket_ = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -101,7 +123,7 @@ void Dialer::connectNext() {
       setOption(socket_, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(peerTimeout_.count()));
     }
     if (::connect(socket_, reinterpret_cast<const sockaddr*>(&endpoint_.address), endpoint_.size) == 0) {
-      connected();
+      connected(now);
       return;
     }
     if (errno == EINPROGRESS) return;
@@ -111,22 +133,20 @@ void Dialer::connectNext() {
   fail(std::exchange(error_, {}));
 }
 
-void Dialer::finishConnect() {
+void Dialer::finishConnect(Clock::time_point now) {
   pollfd ready{socket_, POLLOUT, 0};
   if (::poll(&ready, 1, 0) == 0) return;
   int error = 0;
   socklen_t size = sizeof error;
   ::getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &size);
   if (error == 0) {
-    connected();
+    connected(now);
     return;
   }
-  error_ = words(error);
-  closeSocket();
-  connectNext();
+  passOn(words(error), now);
 }
 
-void Dialer::connected() {
+void Dialer::connected(Clock::time_point now) {
   const int socket = std::exchange(socket_, -1);
   if (!address_.tls) {
     stream_ = makePlainStream(socket);
@@ -140,11 +160,13 @@ void Dialer::connected() {
     return;
   }
   state_ = State::securing;
-  proceed();
+  advance(now);
 }
 
-std::string Dialer::slowness(std::chrono::milliseconds limit) const {
-  const std::string within = " within " + std::to_string(limit.count()) + " ms";
+/// For people: what did not come in time.
+std::string Dialer::slowness() const {
+  const std::string within = " within " + std::to_string(limit_.count()) + " ms";
+  if (state_ == State::resolving) return "the name of the host is not looked up" + within;
   if (state_ != State::securing) return "no answer" + within;
   return "no answer to the TLS handshake" + within +
          ": perhaps the server does not speak TLS on this port; name its TLS port, or use redis:// for plain "

@@ -50,6 +50,11 @@ int lookUp(const std::string& host, int port, int flags, std::vector<Endpoint>& 
 
 }  // namespace
 
+ResolveHost& resolveHost() noexcept {
+  static ResolveHost function = &lookUp;
+  return function;
+}
+
 EndpointLookup::EndpointLookup(const ServerPlace& place) : shared_(std::make_shared<Shared>()) {
   if (!place.path.empty()) {
     sockaddr_un local{};
@@ -62,14 +67,14 @@ EndpointLookup::EndpointLookup(const ServerPlace& place) : shared_(std::make_sha
     shared_->done = true;
     return;
   }
-  if (lookUp(place.host, place.port, AI_NUMERICHOST, shared_->endpoints) == 0) {
+  if (resolveHost()(place.host, place.port, AI_NUMERICHOST, shared_->endpoints) == 0) {
     shared_->done = true;
     return;
   }
   shared_->event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   try {
-    std::thread([shared = shared_, host = place.host, port = place.port] {
-      const int code = lookUp(host, port, AI_ADDRCONFIG, shared->endpoints);
+    std::thread([shared = shared_, resolve = resolveHost(), host = place.host, port = place.port] {
+      const int code = resolve(host, port, AI_ADDRCONFIG, shared->endpoints);
       if (code != 0) shared->error = "cannot look up " + host + ": " + ::gai_strerror(code);
       shared->done.store(true, std::memory_order_release);
       const std::uint64_t one = 1;

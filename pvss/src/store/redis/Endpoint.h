@@ -21,6 +21,11 @@ struct Endpoint {
   socklen_t size = 0;
 };
 
+/// How names become addresses: `flags` as for getaddrinfo, whose code is given back, 0 for success. A test
+/// puts another one in its place, before the first look-up.
+using ResolveHost = int (*)(const std::string& host, int port, int flags, std::vector<Endpoint>& out);
+ResolveHost& resolveHost() noexcept;
+
 class EndpointLookup {
  public:
   explicit EndpointLookup(const ServerPlace& place);

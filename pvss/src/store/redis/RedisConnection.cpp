@@ -1,7 +1,12 @@
 #include "store/redis/RedisConnection.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
 #include <array>
 #include <cassert>
+#include <utility>
 
 #include "log/Log.h"
 #include "store/redis/ServerError.h"
@@ -26,6 +31,14 @@ const char* wordOf(ConnectionState state) {
   return "?";
 }
 
+constexpr std::size_t mostBuffered = std::size_t{1024} * 1024;  // what may lie in buffers on the way
+
+/// Bytes that the system has taken and the other side has not.
+std::uint64_t onTheWay(int socket) {
+  int bytes = 0;
+  return ::ioctl(socket, SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<std::uint64_t>(bytes) : 0;
+}
+
 }  // namespace
 
 RedisConnection::RedisConnection(ConnectionOwner& owner, const StoreAddress& address, const char* name,
@@ -35,7 +48,7 @@ RedisConnection::RedisConnection(ConnectionOwner& owner, const StoreAddress& add
       name_(name),
       limits_(limits),
       finder_(address.bySentinel() ? std::make_unique<SentinelFinder>(address_, limits.sentinel) : nullptr),
-      dialer_(address_, limits.reply),
+      dialer_(address_, limits.connect, limits.reply),
       tags_(64) {}
 
 RedisConnection::~RedisConnection() {
@@ -57,7 +70,7 @@ void RedisConnection::open(Clock::time_point now) {
     find(now);
   } else {
     enter(ConnectionState::dialing, "opened");
-    dialer_.start(address_.places.front());
+    dialer_.start(address_.places.front(), now);
     dial(now);
   }
 }
@@ -66,7 +79,7 @@ void RedisConnection::open(Clock::time_point now, const RedisConnection& other) 
   close();
   since_ = now;
   enter(ConnectionState::dialing, "opened");
-  dialer_.start(other.dialer_.place(), other.dialer_.endpoint());
+  dialer_.start(other.dialer_.place(), other.dialer_.endpoint(), now);
   dial(now);
 }
 
@@ -79,11 +92,13 @@ void RedisConnection::close() {
   tagsIn_ = tagsOut_ = 0;
   signOnReplies_ = 0;
   waiting_ = false;
+  sent_ = arrived_ = 0;
   enter(ConnectionState::closed, "closed");
 }
 
 void RedisConnection::lose(std::string_view reason) {
   std::string kept(reason);
+  if (state_ == ConnectionState::signingOn) dialer_.doubt();
   if (finder_ && state_ != ConnectionState::finding) {
     // The sentinels said so, and it led nowhere: the next answer is another one's.
     if (state_ != ConnectionState::ready) finder_->doubt();
@@ -100,13 +115,13 @@ void RedisConnection::find(Clock::time_point now) {
   } else if (finder_->state() == SentinelFinder::State::done) {
     since_ = now;
     enter(ConnectionState::dialing, "a sentinel has answered");
-    dialer_.start(finder_->master());
+    dialer_.start(finder_->master(), now);
     dial(now);
   }
 }
 
 void RedisConnection::dial(Clock::time_point now) {
-  dialer_.proceed();
+  dialer_.proceed(now);
   if (dialer_.state() == Dialer::State::failed) {
     lose(dialer_.error());
   } else if (dialer_.state() == Dialer::State::done) {
@@ -165,12 +180,34 @@ void RedisConnection::signOnReply(ReplyCursor reply) {
 
 void RedisConnection::pushTag(std::uint64_t tag) {
   if (outstanding() == tags_.size()) {
-    std::vector<std::uint64_t> bigger(tags_.size() * 2);
+    std::vector<Due> bigger(tags_.size() * 2);
     for (std::size_t i = tagsOut_; i != tagsIn_; ++i)
       bigger[i & (bigger.size() - 1)] = tags_[i & (tags_.size() - 1)];
     tags_ = std::move(bigger);
   }
-  tags_[tagsIn_++ & (tags_.size() - 1)] = tag;
+  tags_[tagsIn_++ & (tags_.size() - 1)] = {tag, appended()};
+}
+
+/// Where the command ends whose reply is due next.
+std::uint64_t RedisConnection::oldestEnd() const {
+  return outstanding() > 1 ? tags_[(tagsOut_ + 1) & (tags_.size() - 1)].begin : appended();
+}
+
+/// How long the server may be silent now. A command that is large is not there yet when this side has sent
+/// it.
+std::chrono::milliseconds RedisConnection::patience() const {
+  const std::uint64_t size =
+      std::min<std::uint64_t>(oldestEnd() - tags_[tagsOut_ & (tags_.size() - 1)].begin, mostBuffered);
+  return limits_.reply +
+         std::chrono::milliseconds(size > limits_.slowest ? size * 1000 / limits_.slowest : 0);
+}
+
+/// Whether more of the command whose reply is due next has arrived since the last tick. What lies behind it
+/// is no sign of life: a system takes bytes for a process that hangs.
+bool RedisConnection::arrivesSlowly() {
+  const std::uint64_t before =
+      std::exchange(arrived_, sent_ - std::min(onTheWay(stream_->descriptor()), sent_));
+  return arrived_ > before && before < oldestEnd();
 }
 
 std::string& RedisConnection::command(std::uint64_t tag) {
@@ -191,6 +228,7 @@ void RedisConnection::flush() {
       return;
     }
     output_.sent(result.bytes);
+    sent_ += result.bytes;
   }
 }
 
@@ -282,7 +320,7 @@ bool RedisConnection::takeReplies() {
       ReplyCursor reply = reader_->current();
       lose(describeServerError(reply.text()));
     } else {
-      const std::uint64_t tag = tags_[tagsOut_++ & (tags_.size() - 1)];
+      const std::uint64_t tag = tags_[tagsOut_++ & (tags_.size() - 1)].tag;
       owner_.reply(*this, tag, reader_->current());
     }
     if (generation != generation_) return false;
@@ -297,9 +335,7 @@ void RedisConnection::tick(Clock::time_point now) {
       find(now);  // keeps its own limit
       return;
     case ConnectionState::dialing:
-      dial(now);
-      if (state_ == ConnectionState::dialing && now - since_ >= limits_.connect)
-        lose(dialer_.slowness(limits_.connect));
+      dial(now);  // so does this one
       return;
     case ConnectionState::signingOn:
       if (now - since_ >= limits_.connect)
@@ -309,12 +345,14 @@ void RedisConnection::tick(Clock::time_point now) {
       if (outstanding() == 0 || !waiting_) {
         waiting_ = outstanding() != 0;
         since_ = now;
-      } else if (now - since_ >= limits_.reply) {
+      } else if (arrivesSlowly()) {
+        since_ = now;
+      } else if (now - since_ >= patience()) {
         // Perhaps it was this process that slept: look what has arrived before blaming the server.
         const std::uint64_t generation = generation_;
         readAll(now);
         if (generation == generation_ && since_ != now) {
-          lose("no answer within " + std::to_string(limits_.reply.count()) + " ms");
+          lose("no answer within " + std::to_string(patience().count()) + " ms");
         }
       }
       return;

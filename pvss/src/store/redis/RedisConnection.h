@@ -48,8 +48,10 @@ class RedisConnection {
  public:
   struct Limits {
     std::chrono::milliseconds connect{3000};   ///< until a server is reached, and again until it is ready
-    std::chrono::milliseconds reply{5000};     ///< without any byte while a reply is due
+    std::chrono::milliseconds reply{5000};     ///< without a sign of life while a reply is due
     std::chrono::milliseconds sentinel{1000};  ///< for each sentinel to answer
+    /// What of a command may still lie in buffers on the way counts at so many bytes a second.
+    std::size_t slowest = 65536;
   };
 
   RedisConnection(ConnectionOwner& owner, const StoreAddress& address, const char* name, Limits limits);
@@ -97,6 +99,10 @@ class RedisConnection {
   bool takeReplies();
   void lose(std::string_view reason);
   void pushTag(std::uint64_t tag);
+  [[nodiscard]] std::uint64_t appended() const { return sent_ + output_.unsent().size(); }
+  [[nodiscard]] std::uint64_t oldestEnd() const;
+  [[nodiscard]] std::chrono::milliseconds patience() const;
+  bool arrivesSlowly();
 
   ConnectionOwner& owner_;
   const StoreAddress& address_;
@@ -106,6 +112,8 @@ class RedisConnection {
   std::uint64_t generation_ = 0;  // tells whether a callback closed or reopened the connection
   Clock::time_point since_{};     // start of the attempt, then of the last sign of life
   bool waiting_ = false;          // replies were due at the last tick
+  std::uint64_t sent_ = 0;        // bytes given to the system
+  std::uint64_t arrived_ = 0;     // of these, at the last tick, what the other side has taken
 
   std::unique_ptr<SentinelFinder> finder_;  // null for an address of one server
   Dialer dialer_;
@@ -114,8 +122,12 @@ class RedisConnection {
   SendBuffer output_;
   unsigned signOnReplies_ = 0;
 
-  // Tags of the commands that have no reply yet: a ring whose size is a power of two.
-  std::vector<std::uint64_t> tags_;
+  // The commands that have no reply yet: a ring whose size is a power of two.
+  struct Due {
+    std::uint64_t tag;
+    std::uint64_t begin;  // in bytes sent since the connection was made
+  };
+  std::vector<Due> tags_;
   std::size_t tagsIn_ = 0;
   std::size_t tagsOut_ = 0;
 };

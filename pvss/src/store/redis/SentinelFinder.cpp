@@ -36,7 +36,7 @@ void SentinelFinder::askNext(Clock::time_point now) {
   close();
   since_ = now;
   state_ = State::dialing;
-  dialer_.start(sentinel());
+  dialer_.start(sentinel(), now);
   proceed(now);
 }
 
@@ -56,24 +56,22 @@ void SentinelFinder::pass(const std::string& why, Clock::time_point now) {
 void SentinelFinder::proceed(Clock::time_point now) {
   if (state_ != State::dialing && state_ != State::asking) return;
   if (state_ == State::dialing) {
-    dialer_.proceed();
+    dialer_.proceed(now);
     if (dialer_.state() == Dialer::State::failed) {
       const std::string why = dialer_.error();
       pass(why, now);
       return;
     }
     if (dialer_.state() == Dialer::State::done) {
+      since_ = now;
       dialed(now);
-      return;
     }
-  } else {
-    exchange(now);
+    return;
   }
-  const bool waits = state_ == State::dialing || state_ == State::asking;
-  if (waits && now - since_ >= limit_) {
-    pass(state_ == State::dialing ? dialer_.slowness(limit_)
-                                  : "no answer within " + std::to_string(limit_.count()) + " ms",
-         now);
+  exchange(now);
+  if (state_ == State::asking && now - since_ >= limit_) {
+    dialer_.doubt();
+    pass("no answer within " + std::to_string(limit_.count()) + " ms", now);
   }
 }
 

@@ -20,9 +20,9 @@ class SentinelFinder {
   using Clock = std::chrono::steady_clock;
   enum class State : std::uint8_t { idle, dialing, asking, done, failed };
 
-  /// Each sentinel has `limit` to answer in.
+  /// Each sentinel has `limit` to be reached in, and again to answer.
   SentinelFinder(const StoreAddress& address, std::chrono::milliseconds limit)
-      : address_(address), limit_(limit), dialer_(address, limit) {}
+      : address_(address), limit_(limit), dialer_(address, limit, limit) {}
 
   /// Begins a round: every sentinel is asked at most once.
   void start(Clock::time_point now);

@@ -102,6 +102,8 @@ TEST(StoreAddress, SentinelsComeInOrderWithTheNameOfTheMaster) {
   EXPECT_EQ(a.sentinelPassFile, "/p");
   EXPECT_EQ(a.text, "redis+sentinel://a,10.0.0.2:7000,[::1]:7001/plant%2D1");
   EXPECT_TRUE(parsed("rediss+sentinel://a/m?ca=/c").tls);
+  EXPECT_THAT(refusal("rediss+sentinel://a/m"), HasSubstr("needs ca=FILE"));
+  EXPECT_THAT(refusal("rediss+sentinel://a/m?user=u"), HasSubstr("needs ca=FILE"));
   EXPECT_THAT(refusal("redis+sentinel://a"), HasSubstr("name of the master"));
   EXPECT_THAT(refusal("redis+sentinel://a,,b/m"), HasSubstr("host is missing"));
   EXPECT_THAT(refusal("redis+sentinel:///m"), HasSubstr("host is missing"));

@@ -55,9 +55,32 @@ class Admin : public testing::Test {
     admin.putElements({element("B.f", DPELEMENT_FLOAT), element("A.f", DPELEMENT_FLOAT),
                        element("A.i", DPELEMENT_INT), element("A.list", DPELEMENT_DYNTEXT)});
   }
+  [[nodiscard]] std::string writer() const {
+    const std::string all = server.cli({"HKEYS", "dp:cli"});
+    const std::size_t begin = all.find("kelgw.");
+    return begin == std::string::npos ? "" : all.substr(begin, all.find('\n', begin) - begin);
+  }
   RedisServer server;
   StoreAdmin admin;
 };
+
+TEST_F(Admin, WriterHas128RandomBits) {
+  admin.write({valueOf("A.f", 1)});
+  EXPECT_THAT(writer(), testing::MatchesRegex("kelgw\\.[0-9a-f]{32}"));
+  const std::string first = writer();
+  server.cli({"DEL", "dp:cli"});
+  StoreAdmin(server.address()).write({valueOf("A.f", 2)});
+  EXPECT_NE(writer(), first);
+}
+
+TEST_F(Admin, WriteThatTheStoreTakesForAnotherOnesIsAnErrorAndNoSuccess) {
+  admin.write({valueOf("A.f", 1)});
+  server.cli({"HSET", "dp:cli", writer(), "9 9 9 0 9 1"});  // as another tool's of the same name
+  std::string text;
+  EXPECT_EQ(failureOf([&] { admin.write({valueOf("A.f", 2)}); }, &text), StoreError::Kind::refused);
+  EXPECT_THAT(text, HasSubstr("nothing was written"));
+  EXPECT_EQ(server.cli({"HGET", "dp:d:A.f", "v"}), "1");
+}
 
 TEST(StoreAdminAddress, ServerThatIsNotThereIsUnreachable) {
   std::string text;

@@ -73,6 +73,13 @@ bool parseOptions(std::string_view options, StoreAddress& out, std::string& erro
     error = takeOption(option.substr(0, equals), value, out);
     if (!error.empty()) return false;
   }
+  if (out.tls && out.bySentinel() && out.tlsFiles.ca.empty()) {
+    error =
+        "rediss+sentinel:// needs ca=FILE: the server is the one that a sentinel names, and any host can "
+        "have a "
+        "certificate of the system's authorities for its own name";
+    return false;
+  }
   if (out.tlsFiles.cert.empty() != out.tlsFiles.key.empty()) {
     error = "cert= and key= go together";
     return false;

@@ -46,10 +46,16 @@ redis::StoreAddress addressOf(std::string address) {
 }
 
 std::string randomWriter() {
+  // The store remembers every writer for a day and takes the writes of one it knows for repeated ones: 128
+  // bits.
+  constexpr std::string_view digits = "0123456789abcdef";
   std::random_device random;
-  std::array<char, 16> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), random(), 16).ptr;
-  return "kelgw." + std::string(digits.data(), end);
+  std::string out = "kelgw.";
+  for (int word = 0; word < 4; ++word) {
+    const std::uint32_t bits = random();
+    for (unsigned shift = 0; shift < 32; shift += 4) out += digits[(bits >> shift) & 15U];
+  }
+  return out;
 }
 
 ElementAttributes attributesOf(const StoreWrite& write) {
@@ -280,10 +286,14 @@ std::uint64_t StoreAdmin::write(const std::vector<StoreWrite>& writes, std::int6
       sequence = reply.unsignedInteger();
       missing = reply.text();
     } else {
-      sequence = reply.unsignedInteger();  // 0: applied already, before a connection was lost
+      sequence = reply.unsignedInteger();  // 0: the store knows a write of this writer and number
     }
   });
   if (!missing.empty()) impl_->refuse(missing);
+  if (sequence == 0 && !impl_->link.repeated()) {
+    impl_->refuse("nothing was written: the store took the write for a repeated one of " + impl_->writer +
+                  "; call again");
+  }
   return sequence != 0 ? sequence : impl_->sequence();
 }
 

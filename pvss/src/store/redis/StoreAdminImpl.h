@@ -16,7 +16,7 @@ class StoreAdmin::Impl {
   Impl(redis::StoreAddress address, std::chrono::milliseconds limit);
 
   redis::StoreAdminLink link;
-  std::string writer;  // "kelgw." and a random number
+  std::string writer;  // "kelgw." and 128 random bits
   std::uint64_t clientSequence = 0;
 
   /// Refused, with what to do, unless the store has exactly this program's functions.

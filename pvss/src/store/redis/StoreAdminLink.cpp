@@ -117,6 +117,7 @@ bool StoreAdminLink::await(const Take& take) {
 void StoreAdminLink::exchange(const std::string& bytes, std::size_t commands, const Take& take) {
   connect();
   for (int attempt = 0;; ++attempt) {
+    repeated_ = attempt > 0;
     answered_ = false;
     error_.clear();
     thrown_ = nullptr;

@@ -61,6 +61,8 @@ class StoreAdminLink final : private ConnectionOwner {
 
   /// How often a connection was made; tells whether another server may be answering.
   [[nodiscard]] std::uint64_t connects() const { return connects_; }
+  /// Whether the last ask() was sent a second time, so that the server may have had it already.
+  [[nodiscard]] bool repeated() const { return repeated_; }
 
   /// Sends the commands and gives `take` the reply to the last one. An error reply to any of them is thrown.
   /// A connection that is lost under way is made again and the commands are sent once more: whatever a tool
@@ -86,6 +88,7 @@ class StoreAdminLink final : private ConnectionOwner {
   RedisConnection connection_;
   std::string lost_;
   std::uint64_t connects_ = 0;
+  bool repeated_ = false;
   const Take* take_ = nullptr;
   bool answered_ = false;
   std::string error_;

@@ -449,7 +449,8 @@ TEST_F(Number, StoreThatLostTheNewestHolderGivesWayToIt) {
 TEST_F(Number, EmptiedStoreGivesTheNumberToWhomIsThere) {
   generation("7.a");
   server.cli({"FLUSHALL"});
-  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7:1", "60000"})).front(), "1") << "it finds out by the sequence";
+  EXPECT_EQ(lines(call({"dp_beat", "0", "7.a", "7:1", "60000"})).front(), "1")
+      << "it finds out by the sequence";
   EXPECT_EQ(generation("7.a", "1"), "1");
 }
 
@@ -509,7 +510,8 @@ TEST_F(Restored, WhatComesBeforeTheFirstManagerIsNewerToo) {
   server.start();
   set("other", "100", "", "A.f", "i0v2");
   hello();
-  call({"dp_set", "0", "7.w", "7:1", std::to_string(++number), "0", "200", "r", "A.f", "i0v3", "A.i", "i0v3"});
+  call(
+      {"dp_set", "0", "7.w", "7:1", std::to_string(++number), "0", "200", "r", "A.f", "i0v3", "A.i", "i0v3"});
   EXPECT_EQ(value("A.f"), "2");
   EXPECT_EQ(value("A.i"), "3");
 }

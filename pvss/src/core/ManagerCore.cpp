@@ -308,9 +308,9 @@ void ManagerCore::confirmed(std::uint64_t clientSequence, WriteOutcome outcome, 
   }
 }
 
-// Whoever has the number has everything that hangs on it: the publisher's name at the broker, the right to say
-// what is newest. So a manager that has used the number and lost it does not stay; its successor stands in for
-// it already, and it may come back as the one that waits.
+// Whoever has the number has everything that hangs on it: the publisher's name at the broker, the right to
+// say what is newest. So a manager that has used the number and lost it does not stay; its successor stands
+// in for it already, and it may come back as the one that waits.
 void ManagerCore::endIfRunning(std::string_view holder) {
   if (Manager::managerState != Manager::STATE_RUNNING) {
     return;

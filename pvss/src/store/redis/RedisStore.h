@@ -156,7 +156,7 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   StoreGreeting greeting_;
   std::uint64_t generation_ = 0;  // in which this writer has the manager number; 0: never had it
   std::string fence_;             // number and generation
-  std::string runId_;  // of the server that the log position belongs to
+  std::string runId_;             // of the server that the log position belongs to
 
   // Writes on their way, oldest first.
   struct Flying {

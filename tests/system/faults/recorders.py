@@ -28,8 +28,8 @@ def log_entry(at, identity, fields):
     if fields[0] not in (b"s", b"S"):
         return None
     time_ms, writer = fields[1].decode().split(" ", 1)
-    if fields[0] == b"S":
-        elements = {name.decode(): (letters.decode(), None)
+    if fields[0] == b"S":  # a large one has the letters only
+        elements = {name.decode(): dict.fromkeys(letters.decode())
                     for letters, name in (line.split(b" ", 1) for line in fields[3].split(b"\n"))}
     else:
         elements = {name.decode(): attributes_of(text) for name, text in zip(fields[2::2], fields[3::2])}
@@ -57,7 +57,7 @@ class LogWatcher(threading.Thread):
         super().__init__(daemon=True)
         self.path = path
         self.raw = []  # (arrival, id, fields), parsed on demand
-        self.forgotten = 0
+        self.forgotten = []  # writes that a store has confirmed and the one in its place does not know
         self.ended = threading.Event()
         self._parsed = []
         self._taken = 0
@@ -91,8 +91,9 @@ class LogWatcher(threading.Thread):
         """Takes out what the store does not have, or has otherwise: what was lost may have been followed by something else
         under the same numbers before anybody looks. The id of the last entry that both have."""
         while self.raw and not self._has(link, self.raw[-1]):
-            self.raw.pop()
-            self.forgotten += 1
+            gone = log_entry(*self.raw.pop())
+            if gone:
+                self.forgotten.append(gone)
             self._parsed, self._taken = [], 0
         return self.raw[-1][1] if self.raw else b"0-0"
 
@@ -130,9 +131,9 @@ class BrokerRecorder(threading.Thread):
 
     PREFIX = f"kel/{harness.GROUP}/data/"
 
-    def __init__(self, port, pattern=PREFIX + "out/#"):
+    def __init__(self, port, *patterns):
         super().__init__(daemon=True)
-        self.port, self.pattern = port, pattern
+        self.port, self.patterns = port, patterns or (self.PREFIX + "out/#",)
         self.raw = []  # (arrival, retained, topic, payload)
         self.subscribed = threading.Event()
         self.ended = threading.Event()
@@ -144,7 +145,14 @@ class BrokerRecorder(threading.Thread):
             try:
                 self._follow()
             except (OSError, ValueError):
+                self.on_link(False)
                 self.ended.wait(0.03)
+
+    def on_link(self, up):
+        """Called when the broker has taken the subscription, and when the link is lost."""
+
+    def keep(self, at, retained, topic, payload):
+        self.raw.append((at, retained, topic, payload))
 
     def _follow(self):
         with socket.create_connection(("127.0.0.1", self.port), 2) as link:
@@ -152,8 +160,8 @@ class BrokerRecorder(threading.Thread):
             name = f"recorder-{time.monotonic_ns()}".encode()
             body = b"\0\4MQTT\4\2\0\0" + struct.pack(">H", len(name)) + name
             link.sendall(bytes([0x10, len(body)]) + body)
-            topic = self.pattern.encode()
-            body = b"\0\1" + struct.pack(">H", len(topic)) + topic + b"\1"
+            body = b"\0\1" + b"".join(struct.pack(">H", len(topic)) + topic + b"\1"
+                                      for topic in (pattern.encode() for pattern in self.patterns))
             link.sendall(bytes([0x82, len(body)]) + body)
             link.settimeout(0.3)
             data = b""
@@ -167,6 +175,15 @@ class BrokerRecorder(threading.Thread):
                 data = self._take(link, data + more, time.monotonic())
 
     def _take(self, link, data, at):
+        acknowledged = bytearray()
+        try:
+            return self._packets(data, at, acknowledged)
+        finally:
+            if acknowledged:
+                link.sendall(acknowledged)
+
+    def _packets(self, data, at, acknowledged):
+        """What is left of `data` behind the whole packets."""
         position = 0
         while True:
             length, shift, index = 0, 0, position + 1
@@ -183,17 +200,18 @@ class BrokerRecorder(threading.Thread):
             kind, body = data[position], data[index:index + length]
             position = index + length
             if kind >> 4 == 3:
-                self._publish(link, kind, body, at)
+                self._publish(kind, body, at, acknowledged)
             elif kind >> 4 == 9:
+                self.on_link(True)
                 self.subscribed.set()
 
-    def _publish(self, link, kind, body, at):
+    def _publish(self, kind, body, at, acknowledged):
         (size,) = struct.unpack_from(">H", body)
         topic, rest = body[2:2 + size].decode(), body[2 + size:]
         if kind & 0x06:
-            link.sendall(b"\x40\x02" + rest[:2])
+            acknowledged += b"\x40\x02" + rest[:2]
             rest = rest[2:]
-        self.raw.append((at, bool(kind & 1), topic, rest))
+        self.keep(at, bool(kind & 1), topic, rest)
 
     def messages(self):
         """Every record so far, in order; an empty one (closed) has no fields and quality None."""
@@ -252,10 +270,10 @@ class TimedProcess(harness.Process):
         self.child.stdin.write(line.encode() + b"\n")
         self.child.stdin.flush()
 
-    def lines(self):
-        """(arrival, line) of standard output so far."""
-        lines = list(self.out)
-        return list(zip(self.moments[id(self.out)], lines))
+    def lines(self, errors=False):
+        """(arrival, line) of standard output so far, or of standard error."""
+        said = self.err if errors else self.out
+        return list(zip(list(self.moments[id(said)]), list(said)))
 
 
 class KelReader:

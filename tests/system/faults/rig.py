@@ -17,8 +17,11 @@ import language
 import recorders
 import resp
 import servers
+import standing
+import traffic
 import troubles
 import verdicts
+import witnesses
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PYTHON = "/usr/bin/python3"
@@ -47,13 +50,22 @@ class Rig:
         self.now = {}        # name -> the running process
         self.past = []       # (name, process) of all that ever ran
         self.links = {}      # link -> its proxy
-        self.watcher = self.recorder = self.reader = None
+        self.watcher = self.recorder = self.reader = self.arrivals = None
+        self.evidence.patience = harness.PATIENCE
+        self.accounts = witnesses.AccountWatcher(self._publisher_accounts)
+        self.wrong = set()   # what is paused, ill or full now
+        self.hushed = set()  # processes of which what falls silent in a fault has been told so
         self.sampler = recorders.Sampler()
         self.sampler.start()
         self.applied = False
         self.figures = {"recovery": [], "invalid": []}
         self.story = []
         self.began = time.monotonic()
+
+    @property
+    def buffered(self):
+        """Seconds that a buffered publication may wait."""
+        return self.scenario.buffer_ms / 1000
 
     # -------------------------------------------------------------------------------------------- addresses
 
@@ -134,8 +146,10 @@ class Rig:
         if self.recorder is None:
             self.recorder = recorders.BrokerRecorder(self.broker.port)
             self.recorder.start()
+            self.arrivals = witnesses.Arrivals(self.broker.port)
+            self.arrivals.start()
         if self.reader is None and self.evidence.out_publications:
-            names = [f"out/{index}" for index in range(self.evidence.out_publications)]
+            names = [f"out/{index}" for index in range(len(self.evidence.out_kinds()))]
             process = recorders.TimedProcess([os.path.join(harness.BIN, "kelgw"), "kel", "sub", *names, "--json"],
                                              env=self.environment(), cwd=self.folder)
             self.past.append(("reader", process))
@@ -175,15 +189,16 @@ class Rig:
                                self._account("writer", life), life, self.evidence.out_publications, self.write_rate], stdin=True)
 
     def _apply(self):
-        elements = {f"L{index}.{tag}": "int" for index in range(self.evidence.publications) for tag in evidence.TAGS}
-        elements.update({f"O{index}.{tag}": "int" for index in range(self.evidence.out_publications)
-                         for tag in evidence.OUT_TAGS})
+        elements, subscribe, publish = {}, {}, {}
+        for index, kind in enumerate(self.evidence.kinds()):
+            elements.update({f"L{index}.{tag}": of for tag, of in traffic.fields(kind).items()})
+            subscribe[f"load/{index}"] = {tag: f"L{index}.{tag}" for tag in traffic.fields(kind)}
+        for index, kind in enumerate(self.evidence.out_kinds()):
+            elements.update({f"O{index}.{tag}": of for tag, of in traffic.out_fields(kind).items()})
+            publish[f"out/{index}"] = {"bufferTime": self.scenario.buffer_ms if evidence.is_buffered(index) else 0,
+                                       "fields": {tag: f"O{index}.{tag}" for tag in traffic.out_fields(kind)}}
         plant = {"elements": elements, "lists": {"clients": harness.LIST, "publications": harness.PUBLICATIONS},
-                 "subscribe": {f"load/{index}": {tag: f"L{index}.{tag}" for tag in evidence.TAGS}
-                               for index in range(self.evidence.publications)},
-                 "publish": {f"out/{index}": {"bufferTime": self.scenario.buffer_ms if evidence.is_buffered(index) else 0,
-                                              "fields": {tag: f"O{index}.{tag}" for tag in evidence.OUT_TAGS}}
-                             for index in range(self.evidence.out_publications)}}
+                 "subscribe": subscribe, "publish": publish}
         self.apply(self.troubles.extend(plant))
         self.applied = True
 
@@ -242,6 +257,12 @@ class Rig:
         self.came_back(born, "the replica became the master", published, confirmed)
 
     def lost(self, what):
+        """Something is about to be done to somebody: what falls silent in a fault is told so."""
+        for name in ("publisher", "publisher2", "writer"):
+            process = self.now.get(name)
+            if process is not None and process.running() and process.pid not in self.hushed:
+                self.hushed.add(process.pid)
+                process.order("hush")
         self.evidence.losses.append((time.monotonic(), int(time.time() * 1000), what))
 
     def came_back(self, at, what, published=None, confirmed=None):
@@ -260,6 +281,10 @@ class Rig:
         except FileNotFoundError:
             return []
         return [count for (count,) in struct.iter_unpack("<Q", data)]
+
+    def _publisher_accounts(self):
+        return [(life.number, self._account(name, life.number)) for name in ("publisher", "publisher2")
+                for life in list(self.evidence.lives.get(name, []))]
 
     def _published(self):
         """publication -> number of its newest record that a publisher has handed over. The second of one name has the word
@@ -281,8 +306,8 @@ class Rig:
         return newest
 
     def _elements(self):
-        names = [f"L{index}.{tag}" for index in range(self.evidence.publications) for tag in evidence.TAGS]
-        names += [f"O{index}.{tag}" for index in range(self.evidence.out_publications) for tag in evidence.OUT_TAGS]
+        names = [f"L{index}.{tag}" for index, kind in enumerate(self.evidence.kinds()) for tag in traffic.fields(kind)]
+        names += [f"O{index}.{tag}" for index, kind in enumerate(self.evidence.out_kinds()) for tag in traffic.out_fields(kind)]
         try:
             link = resp.Link(self.store.path)
         except OSError:
@@ -308,6 +333,13 @@ class Rig:
         seen.messages = self.recorder.messages() if self.recorder else []
         seen.events = self.reader.events() if self.reader else []
         seen.confirmed = self._confirmed()
+        seen.forgotten_writes = list(self.watcher.forgotten) if self.watcher else []
+        if self.arrivals:
+            seen.reached = {index: dict(numbers) for index, numbers in self.arrivals.reached.copy().items()}
+            seen.witness_away = self.arrivals.away()
+            seen.sessions = self._sessions()
+        self.accounts.look()
+        seen.handed = self.accounts.handed
         seen.published = {}
         for name in ("publisher", "publisher2"):
             for life in seen.lives.get(name, []):
@@ -320,11 +352,20 @@ class Rig:
             seen.elements = self._elements()
         return seen
 
+    def _sessions(self):
+        """Links of gateways to every broker that there was."""
+        found = []
+        brokers = [process for name, process in self.past if name == "broker"]
+        for life, process in zip(self.evidence.lives.get("broker", []), brokers):
+            found += witnesses.sessions_of(process.lines(errors=True), life.died, PUBLISHER_NAMES["gateway"] + "-")
+        return found
+
     # -------------------------------------------------------------------------------------------- statements
 
     def do(self, step):
         """One statement that is not an expectation."""
         form, values = step.form, step.values
+        standing.note(self.wrong, form, values)
         if form == "start <process>":
             self.start(*values)
         elif step.verb == "kill":
@@ -377,6 +418,11 @@ class Rig:
         else:
             self.lost(f"{step.verb} {link}")
         self._order(link, order)
+
+    def quiet(self):
+        """Nobody sends or writes anything more."""
+        if any(name in self.now for name in ("publisher", "publisher2", "writer")):
+            self._load("stop")
 
     def _load(self, order):
         for name in ("publisher", "publisher2", "writer"):
@@ -446,7 +492,7 @@ class Rig:
                   "expect owner": evidence.owner_changes}
         key = " ".join(words[:2])
         if key == "expect nothing":
-            return evidence.nothing_dead(seen, values[0] * harness.PATIENCE)
+            return evidence.nothing_dead(seen, values[0] * harness.PATIENCE, self.buffered)
         if key == "expect memory":
             return evidence.memory_below(seen, values[0], values[1] * harness.PATIENCE)
         if key in simple:
@@ -508,6 +554,9 @@ class Rig:
                 return self._failed(step, str(violated))
             except (AssertionError, RuntimeError, OSError, subprocess.SubprocessError) as trouble:
                 return self._failed(step, f"{type(trouble).__name__}: {trouble}")
+        violated = standing.judge(self)
+        if violated:
+            return self._failed(self.scenario.steps[-1], violated)
         for name, process in self.past:
             found = [line for line in process.err if any(mark in line for mark in ("Sanitizer", "runtime error:", "Assertion"))]
             if found:
@@ -521,7 +570,8 @@ class Rig:
     def close(self, keep):
         """Ends everything; the folder stays when `keep`, with all that was said."""
         self.sampler.stop()
-        for witness in (self.watcher, self.recorder):
+        self.accounts.stop()
+        for witness in (self.watcher, self.recorder, self.arrivals):
             if witness:
                 witness.stop()
         for _, process in reversed(self.past):

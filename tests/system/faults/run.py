@@ -16,9 +16,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.dirname(HERE)]
 
 COLUMNS = ("SCENARIO", "RUNS", "PASSED", "RECOVERY s", "WORST", "INVALID s", "PUBLISHED", "WRITTEN", "AGAIN", "COALESCED", "GAPS",
-           "IN FLIGHT", "AWAY", "FORGOTTEN", "LOST", "STALE", "MEMORY MB")
+           "IN FLIGHT", "AWAY", "FORGOTTEN", "LOST", "NEVER WRITTEN %", "STALE IN", "STALE OUT", "MEMORY MB")
 
-# What became of the records: the name in the document, and in evidence.Account; in the table in the same order.
+# What became of the records: the name in the document, and in books.Account; in the table in the same order.
 COUNTS = {"published": "published", "written": "written", "again": "again", "coalesced": "coalesced", "gaps": "gaps",
           "inFlight": "in_flight", "away": "away", "forgotten": "forgotten", "lost": "lost"}
 
@@ -42,8 +42,12 @@ def arguments():
 
 def one_run(scenario, keep):
     """The figures of one run."""
+    import books as accounts
     import evidence
+    import harness
     import rig
+    import stale
+    import standing
     one = rig.Rig(scenario, keep)
     began = time.monotonic()
     failed = None
@@ -55,12 +59,14 @@ def one_run(scenario, keep):
                 one.ledger(seen)
             except evidence.Violated as violated:
                 one.story.append(f"no ledger: {violated}")
-        books = evidence.account(seen)
+        books = accounts.account(seen)
+        allowance = standing.allowance_of(scenario) * harness.PATIENCE
+        shown = {"staleIn": stale.elements(seen, allowance), "staleOut": stale.publications(seen, allowance, one.buffered)}
         figures = {"passed": failed is None, "seconds": round(time.monotonic() - began, 2),
                    "recovery": [round(value, 3) for value in one.figures["recovery"]],
                    "invalid": [round(value, 3) for value in one.figures["invalid"]],
-                   **{name: getattr(books, attribute) for name, attribute in COUNTS.items()},
-                   "stale": len(evidence.dead_shown_as_good(seen, allowance_of(scenario))),
+                   **{name: getattr(books, attribute) if books else None for name, attribute in COUNTS.items()},
+                   **{name: None if found is None else len(found) for name, found in shown.items()},
                    "memory": max((high for name, high in one.sampler.high.items() if name.startswith("gateway")), default=0)}
         if failed:
             figures.update({"failed": f"{scenario.name}:{failed[0].line}: {failed[0].text}", "why": failed[1],
@@ -70,11 +76,10 @@ def one_run(scenario, keep):
         one.close(keep=failed is not None)
 
 
-def allowance_of(scenario):
-    for step in scenario.expectations:
-        if step.form.startswith("expect nothing dead"):
-            return step.values[0]
-    return 2 * scenario.keep_alive + 2
+def total(runs, name):
+    """The sum over those runs that looked; None when none did."""
+    looked = [run[name] for run in runs if run[name] is not None]
+    return sum(looked) if looked else None
 
 
 def summary(runs):
@@ -84,16 +89,19 @@ def summary(runs):
     return {"runs": len(runs), "passed": sum(run["passed"] for run in runs),
             "recovery": statistics.median(recovery) if recovery else None, "recoveryWorst": max(recovery, default=None),
             "invalidWorst": max(invalid, default=None),
-            **{name: sum(run[name] for run in runs)
-               for name in (*COUNTS, "stale")},
+            **{name: total(runs, name) for name in (*COUNTS, "staleIn", "staleOut")},
             "memory": max(run["memory"] for run in runs)}
 
 
 def row(name, figures):
     def seconds(value):
         return "-" if value is None else f"{value:.2f}"
+
+    def count(name):
+        return "-" if figures[name] is None else figures[name]
+    never = f"{100 * (1 - figures['written'] / figures['published']):.1f}" if figures["published"] else "-"
     return [name, figures["runs"], figures["passed"], seconds(figures["recovery"]), seconds(figures["recoveryWorst"]),
-            seconds(figures["invalidWorst"]), *(figures[count] for count in (*COUNTS, "stale")),
+            seconds(figures["invalidWorst"]), *map(count, COUNTS), never, count("staleIn"), count("staleOut"),
             f"{figures['memory'] / 1048576:.1f}"]
 
 

@@ -9,7 +9,9 @@ import socket
 import subprocess
 
 import harness
+import recorders
 import stores
+import witnesses
 
 
 PASSWORD = "open sesame"
@@ -164,6 +166,7 @@ class Broker(harness.Broker):
         path = os.path.join(self.folder, "mosquitto.conf")
         with open(path, "w", encoding="utf-8") as config:
             config.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n")
+            config.write(witnesses.BROKER_LOG)
             if not self.scenario.default_queue:
                 config.write("max_inflight_messages 1000\nmax_queued_messages 1000000\n")
             if self.scenario.message_limit_kb is not None:
@@ -176,6 +179,6 @@ class Broker(harness.Broker):
                 config.write(f"persistence true\npersistence_location {self.folder}/\nautosave_interval 1\n")
             if os.geteuid() == 0:
                 config.write("user root\n")
-        self.process = harness.Process(["mosquitto", "-c", path])
+        self.process = recorders.TimedProcess(["mosquitto", "-c", path])
         self.process.wait_for("mosquitto to start", self._answers)
         return self

@@ -7,6 +7,7 @@ import pytest
 import evidence
 from evidence import LIFE_NUMBERS, START_MS, Evidence, Life, Return, Violated
 from recorders import Message, Write, attributes_of, log_entry
+from witnesses import Handed, Session
 
 BASE = LIFE_NUMBERS
 
@@ -24,15 +25,33 @@ def message_of(at, publication, incarnation, sequence, number, quality=1):
     return Message(at, False, f"out/{publication}", incarnation, sequence, quality, {"x": number, "y": number}, 0)
 
 
-def record_event(at, incarnation, sequence, quality=1):
-    return at, {"event": "record", "publication": "out/0", "publisher": "KelGateway/" + incarnation, "sequence": sequence,
-                "quality": quality}
+def record_event(at, incarnation, sequence, quality=1, number=None, publication=0):
+    return at, {"event": "record", "publication": f"out/{publication}", "publisher": "KelGateway/" + incarnation,
+                "sequence": sequence, "quality": quality,
+                "fields": {tag: {"type": "int", "value": BASE + sequence if number is None else number} for tag in "xy"}}
+
+
+def watched(seen):
+    """What the witnesses of the publisher's side have of these writes: each a blink before it was written."""
+    seen.reached, seen.handed = {}, Handed()
+    session = Session("KelGateway-aaa", 1.0)
+    session.topics = {publication: 1.0 for publication in range(seen.publications)}
+    seen.sessions = [session]
+    counts = {}
+    for write in sorted(seen.writes, key=lambda write: write.at):
+        for publication, number in evidence.numbers_of(write).items():
+            seen.reached.setdefault(publication, {}).setdefault(number, write.at - 0.005)
+            life, count = divmod(number, LIFE_NUMBERS)
+            mine = counts.setdefault(life, [0] * seen.publications)
+            mine[publication] = max(mine[publication], count)
+            seen.handed.note(write.at - 0.01, life, tuple(mine))
+    seen.settled = True
 
 
 @pytest.fixture
 def good():
     """Two publications each way; the publisher was killed at 10 and its successor came at 12."""
-    seen = Evidence(2, 2)
+    seen = Evidence(2, 2, quiet=False)
     for number in (1, 2, 3):
         for publication in (0, 1):
             seen.writes.append(write_of(8.0 + number / 10, len(seen.writes) + 1, publication, BASE + number))
@@ -63,6 +82,7 @@ def good():
     seen.ledger = {"balanced": True, "moving": False, "why": [], "store": {"coalesced": 0, "gone": []},
                    "subscribe": [{"publication": "load/0", "gaps": 0, "missing": 0, "superseded": 0, "discarded": 0}]}
     seen.now = 13.0
+    watched(seen)
     return seen
 
 
@@ -241,12 +261,14 @@ def record_of_a_dead_gateway(seen):
 
 def still_connected_to_a_dead_gateway(seen):
     seen.lives["gateway"] = [Life(1, 1.0, 10.0)]
+    seen.sessions[0].closed = 10.0
     seen.events = seen.events[:2]
     seen.now = 20.0
 
 
 def disconnected_late(seen):
     seen.lives["gateway"] = [Life(1, 1.0, 9.5)]
+    seen.sessions[0].closed = 9.5
     seen.events = [*seen.events[:2], (12.0, {"event": "disconnected", "publication": "out/0"})]
 
 
@@ -306,62 +328,6 @@ def test_a_record_may_come_again_on_the_broker(good):
     evidence.sequences_forward(good)
 
 
-def test_coalesced_above_counts_superseded_records_and_the_backlog(good):
-    with pytest.raises(Violated):
-        evidence.coalesced_above(good, 0)
-    good.ledger["store"]["coalesced"] = 36
-    good.ledger["subscribe"][0]["superseded"] = 2
-    evidence.coalesced_above(good, 4)
-    with pytest.raises(Violated):
-        evidence.coalesced_above(good, 5)
-
-
-def test_what_the_books_account_for_is_not_lost(good):
-    good.published[0] = [(1, 3), (2, 9)]
-    assert evidence.account(good).lost == 8
-    good.ledger["subscribe"][0].update(gaps=1, superseded=1, discarded=1, before=1)
-    good.ledger["store"]["coalesced"] = 24
-    assert evidence.account(good).lost == 2
-    evidence.lost_at_most(good, 2)
-    with pytest.raises(Violated):
-        evidence.lost_at_most(good, 1)
-
-
-def test_what_is_written_twice_is_counted_once_and_noted(good):
-    good.writes.append(write_of(12.4, 99, 0, 2 * BASE + 1))
-    books = evidence.account(good)
-    assert (books.published, books.written, books.again, books.lost) == (8, 8, 1, 0)
-
-
-def test_what_a_dead_store_took_along_is_forgotten_unless_it_was_written_again(good):
-    good.lives["publisher"] = [Life(1, 1.0)]
-    del good.writes[:3]
-    assert evidence.account(good).lost == 3
-    good.ledger["store"].update({"lost": 36, "restored": 12})
-    books = evidence.account(good)
-    assert (books.forgotten, books.lost) == (2, 1)
-
-
-def test_what_a_killed_publisher_had_not_got_rid_of_is_in_flight(good):
-    good.published[0] = [(1, 7), (2, 1)]
-    books = evidence.account(good)
-    assert (books.published, books.written, books.in_flight, books.lost) == (12, 8, 4, 0)
-    del good.writes[0]  # a hole in what it did get rid of is nothing of the kind
-    books = evidence.account(good)
-    assert (books.in_flight, books.lost) == (4, 1)
-
-
-def test_what_a_killed_gateway_had_and_what_came_while_there_was_none_are_told_apart(good):
-    good.lives = {"publisher": [Life(1, 1.0)], "gateway": [Life(1, 1.0, 10.0, {0: BASE + 5, 1: BASE + 3}), Life(2, 12.0)]}
-    good.writes = [write_of(9.0, 1, 0, BASE + 1), write_of(9.0, 2, 0, BASE + 2), write_of(9.0, 3, 1, BASE + 3),
-                   write_of(12.5, 4, 0, BASE + 9), write_of(12.5, 5, 0, BASE + 11), write_of(12.5, 6, 1, BASE + 4)]
-    good.published = {0: [(1, 11)], 1: [(1, 4)]}
-    books = evidence.account(good)
-    assert (books.published, books.written) == (15, 6)
-    assert (books.in_flight, books.away) == (5, 3), "0: 3, 4 and 5, 1: 1 and 2; 0: 6, 7 and 8"
-    assert books.lost == 1, "0: 10"
-
-
 def test_a_flag_cleared_right_before_its_record_is_not_stale(good):
     assert evidence.dead_shown_as_good(good, 2) == []
 
@@ -371,10 +337,10 @@ def test_nobody_can_mark_anything_while_the_gateway_is_away(good):
     good.messages = []
     good.writes = [write for write in good.writes if write.at < 10] + [flag_of(16.0, 30 + p, p, "1") for p in (0, 1)]
     good.now = 20.0
-    assert evidence.dead_shown_as_good(good, 2) == []
+    assert evidence.stale.elements(good, 2) == []
     for write in good.writes:
         write.at += 2 if write.at > 10 else 0
-    assert len(evidence.dead_shown_as_good(good, 2)) == 6
+    assert len(evidence.stale.elements(good, 2)) == 6
 
 
 def test_log_entries_are_read_as_the_store_writes_them():

@@ -130,5 +130,6 @@ def test_an_end_by_itself_has_its_exit_code():
 def test_forgotten_above_counts_what_a_store_had_confirmed_and_lost(good):  # noqa: F811
     with pytest.raises(Violated):
         verdicts.forgotten_above(good, 0)
-    good.ledger["store"].update({"lost": 12 * evidence.ATTRIBUTES, "restored": 0})
+    good.forgotten_writes = [good.writes.pop(0)]
+    good.ledger["store"].update({"lost": 3 * evidence.ATTRIBUTES, "restored": 0})
     verdicts.forgotten_above(good, 0)

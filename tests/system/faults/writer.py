@@ -1,9 +1,11 @@
 """Changes elements at a steady rate, through the store's own function and nothing of the gateway's code.
 
 usage: writer.py SOCKET ACCOUNT LIFE PUBLICATIONS PER_SECOND
-Write n of publication i sets O<i>.x and O<i>.y to LIFE * 100,000,000 + n in one call. What the store did not answer is
-sent again under the same number, so nothing is applied twice. ACCOUNT is a file of 64-bit numbers, mapped into memory:
-for each publication the newest number that the store has confirmed. Standard input: "stop" and "go"; its end ends it.
+Write n of publication i sets the elements of O<i> to what traffic.py says of LIFE * 100,000,000 + n, in one call; behind
+the PUBLICATIONS that are busy come those that are not. What the store did not answer is sent again under the same number, so
+nothing is applied twice. ACCOUNT is a file of 64-bit numbers, mapped into memory: for each publication the newest number
+that the store has confirmed. Standard input: "stop", "go", and "hush" for the end of what falls silent in a fault; its end
+ends it.
 """
 
 import mmap
@@ -14,9 +16,11 @@ import threading
 import time
 
 import resp
+import traffic
 
-LIFE_NUMBERS = 100_000_000
-START_MS = 1_700_000_000_000
+# kind -> seconds from one write to the next; what is written once is written in the first life
+PAUSES = {"hushed": 0.05, "typed": 0.2, "large": 3.0}
+AFTER_THE_HUSH = 5
 
 
 class Writer:
@@ -25,35 +29,59 @@ class Writer:
         self.identity = f"harness.{os.getpid()}.{life}"
         self.number = 0
         self.link = None
-        self.sending = True
+        self.sending, self.hushed = True, False
+        self.kinds = traffic.out_kinds(publications)
+        self.counts = [0] * len(self.kinds)
         with open(account, "wb+") as file:
-            file.truncate(8 * publications)
-            self.account = mmap.mmap(file.fileno(), 8 * publications)
+            file.truncate(8 * len(self.kinds))
+            self.account = mmap.mmap(file.fileno(), 8 * len(self.kinds))
 
     def obey(self):
         for line in sys.stdin:
-            self.sending = line.strip() == "go"
+            if line.strip() == "hush":
+                self.hushed = True
+            else:
+                self.sending = line.strip() == "go"
         os._exit(0)
 
-    def write(self, publication, value):
-        """Until the store has answered."""
+    def write(self, publication):
+        """The publication's next number; until the store has answered."""
         self.number += 1
+        self.counts[publication] += 1
+        value = self.life * traffic.LIFE_NUMBERS + self.counts[publication]
+        words = []
+        for tag, text in traffic.out_texts(self.kinds[publication], value).items():
+            words += [f"O{publication}.{tag}", "i0v" + text]
         while True:
             try:
                 if self.link is None:
                     self.link = resp.Link(self.path)
-                self.link.command("FCALL", "dp_set", 0, self.identity, "", self.number, 0, START_MS + value, "",
-                                  f"O{publication}.x", f"i0v{value}", f"O{publication}.y", f"i0v{value}")
-                return
+                self.link.command("FCALL", "dp_set", 0, self.identity, "", self.number, 0, traffic.START_MS + value, "", *words)
+                break
             except (OSError, resp.Refused):
                 if self.link:
                     self.link.close()
                 self.link = None
                 time.sleep(0.05)
+        struct.pack_into("<Q", self.account, 8 * publication, value)
+
+    def write_quiet(self, due, left):
+        now = time.monotonic()
+        for publication in range(self.publications, len(self.kinds)):
+            kind = self.kinds[publication]
+            if kind == "hushed" and self.hushed and publication not in left:
+                left[publication] = AFTER_THE_HUSH
+            if now < due.get(publication, 0) or left.get(publication, 1) == 0:
+                continue
+            if publication in left:
+                left[publication] -= 1
+            due[publication] = now + PAUSES.get(kind, 0)
+            self.write(publication)
 
     def run(self):
         threading.Thread(target=self.obey, daemon=True).start()
-        counts = [0] * self.publications
+        once = [publication for publication, kind in enumerate(self.kinds) if kind == "once"]
+        quiet_due, left = {}, dict.fromkeys(once, 1 if self.life == 1 else 0)
         due = time.monotonic()
         turn = 0
         while True:
@@ -61,12 +89,9 @@ class Writer:
             time.sleep(max(0.0, due - time.monotonic()))
             if not self.sending:
                 continue
-            publication = turn % self.publications
+            self.write(turn % self.publications)
+            self.write_quiet(quiet_due, left)
             turn += 1
-            counts[publication] += 1
-            value = self.life * LIFE_NUMBERS + counts[publication]
-            self.write(publication, value)
-            struct.pack_into("<Q", self.account, 8 * publication, value)
 
 
 if __name__ == "__main__":

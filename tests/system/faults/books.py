@@ -9,6 +9,7 @@ import traffic
 
 FUZZ = 0.25    # seconds by which two witnesses may differ about one moment
 WAITED = 0.2   # a record that passed a queue in less was not replaced in it
+STALL = 1.0    # seconds without any write after which a gateway may have to find its publishers alive anew
 LINGER = 1.0   # seconds that a record may be under way when nothing is wrong
 HEAD = 5.0     # seconds until a publisher is known to be alive; until then the newest record of each publication is held
 ATTRIBUTES = 4  # of an element in one write: value, two user bits, invalid flag
@@ -110,6 +111,7 @@ class Books:
                 self.heard.setdefault(number // traffic.LIFE_NUMBERS, []).append(
                     publication.reached.get(number, publication.written.get(number)))
         self.writes_at.sort()
+        self.stalls = [(begin, end) for begin, end in zip(self.writes_at, self.writes_at[1:]) if end - begin > STALL]
         for moments in self.heard.values():
             moments.sort()
 
@@ -203,12 +205,16 @@ class Books:
             written = publication.written[following]
             if session.dropped:
                 return GAPS, ""
-            if written - at > WAITED:
+            if written - at > WAITED or self._after_a_stall(session.topics[publication.index], at):
                 self.attributes += publication.attributes
                 return COALESCED, ""
             return LOST, (f"it was at the broker at {at:.2f}, the gateway was subscribed, and number {following} was written "
                           f"at {written:.2f}")
         return self._tail(life, session, at)
+
+    def _after_a_stall(self, since, at):
+        """The gateway had hung, with its link: what it had heard of its publishers was old when it went on."""
+        return any(since <= begin <= at <= end + self.head for begin, end in self.stalls)
 
     def _came_by(self, publication, number):
         """The session by which a written record came. One that the broker kept comes first thing with a new subscription."""

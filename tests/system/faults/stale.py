@@ -6,6 +6,8 @@ import traffic
 # `connected` clears the flags of a publication by a write of its own, right before the record that it announces. Shown as
 # good for longer than this, an old value is stale.
 BLINK_SECONDS = 0.5
+# Who comes to a broker is given what it has kept, and the newest a moment later.
+KEPT_SECONDS = 0.25
 
 
 def deadline(evidence, since, allowance):
@@ -27,7 +29,7 @@ def deadline(evidence, since, allowance):
 class _Shown:
     """What one element or publication has shown so far; collects the stretches in which it was not true."""
 
-    def __init__(self, name, blink=0.0):
+    def __init__(self, name, blink):
         self.name, self.blink = name, blink
         self.number, self.good, self.since = None, False, None
         self.begin = self.until = self.what = None  # of the stretch that is open
@@ -144,7 +146,7 @@ def publications(evidence, allowance, buffered):
         name = event["publication"]
         if not name.startswith("out/"):
             continue
-        shown = state.setdefault(name, _Shown(name))
+        shown = state.setdefault(name, _Shown(name, KEPT_SECONDS))
         if event["event"] == "record":
             number = ((event.get("fields") or {}).get("x") or {}).get("value")
             shown.change(at, number if isinstance(number, int) else shown.number or 0,

@@ -193,6 +193,17 @@ def test_a_record_that_waited_may_be_superseded_and_is_held_against_the_ledger(f
         evidence.coalesced_above(flow, missing)
 
 
+def test_a_gateway_that_hung_has_to_find_its_publisher_alive_anew(flow):
+    flow.writes = [write for write in flow.writes if not 9.0 < write.at < 10.5]
+    flow.writes = sorted([*flow.writes, *(write_of(10.5 + count / 10_000, publication, count) for count in range(100, 245)
+                                          for publication in (0, 1))], key=lambda write: write.at)
+    flow.ledger["subscribe"] = [row(0, superseded=5), row(1, superseded=5)]
+    found = books.account(flow)
+    assert (found.coalesced, found.lost) == (10, 0)
+    flow.writes = without(flow, 0, 60)
+    assert books.account(flow).lost == 1, "that was before it hung"
+
+
 def test_a_ledger_that_counts_more_than_is_missing_contradicts_the_witnesses(flow):
     flow.ledger["store"]["coalesced"] = 12 * 100
     found = books.account(flow)

@@ -88,6 +88,7 @@ class Books:
         self.writes_at = []     # moments of all writes of values
         self.heard = {}         # life -> moments at which anything of that publisher reached the broker
         self.ambiguous = 0      # attributes of records that may be in two columns, as far as the ledger is concerned
+        self.dropped = 0        # records that the broker is said to have dropped
         self.boundary = 0       # records that may be on either side of a subscription
         self.attributes = 0     # of what is coalesced or forgotten
         self._read()
@@ -204,6 +205,7 @@ class Books:
         if following is not None:
             written = publication.written[following]
             if session.dropped:
+                self.dropped += 1
                 return GAPS, ""
             if written - at > WAITED or self._after_a_stall(session.topics[publication.index], at):
                 self.attributes += publication.attributes
@@ -275,6 +277,12 @@ class Books:
                 at = publication.reached.get(number)
                 kind, why = self.unreached(publication, number) if at is None else self.reached(publication, number, at)
                 result.end(kind, f"load/{index} number {number}: {why}")
+        if self.evidence.dropped is not None and self.dropped > self.evidence.dropped:
+            excess = self.dropped - self.evidence.dropped
+            result.ends[GAPS] -= excess
+            result.ends[LOST] += excess
+            result.samples.append(f"{self.dropped} records are missing that the broker may have dropped, and it says that it "
+                                  f"dropped {self.evidence.dropped}")
         self._hold_the_ledger_against_it()
         return result
 

@@ -58,6 +58,8 @@ class Evidence:
         self.sessions = []     # links of gateways to the broker, in its own words
         self.handed = None     # when a publisher had handed over how much
         self.forgotten_writes = []  # Write that a store had confirmed and the one in its place does not know
+        self.foreign = None    # number of the last record of the publisher that knows nothing of Kel
+        self.dropped = None    # messages that the broker says it dropped, for whomever
         self.settled = False   # everything that takes part runs, and nothing is wrong with any link
         self.patience = 1.0
 

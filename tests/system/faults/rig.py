@@ -12,6 +12,7 @@ import tempfile
 import time
 
 import evidence
+import foreign
 import harness
 import language
 import recorders
@@ -50,7 +51,7 @@ class Rig:
         self.now = {}        # name -> the running process
         self.past = []       # (name, process) of all that ever ran
         self.links = {}      # link -> its proxy
-        self.watcher = self.recorder = self.reader = self.arrivals = None
+        self.watcher = self.recorder = self.reader = self.arrivals = self.foreign = None
         self.evidence.patience = harness.PATIENCE
         self.accounts = witnesses.AccountWatcher(self._publisher_accounts)
         self.wrong = set()   # what is paused, ill or full now
@@ -148,6 +149,8 @@ class Rig:
             self.recorder.start()
             self.arrivals = witnesses.Arrivals(self.broker.port)
             self.arrivals.start()
+            if self.evidence.publications:
+                self.foreign = foreign.Foreign(self.broker.port)
         if self.reader is None and self.evidence.out_publications:
             names = [f"out/{index}" for index in range(len(self.evidence.out_kinds()))]
             process = recorders.TimedProcess([os.path.join(harness.BIN, "kelgw"), "kel", "sub", *names, "--json"],
@@ -193,6 +196,9 @@ class Rig:
         for index, kind in enumerate(self.evidence.kinds()):
             elements.update({f"L{index}.{tag}": of for tag, of in traffic.fields(kind).items()})
             subscribe[f"load/{index}"] = {tag: f"L{index}.{tag}" for tag in traffic.fields(kind)}
+        if self.evidence.publications:
+            elements.update({f"F.{tag}": of for tag, of in foreign.FIELDS.items()})
+            subscribe[foreign.PUBLICATION] = {tag: f"F.{tag}" for tag in foreign.FIELDS}
         for index, kind in enumerate(self.evidence.out_kinds()):
             elements.update({f"O{index}.{tag}": of for tag, of in traffic.out_fields(kind).items()})
             publish[f"out/{index}"] = {"bufferTime": self.scenario.buffer_ms if evidence.is_buffered(index) else 0,
@@ -308,6 +314,7 @@ class Rig:
     def _elements(self):
         names = [f"L{index}.{tag}" for index, kind in enumerate(self.evidence.kinds()) for tag in traffic.fields(kind)]
         names += [f"O{index}.{tag}" for index, kind in enumerate(self.evidence.out_kinds()) for tag in traffic.out_fields(kind)]
+        names += [f"F.{tag}" for tag in foreign.FIELDS] if self.evidence.publications else []
         try:
             link = resp.Link(self.store.path)
         except OSError:
@@ -338,8 +345,10 @@ class Rig:
             seen.reached = {index: dict(numbers) for index, numbers in self.arrivals.reached.copy().items()}
             seen.witness_away = self.arrivals.away()
             seen.sessions = self._sessions()
+            seen.dropped = self.arrivals.dropped
         self.accounts.look()
         seen.handed = self.accounts.handed
+        seen.foreign = self.foreign.number if self.foreign else None
         seen.published = {}
         for name in ("publisher", "publisher2"):
             for life in seen.lives.get(name, []):
@@ -425,6 +434,8 @@ class Rig:
             self._load("stop")
 
     def _load(self, order):
+        if self.foreign:
+            self.foreign.sending = order == "go"
         for name in ("publisher", "publisher2", "writer"):
             if name in self.now:
                 self.now[name].order(order)
@@ -571,7 +582,7 @@ class Rig:
         """Ends everything; the folder stays when `keep`, with all that was said."""
         self.sampler.stop()
         self.accounts.stop()
-        for witness in (self.watcher, self.recorder, self.arrivals):
+        for witness in (self.watcher, self.recorder, self.arrivals, self.foreign):
             if witness:
                 witness.stop()
         for _, process in reversed(self.past):

@@ -2,6 +2,7 @@
 then everything that is shown is held against what is true, and everything that was published is accounted for."""
 
 import evidence
+import foreign
 import harness
 import stale
 
@@ -52,6 +53,9 @@ def elements_true(seen):
     """Every fed element is what its living publisher handed over last, or invalid when there is none."""
     if not seen.publications:
         return
+    wrong = foreign.difference(seen.foreign, seen.elements) if seen.foreign is not None else []
+    if wrong:
+        raise evidence.Violated(evidence.some(wrong))
     if _alive(seen, "publisher", "publisher2"):
         evidence.elements_equal(seen)
         return

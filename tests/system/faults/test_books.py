@@ -234,6 +234,11 @@ def test_what_a_broker_dropped_from_a_full_queue_is_a_gap(flow):
     flow.ledger["subscribe"] = [row(0, gaps=1), row(1)]
     found = books.account(flow)
     assert (found.gaps, found.lost, found.contradictions) == (1, 0, [])
+    flow.dropped = 1
+    assert books.account(flow).lost == 0
+    flow.writes = without(flow, 1, 60)
+    found = books.account(flow)
+    assert (found.gaps, found.lost) == (1, 1), "it says that it dropped one only"
 
 
 def test_what_a_store_had_confirmed_and_its_successor_does_not_know_is_forgotten(flow):

@@ -4,6 +4,7 @@ looked at is not called good."""
 import pytest
 
 import evidence
+import foreign
 import stale
 import standing
 import traffic
@@ -178,6 +179,19 @@ def test_every_element_is_looked_at_in_the_end(seen, index, tag):
     else:
         value_of_before(seen, index, tag)
     with pytest.raises(Violated, match=f"1 elements are not what was published last: L{index}.{tag}"):
+        standing.true_at_the_end(seen)
+
+
+@pytest.mark.parametrize("number", [BASE + 3, BASE + 4, BASE + 5], ids=["quality 2", "quality 0", "quality 1"])
+@pytest.mark.parametrize("key", ["v", "i", "1", "2", "t"])
+@pytest.mark.parametrize("element", ["F.n", "F.text"])
+def test_a_foreign_record_of_any_quality_is_looked_at_in_the_end(seen, number, key, element):
+    seen.foreign = number
+    seen.elements.update(foreign.state_of(number))
+    standing.true_at_the_end(seen)
+    state = seen.elements[element]
+    state[key] = {"0": "1", "1": "0"}.get(state[key], "7")
+    with pytest.raises(Violated, match=f"{element} is .*, the record of quality {foreign.quality_of(number)} says"):
         standing.true_at_the_end(seen)
 
 

@@ -9,7 +9,7 @@ import traffic
 
 FUZZ = 0.25    # seconds by which two witnesses may differ about one moment
 WAITED = 0.2   # a record that passed a queue in less was not replaced in it
-STALL = 1.0    # seconds without any write after which a gateway may have to find its publishers alive anew
+STALL = 1.0    # seconds of silence after which a gateway may have to find a publisher alive anew
 LINGER = 1.0   # seconds that a record may be under way when nothing is wrong
 HEAD = 5.0     # seconds until a publisher is known to be alive; until then the newest record of each publication is held
 ATTRIBUTES = 4  # of an element in one write: value, two user bits, invalid flag
@@ -113,8 +113,10 @@ class Books:
                     publication.reached.get(number, publication.written.get(number)))
         self.writes_at.sort()
         self.stalls = [(begin, end) for begin, end in zip(self.writes_at, self.writes_at[1:]) if end - begin > STALL]
-        for moments in self.heard.values():
+        self.returns = {}  # life -> moments at which a publisher was heard again after a silence
+        for life, moments in self.heard.items():
             moments.sort()
+            self.returns[life] = [after for before, after in zip(moments, moments[1:]) if after - before > STALL]
 
     # ---------------------------------------------------------------------------------- one record
 
@@ -140,6 +142,8 @@ class Books:
         position = bisect.bisect_right(publication.seen, number)
         later = publication.seen[position] if position < len(publication.seen) else None
         if later is not None and later // traffic.LIFE_NUMBERS == life:
+            if position == 0 or publication.seen[position - 1] // traffic.LIFE_NUMBERS != life:
+                return GAPS, ""  # until it has the name, a publisher keeps the newest record only
             there = publication.reached.get(later, publication.written.get(later))
             blind = handed is None or any(begin - self.fuzz <= there and handed <= end + self.fuzz
                                           for begin, end in self.evidence.witness_away)
@@ -172,13 +176,10 @@ class Books:
         life = number // traffic.LIFE_NUMBERS
         run = self._life(life)
         begin = max(session.topics.get(publication.index), run.born if run else 0.0)
-        moments = self.heard.get(life, [])
-        index = bisect.bisect_left(moments, at)
-        while index > 0 and moments[index - 1] >= begin:
-            if index < len(moments) and moments[index] - moments[index - 1] > 1.0:
-                begin = moments[index]
-                break
-            index -= 1
+        returns = self.returns.get(life, [])
+        index = bisect.bisect_right(returns, at)
+        if index and returns[index - 1] > begin:
+            begin = returns[index - 1]
         before = bisect.bisect_left(publication.numbers, number)
         if before and publication.reached.get(publication.numbers[before - 1], 0) >= begin:
             return False, begin

@@ -147,6 +147,8 @@ def flow_resumes(evidence, within):
             outward[index] = message.at
     missing = [f"load/{i}" for i in range(evidence.publications) if i not in inward]
     missing += [f"out/{i}" for i in range(evidence.out_publications) if i not in outward]
+    if not inward and not outward and not missing:
+        raise Violated("there is no publication that could pass, so it was not looked at")
     if missing:
         raise Violated(f"nothing new has passed since {back.what} on {len(missing)} publications: {some(missing)}")
     took = max([*inward.values(), *outward.values()], default=back.at) - back.at
@@ -166,6 +168,8 @@ def elements_invalid(evidence, within):
             if element[0] == "L" and attributes.get("i") == "1" and "v" not in attributes and element not in marked:
                 marked[element] = write
     wanted = [element for elements in evidence.fed().values() for element in elements]
+    if not wanted:
+        raise Violated("no element is fed, so none was looked at")
     missing = [element for element in wanted if element not in marked]
     if missing:
         raise Violated(f"{len(missing)} of {len(wanted)} elements are not marked invalid since {what}: {some(missing)}")
@@ -180,6 +184,8 @@ def elements_invalid(evidence, within):
 
 
 def source_times_kept(evidence):
+    if not any(numbers_of(write) for write in evidence.writes):
+        raise Violated("nothing was written, so no source time was looked at")
     for write in evidence.writes:
         for publication, number in numbers_of(write).items():
             if write.time_ms != START_MS + number:
@@ -197,6 +203,8 @@ def source_times_kept(evidence):
 
 def elements_equal(evidence):
     wrong = []
+    if not evidence.kinds():
+        raise Violated("no element is fed, so none was looked at")
     for publication, kind in enumerate(evidence.kinds()):
         number = evidence.newest(publication)
         if number is None:
@@ -215,6 +223,8 @@ def elements_equal(evidence):
 def publications_carry(evidence):
     wrong = []
     last = last_messages(evidence)
+    if not evidence.out_kinds():
+        raise Violated("the gateway has nothing to publish, so no publication was looked at")
     for index, kind in enumerate(evidence.out_kinds()):
         confirmed = evidence.confirmed.get(index)
         if confirmed is None:
@@ -237,6 +247,8 @@ def publications_carry(evidence):
 
 
 def sequences_forward(evidence):
+    if not evidence.writes and not evidence.messages:
+        raise Violated("nothing was written or published, so no sequence was looked at")
     highest = {}  # publication -> number; lives are in its high digits, so a dead life's record is lower too
     for write in evidence.writes:
         for publication, number in numbers_of(write).items():
@@ -278,6 +290,8 @@ def _deliveries_forward(evidence):
 
 
 def records_whole(evidence):
+    if not evidence.writes and not evidence.messages:
+        raise Violated("nothing was written or published, so no record was looked at")
     complete = set()  # of one writer: publications that had all their fields once
     kinds = evidence.kinds()
     for write in evidence.writes:
@@ -330,6 +344,8 @@ def ledger_balances(evidence):
     ledger = evidence.ledger
     if ledger is None:
         raise Violated("kelgw was not asked for the ledger")
+    if not any(ledger.get(kind) for kind in ("subscribe", "publish")) and not (ledger.get("store") or {}).get("managers"):
+        raise Violated("the ledger has no row, so nothing was looked at")
     if not ledger.get("balanced"):
         raise Violated("the ledger does not balance: " + some(ledger.get("why") or ["it gives no reason"], 8))
     if ledger.get("moving"):
@@ -388,7 +404,9 @@ def owner_changes(evidence, most):
 
 
 def says(evidence, process, text, least, most):
-    lines = evidence.said.get(process, [])
+    if process not in evidence.said:
+        raise Violated(f"{process} does not run, so what it says was not looked at")
+    lines = evidence.said[process]
     found = [line for line in lines if text in line]
     if len(found) < least:
         raise Violated(f'{process} has said "{text}" {len(found)} times; its last lines: {some(lines[-4:])}')
@@ -405,7 +423,9 @@ def is_running(evidence, process):
 
 def is_idle(evidence, process):
     is_running(evidence, process)
-    busy = [line for line in evidence.said.get(process, []) if "mapping between" in line or "Created Publication group" in line]
+    if not evidence.said.get(process):
+        raise Violated(f"{process} has said nothing yet, so nobody can know what it does")
+    busy = [line for line in evidence.said[process] if "mapping between" in line or "Created Publication group" in line]
     if busy:
         raise Violated(f"{process} does not wait, it says: {some(busy)}")
     return None

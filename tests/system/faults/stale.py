@@ -1,6 +1,8 @@
 """Whether anything was shown as good that was not true any more: every element that is fed and every publication, all the
 time, and once more at the end. A value is true until its publisher has handed over a newer one or has ended."""
 
+import bisect
+
 import traffic
 
 # `connected` clears the flags of a publication by a write of its own, right before the record that it announces. Shown as
@@ -97,7 +99,7 @@ def elements(evidence, allowance):
             if element[0] != "L" or not element[1:element.find(".")].isdigit():
                 continue
             publication = int(element[1:element.index(".")])
-            state = shown.setdefault(element, _Shown(element, BLINK_SECONDS))
+            state = shown.setdefault(element, _Shown(element, BLINK_SECONDS * evidence.patience))
             number = traffic.number_of_time(write.time_ms) if "v" in attributes else None
             if "v" in attributes and attributes["v"] is not None and element.endswith(".n"):
                 number = int(attributes["v"])
@@ -119,6 +121,8 @@ def _newer_in_the_store(evidence):
             if element[0] == "O" and element.endswith(".x") and "v" in attributes:
                 number = traffic.number_of_time(write.time_ms) if attributes["v"] is None else int(attributes["v"])
                 found.setdefault(f"out/{element[1:-2]}", []).append((number, write.at))
+    for numbers in found.values():
+        numbers.sort()  # a store in another's place may have them again
     return found
 
 
@@ -134,8 +138,10 @@ def publications(evidence, allowance, buffered):
     def limit_of(name):
         def limit(number):
             since = [(died, f"of a gateway killed at {died:.2f}") for died in [dead.get(incarnations.get(name))] if died]
-            since += [(at + buffered, f"though the element had a newer one at {at:.2f}")
-                      for other, at in writes.get(name, []) if other > number][:1]
+            newer = writes.get(name, [])
+            index = bisect.bisect_right(newer, number, key=lambda write: write[0])
+            if index < len(newer):
+                since.append((newer[index][1] + buffered, f"though the element had a newer one at {newer[index][1]:.2f}"))
             if not since:
                 return float("inf"), ""
             at, why = min(since)
@@ -146,7 +152,7 @@ def publications(evidence, allowance, buffered):
         name = event["publication"]
         if not name.startswith("out/"):
             continue
-        shown = state.setdefault(name, _Shown(name, KEPT_SECONDS))
+        shown = state.setdefault(name, _Shown(name, KEPT_SECONDS * evidence.patience))
         if event["event"] == "record":
             number = ((event.get("fields") or {}).get("x") or {}).get("value")
             shown.change(at, number if isinstance(number, int) else shown.number or 0,

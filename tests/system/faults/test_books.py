@@ -113,6 +113,15 @@ def test_a_record_that_never_reached_the_broker_is_lost_unless_it_waited_for_it(
     assert found.gaps >= 120 - 2 * (books.WAITED / EVERY + 1), "the last ones did not wait long enough to be replaced"
 
 
+def test_who_waits_for_a_name_keeps_the_newest_record_only(flow):
+    for count in range(1, 60):
+        del flow.reached[0][BASE + count]
+        flow.writes = without(flow, 0, count)
+    flow.ledger["subscribe"] = [row(0, before=59), row(1)]
+    found = books.account(flow)
+    assert (found.gaps, found.lost, found.contradictions) == (59, 0, [])
+
+
 def test_while_the_broker_was_away_nobody_can_see_how_long_a_record_waited(flow):
     flow.witness_away = [(moment(40), moment(100))]
     for count in range(40, 100):
@@ -191,6 +200,18 @@ def test_a_record_that_waited_may_be_superseded_and_is_held_against_the_ledger(f
     evidence.coalesced_above(flow, missing - 1)
     with pytest.raises(Violated, match="98 records were superseded"):
         evidence.coalesced_above(flow, missing)
+
+
+def test_a_publisher_that_was_silent_has_to_be_found_alive_anew(flow):
+    for count in range(100, 221):
+        for publication in (0, 1):
+            flow.writes = without(flow, publication, count)
+            if count < 210:
+                del flow.reached[publication][BASE + count]
+    flow.ledger["subscribe"] = [row(0, gaps=110, superseded=11), row(1, gaps=110, superseded=11)]
+    found = books.account(flow)
+    # Of those that never reached the broker the last ones did not wait long enough for it.
+    assert (found.coalesced, found.gaps + found.lost) == (22, 220) and found.lost <= 2 * (books.WAITED / EVERY + 1)
 
 
 def test_a_gateway_that_hung_has_to_find_its_publisher_alive_anew(flow):

@@ -318,6 +318,16 @@ def test_a_planted_violation_is_seen(good, name, plant):
     assert len(str(caught.value)) > 20, "with figures"
 
 
+@pytest.mark.parametrize("name", list(JUDGES))
+def test_a_judge_that_looked_at_nothing_says_so(name):
+    blank = Evidence()
+    blank.losses, blank.returns = [(10.0, 1_000_000, "the end of nobody")], [Return(12.0, "nothing", {}, {})]
+    blank.now = 13.0
+    with pytest.raises(Violated) as caught:
+        JUDGES[name](blank)
+    assert len(str(caught.value)) > 20
+
+
 def test_every_judge_has_a_planted_violation():
     assert {name for name, _ in PLANTED} == set(JUDGES)
 

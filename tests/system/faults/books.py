@@ -12,6 +12,7 @@ WAITED = 0.2   # a record that passed a queue in less was not replaced in it
 STALL = 1.0    # seconds of silence after which a gateway may have to find a publisher alive anew
 LINGER = 1.0   # seconds that a record may be under way when nothing is wrong
 HEAD = 5.0     # seconds until a publisher is known to be alive; until then the newest record of each publication is held
+QUEUE = 20_000  # records that a queue of the Kel library holds, on either side
 ATTRIBUTES = 4  # of an element in one write: value, two user bits, invalid flag
 
 # What a record can end as, in the order of the table.
@@ -284,8 +285,18 @@ class Books:
             result.ends[LOST] += excess
             result.samples.append(f"{self.dropped} records are missing that the broker may have dropped, and it says that it "
                                   f"dropped {self.evidence.dropped}")
+        self._hold_the_queues_against_it()
         self._hold_the_ledger_against_it()
         return result
+
+    def _hold_the_queues_against_it(self):
+        """Nobody who dies takes along more than its queue holds; nor is more under way when a run just ends."""
+        deaths = sum(life.died is not None for name in ("publisher", "publisher2", "gateway", "gateway2")
+                     for life in self.evidence.lives.get(name, []))
+        most = QUEUE * (deaths + (not self.evidence.settled))
+        if self.result.in_flight > most:
+            self.result.contradictions.append(f"{self.result.in_flight} records were under way when {deaths} processes ended, "
+                                              f"and their queues hold {most}")
 
     def _rows(self):
         """(publication or None, row) of the ledger for what was subscribed."""

@@ -178,6 +178,13 @@ def test_what_waited_for_a_link_that_was_dead_already_went_with_it(flow):
     assert books.account(flow).lost == 1
 
 
+def test_nobody_takes_along_more_than_its_queue_holds(killed, monkeypatch):
+    assert books.account(killed).contradictions == []
+    monkeypatch.setattr(books, "QUEUE", 3)
+    with pytest.raises(Violated, match="4 records were under way when 1 processes ended, and their queues hold 3"):
+        evidence.lost_at_most(killed, 0)
+
+
 def late_writes(seen, first, last, at):
     """These were written late, at `at`, but for all save the newest one of each publication."""
     for count in range(first, last + 1):

@@ -100,6 +100,7 @@ def test_values_that_are_always_late_are_stale_though_each_is_shown_for_a_moment
         seen.writes.append(write_of(4.01 + count / 50, seen, 0, BASE + count))
     found = stale.elements(seen, ALLOWED)
     assert len(found) == 3 and "L0.n showed" in found[0] and "a newer one was handed over by" in found[0]
+    assert found[0].endswith("from 3.04 to 7.99"), "one stretch of them all"
 
 
 @pytest.mark.parametrize("kind", ["once", "early", "hushed", "typed", "large"])

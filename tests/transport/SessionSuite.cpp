@@ -90,6 +90,7 @@ TEST_P(SessionSuite, CarriesEveryTypeUnchanged) {
   auto a = member(*world, "a");
   auto b = member(*world, "b");
   b->createSubscription("plant/x y%", &subscriber);
+  ASSERT_TRUE(subscriber.waitForLast("disconnected"));  // nobody is there yet
   KelData data;
   data.insert(true, "bool");
   data.insert(static_cast<unsigned char>(200), "byte");
@@ -101,7 +102,7 @@ TEST_P(SessionSuite, CarriesEveryTypeUnchanged) {
   data.insert(booleans, 3, "booleans");
   a->createPublication("plant/x y%", nullptr)->send(data, KelTimestamp(-7));
   ASSERT_TRUE(subscriber.waitForLast("record"));
-  EXPECT_EQ(subscriber.lines(), (Lines{"connected", "record"}));
+  EXPECT_EQ(subscriber.lines(), (Lines{"disconnected", "connected", "record"}));
   EXPECT_TRUE(same);
 }
 
@@ -109,6 +110,7 @@ TEST_P(SessionSuite, FollowsAPublisherThroughItsLife) {
   Subscriber subscriber;
   auto watcher = member(*world, "watcher");
   watcher->createSubscription("x", &subscriber);
+  ASSERT_TRUE(subscriber.waitForLast("disconnected"));  // nobody is there yet
   auto a = member(*world, "a");
   KelPublication* publication = a->createPublication("x", nullptr);
   publication->declareBad("not yet");
@@ -124,14 +126,16 @@ TEST_P(SessionSuite, FollowsAPublisherThroughItsLife) {
   ASSERT_TRUE(subscriber.waitForLast("record 2"));
   a->destroyPublication(publication);
   ASSERT_TRUE(subscriber.waitForLast("disconnected"));
-  EXPECT_EQ(subscriber.lines(), (Lines{"record bad: not yet", "connected", "record 1", "record 1 bad: broken",
-                                       "disconnected", "connected", "record 2", "disconnected"}));
+  EXPECT_EQ(subscriber.lines(),
+            (Lines{"disconnected", "record bad: not yet", "connected", "record 1", "record 1 bad: broken",
+                   "disconnected", "connected", "record 2", "disconnected"}));
 }
 
 TEST_P(SessionSuite, ComesBackWithTheNewestRecordsAfterALostLink) {
   Subscriber subscriber;
   auto watcher = member(*world, "watcher");
   watcher->createSubscription("x", &subscriber);
+  ASSERT_TRUE(subscriber.waitForLast("disconnected"));  // nobody is there yet
   auto a = member(*world, "a");
   KelPublication* publication = a->createPublication("x", nullptr);
   send(publication, 1);
@@ -146,7 +150,9 @@ TEST_P(SessionSuite, ComesBackWithTheNewestRecordsAfterALostLink) {
   // Whatever was told on the way, it was told in a possible order.
   bool connected = false;
   int last = 0;
-  for (const std::string& line : subscriber.lines()) {
+  Lines lines = subscriber.lines();
+  lines.erase(lines.begin());  // that nobody was there
+  for (const std::string& line : lines) {
     if (line == "connected") {
       EXPECT_FALSE(connected);
       connected = true;
@@ -235,6 +241,7 @@ TEST_P(SessionSuite, GivesANameToOnePublisherAtATime) {
   Subscriber subscriber;
   auto watcher = member(*world, "watcher");
   watcher->createSubscription("x", &subscriber);
+  ASSERT_TRUE(subscriber.waitForLast("disconnected"));  // nobody is there yet
   auto a = member(*world, "a");
   auto b = member(*world, "b");
   send(a->createPublication("x", nullptr), 1);
@@ -246,19 +253,42 @@ TEST_P(SessionSuite, GivesANameToOnePublisherAtATime) {
   EXPECT_FALSE(b->flush(50ms));
   a.reset();
   ASSERT_TRUE(subscriber.waitForLast("record 3"));
-  EXPECT_EQ(subscriber.lines(), (Lines{"connected", "record 1", "disconnected", "connected", "record 3"}));
+  EXPECT_EQ(subscriber.lines(),
+            (Lines{"disconnected", "connected", "record 1", "disconnected", "connected", "record 3"}));
 }
 
 TEST_P(SessionSuite, ResendsOnRequest) {
   Subscriber subscriber;
   auto watcher = member(*world, "watcher");
   KelSubscription* subscription = watcher->createSubscription("x", &subscriber);
+  ASSERT_TRUE(subscriber.waitForLast("disconnected"));  // nobody is there yet
   auto a = member(*world, "a");
   send(a->createPublication("x", nullptr), 1);
   ASSERT_TRUE(subscriber.waitForLast("record 1"));
   subscription->requestResend();
-  ASSERT_TRUE(subscriber.waitFor([](const Lines& lines) { return lines.size() == 3; }));
+  ASSERT_TRUE(subscriber.waitFor([](const Lines& lines) { return lines.size() == 4; }));
   EXPECT_EQ(subscriber.lines().back(), "record 1");
+}
+
+TEST_P(SessionSuite, TellsOnceThatThePublisherOfAKeptRecordIsGone) {
+  auto a = member(*world, "a");
+  send(a->createPublication("x", nullptr), 1);
+  ASSERT_TRUE(a->flush(30s));
+  a.reset();
+  Subscriber subscriber;
+  auto watcher = member(*world, "watcher");
+  watcher->createSubscription("x", &subscriber);
+  ASSERT_TRUE(subscriber.waitForLast("disconnected"));
+  Subscriber second;
+  watcher->createSubscription("x", &second);
+  ASSERT_TRUE(second.waitForLast("disconnected"));
+  EXPECT_EQ(subscriber.lines(), Lines{"disconnected"});
+  a = member(*world, "a");
+  send(a->createPublication("x", nullptr), 2);
+  ASSERT_TRUE(subscriber.waitForLast("record 2"));
+  ASSERT_TRUE(second.waitForLast("record 2"));
+  EXPECT_EQ(subscriber.lines(), (Lines{"disconnected", "connected", "record 2"}));
+  EXPECT_EQ(second.lines(), (Lines{"disconnected", "connected", "record 2"}));
 }
 
 }  // namespace kel::testing

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "data/RecordAccess.h"
+#include "session/InboxTopic.h"
 #include "session/Transition.h"
 
 namespace kel {
@@ -15,25 +16,6 @@ constexpr std::chrono::minutes complaintPause{1};
 constexpr std::chrono::minutes silencePause{1};
 
 }  // namespace
-
-/// One subscribed topic.
-struct InboxTopic {
-  explicit InboxTopic(Dispatcher& dispatcher) : books(dispatcher) {}
-
-  std::string publication;
-  std::string topic;
-  SubscriptionState state = SubscriptionState::waiting;
-  std::string publisher;  ///< who it is connected through; stays when disconnected
-  bool silent = true;     ///< nothing has come since the link is up
-  bool unheard = false;   ///< disconnected because `publisher` was not heard of in time
-  std::shared_ptr<Record> last;
-  std::shared_ptr<Record> held;
-  ReceiveBook books;
-  std::vector<std::shared_ptr<SubscriptionHandle>> subscriptions;
-  std::shared_ptr<HandOffTally> tally = std::make_shared<HandOffTally>();  ///< of what listeners throw
-  std::optional<PeerTable::Time> complained;
-  std::int64_t unsaid = 0;
-};
 
 const char* stateName(SubscriptionState state) {
   switch (state) {
@@ -82,7 +64,9 @@ void Inbox::count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_
 void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
   std::string error;
   const auto coded = encodeTopicName(handle->name(), error);
+  owe(handle);
   if (!coded) {
+    impossible_.push_back(handle);
     ports_.dispatcher.post(
         handle, Event::exception("no publication can be called '" + handle->name() + "': " + error));
     return;
@@ -99,12 +83,16 @@ void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
   handle->topic = &topic;
   handle->tally = topic.tally;
   topic.subscriptions.push_back(handle);
-  if (topic.state != SubscriptionState::waiting) ports_.dispatcher.post(handle, Event::connected());
+  if (topic.state != SubscriptionState::waiting) tellConnected(handle);
   resend(*handle);
 }
 
 void Inbox::remove(SubscriptionHandle& handle) {
-  if (handle.topic == nullptr) return;
+  settle(handle);
+  if (handle.topic == nullptr) {
+    std::erase_if(impossible_, [&](const auto& other) { return other.get() == &handle; });
+    return;
+  }
   Topic& topic = *handle.topic;
   handle.topic = nullptr;
   std::erase_if(topic.subscriptions, [&](const auto& other) { return other.get() == &handle; });
@@ -124,6 +112,7 @@ void Inbox::resend(SubscriptionHandle& handle) {
 }
 
 void Inbox::linkUp() {
+  upSince_ = ports_.now;
   std::vector<const std::string*> filters;
   filters.reserve(topics_.size());
   for (const auto& [filter, topic] : topics_) {
@@ -136,8 +125,12 @@ void Inbox::linkUp() {
 }
 
 void Inbox::linkDown(std::string_view reason) {
+  upSince_.reset();
+  groupSince_.reset();
   refusals_.linkDown();
   for (auto& [filter, topic] : topics_) {
+    topic->answered.reset();
+    topic->refusal.clear();
     endHeld(*topic, &KelCounters::discarded);
     disconnect(*topic, reason);
     topic->last.reset();
@@ -148,6 +141,8 @@ void Inbox::linkDown(std::string_view reason) {
 void Inbox::subscribed(std::string_view filter, std::string_view failure) {
   const auto at = topics_.find(filter);
   if (at == topics_.end()) return;
+  if (!at->second->answered) at->second->answered = ports_.now;
+  at->second->refusal = failure;
   if (failure.empty()) {
     refusals_.granted(at->first);
     return;
@@ -254,7 +249,7 @@ void Inbox::take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& rec
     topic.publisher = publisher;
     transition(topic.state, next, "subscription to " + topic.publication, "record of a live publisher");
     if (wasWaiting) {
-      for (const auto& handle : topic.subscriptions) ports_.dispatcher.post(handle, Event::connected());
+      for (const auto& handle : topic.subscriptions) tellConnected(handle);
     }
   }
   topic.unheard = false;

@@ -6,7 +6,8 @@
 //     newest one is held;
 //   - `connected` comes before the record that it announces, `disconnected` when the publication is
 //     closed, its publisher is gone, it has no value, or the own link is lost;
-//   - what arrives twice is dropped, by the publisher's own count.
+//   - what arrives twice is dropped, by the publisher's own count;
+//   - who is not connected is told so once, when it is certain and the application had time to get ready.
 // Not thread-safe: under the session's lock. Callbacks go through the dispatcher.
 #pragma once
 
@@ -18,6 +19,7 @@
 
 #include "kel/KelCounters.h"
 #include "kel/KelFactory.h"
+#include "session/FirstWord.h"
 #include "session/ReceiveBook.h"
 #include "session/Refusals.h"
 #include "session/SessionPorts.h"
@@ -43,7 +45,10 @@ class SubscriptionHandle final : public KelSubscription,
   void deliver(const Event& event) override;
 
   [[nodiscard]] const std::string& name() const { return name_; }
-  InboxTopic* topic = nullptr;  ///< under the session's lock; null for an impossible name
+  // Under the session's lock.
+  InboxTopic* topic = nullptr;  ///< null for an impossible name
+  bool untold = false;          ///< neither connected nor disconnected was told so far
+  PeerTable::Time created;
 
  private:
   const std::string name_;
@@ -63,7 +68,13 @@ class Inbox {
   void resend(SubscriptionHandle& handle);
 
   void linkUp();
+  /// Everybody's kept presence has been seen.
+  void groupKnown() { groupSince_ = ports_.now; }
   void linkDown(std::string_view reason);
+  /// This process was not running for so long, and what came meanwhile has not been read.
+  void forgive(std::chrono::nanoseconds pause);
+  /// On every tick, up or down: tells who is not connected and was told nothing so far.
+  void tellUntold();
   /// `error` is empty or says why the payload is not a record. A null record without error: the topic is
   /// closed.
   void message(std::string_view topic, std::shared_ptr<Record> record, const std::string& error);
@@ -90,11 +101,21 @@ class Inbox {
   void closed(Topic& topic);
   void disconnect(Topic& topic, std::string_view reason);
   void complain(Topic& topic, const std::string& error);
+  void owe(const std::shared_ptr<SubscriptionHandle>& handle);
+  void settle(SubscriptionHandle& handle);
+  void tellConnected(const std::shared_ptr<SubscriptionHandle>& handle);
+  [[nodiscard]] bool certainlyWaiting(const Topic& topic, const SubscriptionHandle& handle) const;
+  [[nodiscard]] std::string whyWaiting(const Topic& topic) const;
 
   SessionPorts& ports_;
   TextMap<std::unique_ptr<Topic>> topics_;
   Refusals refusals_{"the broker grants the subscriptions that it refused"};
   PeerTable::Time askedSilent_;
+  std::optional<PeerTable::Time> upSince_;
+  std::optional<PeerTable::Time> groupSince_;
+  FirstWord firstWord_;
+  std::size_t untold_ = 0;  ///< subscriptions that were told nothing so far
+  std::vector<std::shared_ptr<SubscriptionHandle>> impossible_;  ///< of these, those with impossible names
   RunBook released_;  ///< the sum of what is not subscribed any more
   KelCounters total_;
 };

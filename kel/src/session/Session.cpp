@@ -296,6 +296,7 @@ void Session::groupKnown() {
   transition(link_, LinkState::synced, "link", "the own presence came back");
   probeDue_ = peers_.anyUnconfirmed();
   if (probeDue_) publishProbe();
+  inbox_.groupKnown();
   outbox_.groupKnown(peers_.named(ports_.self.name));
 }
 
@@ -375,11 +376,13 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
   if (!std::exchange(ticked_, true)) {
     // What came before the clock's first word came at its first word.
     peers_.forgive(pause);
+    inbox_.forgive(pause);
     presenceSent_ += pause;
     probeSent_ += pause;
     ledgerSent_ += pause;
   } else if (pause > longestTick) {
     peers_.forgive(pause);
+    inbox_.forgive(pause);
   }
   ports_.now = now;
 }
@@ -387,6 +390,7 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
 void Session::tick(std::chrono::steady_clock::time_point now) {
   const MutexLock lock(mutex_);
   noteStall(now);
+  if (!closing_) inbox_.tellUntold();
   if (closing_ || (link_ != LinkState::syncing && link_ != LinkState::synced)) return;
   const milliseconds keepAlive = transport_->keepAlive();
   const auto sincePresence = now - presenceSent_;

@@ -5,6 +5,7 @@
 #include <pvss/IntegerVar.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -12,9 +13,12 @@
 
 #include "Gateway.h"
 #include "KelApiResources.h"
+#include "transport/loopback/LoopbackBroker.h"
 
 namespace gateway_test {
 namespace {
+
+using namespace std::chrono_literals;
 
 class IgnoringHandler final : public KelPublicationErrorHandler {
  public:
@@ -58,7 +62,8 @@ class Steps final : public pvss::testing::ManagerObserver {
 class Loopback : public Gateway {
  protected:
   void SetUp() override {
-    const std::string url = "loopback:" + std::to_string(++broker_);
+    ++broker_;
+    const std::string url = "loopback:" + brokerName();
     setenv("KEL_URL", url.c_str(), 1);
     KelApiManager::kelFactory = nullptr;  // run() makes it
     KelApiResources::publisherName = "gateway";
@@ -84,6 +89,7 @@ class Loopback : public Gateway {
     KelApiResources::pubSourceName = "";
     unsetenv("KEL_URL");
   }
+  static std::string brokerName() { return std::to_string(broker_); }
   /// Runs the main loop until the step says so; gives what was printed.
   std::string runUntil(const std::function<bool()>& step) {
     Steps steps(step);
@@ -140,6 +146,47 @@ TEST_F(Loopback, publisherThatGoesInvalidatesItsElements) {
   const auto seen = plant.read("A.v");
   EXPECT_EQ(describe(seen.value.get()), "int 1");  // the value stays, it only is not good any more
   EXPECT_TRUE(seen.invalid);
+}
+
+TEST_F(Loopback, gatewayThatComesBackWithoutThePublisherInvalidatesItsElements) {
+  // What a gateway and a publisher that died together have left: a good element, and a record on the broker.
+  addClient("A.v", DPELEMENT_INT, "P", "a");
+  plant.writeTexts("Gw.clients", {"A.v"});
+  plant.write("A.v", IntegerVar(1), 5000);
+  sendInt(*partner->createPublication("P", &handler), "a", 1, 1'000'000);
+  ASSERT_TRUE(partner->flush(30s));
+  partner.reset();
+  ASSERT_FALSE(plant.read("A.v").invalid);
+  runUntil([&] { return plant.read("A.v").invalid; });
+  EXPECT_EQ(describe(plant.read("A.v").value.get()), "int 1");
+}
+
+TEST_F(Loopback, gatewayThatStartsWhileTheBrokerIsAwayInvalidatesItsElements) {
+  addClient("A.v", DPELEMENT_INT, "P", "a");
+  plant.writeTexts("Gw.clients", {"A.v"});
+  plant.write("A.v", IntegerVar(1), 5000);
+  sendInt(*partner->createPublication("P", &handler), "a", 2, 1'000'000);
+  const auto broker = kel::LoopbackBroker::named(brokerName());
+  broker->setReachable("gateway", false);
+  bool wasInvalid = false;
+  runUntil([&] {
+    if (!wasInvalid && plant.read("A.v").invalid) {
+      wasInvalid = true;
+      broker->setReachable("gateway", true);
+    }
+    return wasInvalid && !plant.read("A.v").invalid;
+  });
+  EXPECT_EQ(describe(plant.read("A.v").value.get()), "int 2");
+}
+
+TEST_F(Loopback, publisherThatNeverWasInvalidatesItsElements) {
+  addClient("A.v", DPELEMENT_INT, "P", "a");
+  addClient("B.v", DPELEMENT_INT, "P", "b");
+  addClient("C.v", DPELEMENT_INT, "", "c");
+  for (const char* element : {"A.v", "B.v", "C.v"}) plant.write(element, IntegerVar(1), 5000);
+  plant.writeTexts("Gw.clients", {"A.v", "B.v", "C.v"});
+  runUntil(
+      [&] { return plant.read("A.v").invalid && plant.read("B.v").invalid && plant.read("C.v").invalid; });
 }
 
 TEST_F(Loopback, elementAddedLaterGetsTheLastValueWithoutANewRecord) {

@@ -27,12 +27,15 @@ class Strict final : public KelSubscriptionListener {
   }
   void disconnected(KelSubscription* /*subscription*/, char* /*reason*/) override {
     const InCall inCall(*this);
-    if (!connected_) ++faults;
+    // Who was told nothing so far may hear that it is not connected.
+    if (!connected_ && told_) ++faults;
+    told_ = true;
     connected_ = false;
   }
   void connected(KelSubscription* /*subscription*/) override {
     const InCall inCall(*this);
     if (connected_) ++faults;
+    told_ = true;
     connected_ = true;
   }
   void handleException(KelSubscription* /*subscription*/, KelException& /*exception*/) override { ++faults; }
@@ -57,6 +60,7 @@ class Strict final : public KelSubscriptionListener {
   };
   std::atomic<int> inside_{0};
   bool connected_ = false;
+  bool told_ = false;
   std::string publisher_;
   std::int64_t sequence_ = 0;
 };

@@ -14,11 +14,11 @@ class KelSubscriptionListener {
   virtual ~KelSubscriptionListener() = default;
   /// A record. It ends with the call.
   virtual void handleMessage(KelSubscription* subscription, KelData& data) = 0;
-  /// What was received so far, by this or an earlier run of the application, is not current any more. `reason`
-  /// is text for people and ends with the call. A subscription that is not connected is told so once, too:
-  /// when that is certain, or while the link is down, but not before one second, or as long as it took to make
-  /// them, has passed since the last createSubscription of this factory. So who prepares what the call needs
-  /// right behind createSubscription misses none.
+  /// What was received so far, by this or an earlier run of the application, is not current any more.
+  /// `reason` is text for people and ends with the call. A subscription that is not connected is told so
+  /// once, too: when that is certain, or while the link is down, but not before one second, or as long as it
+  /// took to make them, has passed since the last createSubscription of this factory. So who prepares what
+  /// the call needs right behind createSubscription misses none.
   virtual void disconnected(KelSubscription* subscription, char* reason) = 0;
   /// The publication has a live publisher; comes before the record that it announces.
   virtual void connected(KelSubscription* subscription) = 0;

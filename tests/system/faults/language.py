@@ -84,7 +84,7 @@ FORMS = {
     "expect <process> says <text> once": "on standard output or error, since its last start",
     "expect <process> says <text> at least once within <number> s": "likewise",
     "expect <process> never says <text>": "likewise",
-    "expect <process> ended by itself with <count>": "at least once, and with no other exit code",
+    "expect <process> ended by itself with <count> within <number> s": "at least once, and with no other exit code",
     "expect one owner within <number> s": "of the manager number and of everything published",
     "expect publications bad within <number> s": "after the last loss every outgoing one says that it is bad",
     "expect <odd> publication bad within <number> s": "the newest record of that one says so",

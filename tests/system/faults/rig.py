@@ -623,8 +623,9 @@ def _forgotten(rig, least):
 
 # Expectations that are judged by what troubles.py finds out.
 TROUBLE_JUDGES = {
-    "expect <process> ended by itself with <count>":
-        lambda rig, name, code: verdicts.ended_by_itself(name, rig.supervisor.codes.get(name, []), code),
+    "expect <process> ended by itself with <count> within <number> s":
+        lambda rig, name, code, limit:
+        rig.within(limit, lambda seen: verdicts.ended_by_itself(name, rig.supervisor.codes.get(name, []), code)),
     "expect one owner within <number> s": lambda rig, limit: rig.within(limit, lambda seen: rig.troubles.one_owner()),
     "expect <odd> publication bad within <number> s":
         lambda rig, name, limit: rig.within(limit, lambda seen: rig.troubles.odd_publication(name, False)),

@@ -36,7 +36,10 @@ class Counter final : public pvss::StoreListener, public pvss::ElementDirectory 
   void catalogueChanged(pvss::CatalogueEntry) override {}
   void changed(const pvss::Change& change) override { changes += change.elements.size(); }
   void snapshot(std::uint64_t, std::uint64_t, std::vector<pvss::ElementState>) override {}
-  void confirmed(std::uint64_t, pvss::WriteOutcome, std::string_view) override { ++confirmations; }
+  void confirmed(std::uint64_t, pvss::WriteOutcome, std::string_view,
+                 const std::vector<std::uint32_t>&) override {
+    ++confirmations;
+  }
   void lease(bool, std::string_view) override {}
   void gap(std::string_view) override {}
   pvss::ElementId intern(std::string_view name) override {

@@ -5,7 +5,9 @@
 #include <array>
 
 #include "RedisProbe.h"
+#include "pvss/Manager.h"
 #include "store/redis/Endpoint.h"
+#include "store/redis/Functions.h"
 
 namespace {
 
@@ -359,6 +361,107 @@ TEST(RedisFaults, OrderlyEndGivesTheNumberBackAtOnce) {
   first.end();
   StoreProbe second(server.address(), "7.second", options);
   EXPECT_TRUE(second.untilUp());
+}
+
+TEST(RedisFaultsDeathTest, EndOfTheProcessGivesTheNumberBackAtOnce) {
+  RedisServer server;
+  prepare(server);
+  EXPECT_EXIT(
+      {
+        StoreProbe probe(server.address(), "7.first");
+        const bool good = probe.untilUp() && writeAll(probe, 1, 3);
+        Manager::exit(good ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+  EXPECT_EQ(server.cli({"EXISTS", "dp:mgr:7:lease"}), "0");
+  EXPECT_EQ(server.cli({"HGET", "dp:mgr:7:owner", "writer"}), "");
+  EXPECT_EQ(valueInStore(server), "3");
+}
+
+/// A server whose dp_set answers with an error that nobody knows, for as long as the element's key `odd`
+/// names the number of the write, or all of them.
+void makeOdd(const RedisServer& server) {
+  std::string library(pvss::redis::functionsText());
+  const std::string head = "local function dp_set(_, args)\n";
+  const std::size_t at = library.find(head);
+  ASSERT_NE(at, std::string::npos);
+  library.insert(
+      at + head.size(),
+      "  local odd = redis.call(\"GET\", \"dp:d:odd\")\n"
+      "  if odd == \"all\" or odd == args[3] then return redis.error_reply(\"ERR something odd\") end\n");
+  std::replace(library.begin(), library.end(), '\'', '"');
+  ASSERT_EQ(server.cli({"FUNCTION", "LOAD", "REPLACE", library}), "kelgw");
+}
+
+TEST(RedisFaults, AnErrorThatIsNotKnownThrowsNothingAwayAndIsSaidOnce) {
+  RedisServer server;
+  prepare(server);
+  makeOdd(server);
+  StoreProbe probe(server.address(), "7.a");
+  ASSERT_TRUE(probe.untilUp());
+  server.cli({"SET", "dp:d:odd", "all"});
+  testing::internal::CaptureStderr();
+  ASSERT_TRUE(probe.store().write(probe.batch(1, 1, name, 1)));
+  ASSERT_TRUE(probe.store().write(probe.batch(2, 2, name, 2)));
+  ASSERT_TRUE(probe.untilUp(2));
+  ASSERT_TRUE(probe.store().write(probe.batch(1, 1, name, 1)));
+  const bool again = probe.untilUp(3);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(again);
+  EXPECT_EQ(countOf(said, "something odd"), 1U) << said;
+  EXPECT_EQ(countOf(said, "is back"), 0U) << said;
+  EXPECT_TRUE(probe.confirmations.empty());
+  server.cli({"DEL", "dp:d:odd"});
+  testing::internal::CaptureStderr();
+  const bool written = writeAll(probe, 1, 2);
+  EXPECT_EQ(countOf(testing::internal::GetCapturedStderr(), "is back"), 1U);
+  EXPECT_TRUE(written);
+  EXPECT_EQ(valueInStore(server), "2");
+}
+
+TEST(RedisFaults, AWriteThatAlwaysEndsInAnErrorThatIsNotKnownIsRefusedInTheEndAndThoseBehindItPass) {
+  RedisServer server;
+  prepare(server);
+  makeOdd(server);
+  server.cli({"SET", "dp:d:odd", "2"});
+  StoreProbe probe(server.address(), "7.a");
+  ASSERT_TRUE(probe.untilUp());
+  ASSERT_TRUE(writeAll(probe, 1, 4));
+  std::vector<std::uint64_t> refused;
+  for (const auto& c : probe.confirmations) {
+    if (c.outcome == WriteOutcome::refused) refused.push_back(c.clientSequence);
+  }
+  EXPECT_THAT(refused, ElementsAre(2U));
+  EXPECT_EQ(valueInStore(server), "4");
+}
+
+TEST(RedisFaults, ARightTakenAwayWhileRunningIsOneLineAndTheWritesWait) {
+  RedisServer server;
+  prepare(server);
+  StoreProbe probe(server.address(), "7.a");
+  ASSERT_TRUE(probe.untilUp());
+  server.cli({"ACL", "SETUSER", "default", "resetkeys", "~dp:log*", "~dp:seq", "~dp:cat", "~dp:cfg",
+              "~dp:cli*", "~dp:mgr*"});
+  testing::internal::CaptureStderr();
+  ASSERT_TRUE(probe.store().write(probe.batch(1, 1, name, 1)));
+  // As a manager would: what was not confirmed is offered again at each return.
+  std::size_t ups = probe.greetings.size();
+  probe.until(
+      [&] {
+        if (probe.greetings.size() != ups) {
+          ups = probe.greetings.size();
+          probe.store().write(probe.batch(1, 1, name, 1));
+        }
+        return false;
+      },
+      std::chrono::seconds(3));
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(countOf(said, "\n"), 1U) << said;
+  EXPECT_THAT(said, HasSubstr("user, password or permission"));
+  EXPECT_LE(ups, 12U) << "with growing pauses";
+  server.cli({"ACL", "SETUSER", "default", "~*"});
+  ASSERT_TRUE(writeAll(probe, 1, 2));
+  EXPECT_EQ(valueInStore(server), "2");
 }
 
 TEST(RedisFaults, ReplicaThatCannotBeWrittenIsLeftAndTriedAgain) {

@@ -337,7 +337,8 @@ TEST(ServerError, MeaningFollowsFromTheFirstWord) {
   EXPECT_EQ(kindOfServerError("FENCED x"), ServerErrorKind::fenced);
   EXPECT_EQ(kindOfServerError("ORDER x"), ServerErrorKind::order);
   EXPECT_EQ(kindOfServerError("REFUSED x"), ServerErrorKind::refused);
-  EXPECT_EQ(kindOfServerError(""), ServerErrorKind::refused);
+  EXPECT_EQ(kindOfServerError(""), ServerErrorKind::unknown);
+  EXPECT_EQ(kindOfServerError("ERR something new"), ServerErrorKind::unknown);
   EXPECT_EQ(describeServerError("REFUSED no such element: A.b"), "no such element: A.b");
   EXPECT_THAT(describeServerError("ERR Function not found"), HasSubstr("run kelgw apply"));
   EXPECT_THAT(describeServerError("ERR unknown command 'FCALL'"), HasSubstr("7.0"));

@@ -22,6 +22,7 @@ class StoreProbe final : public pvss::StoreListener, public pvss::ElementDirecto
     std::uint64_t clientSequence;
     pvss::WriteOutcome outcome;
     std::string text;
+    std::vector<std::uint32_t> leftOut;
   };
   struct Answer {
     std::uint64_t request;
@@ -106,8 +107,9 @@ class StoreProbe final : public pvss::StoreListener, public pvss::ElementDirecto
                 std::vector<pvss::ElementState> states) override {
     answers.push_back({request, sequence, std::move(states)});
   }
-  void confirmed(std::uint64_t clientSequence, pvss::WriteOutcome outcome, std::string_view text) override {
-    confirmations.push_back({clientSequence, outcome, std::string(text)});
+  void confirmed(std::uint64_t clientSequence, pvss::WriteOutcome outcome, std::string_view text,
+                 const std::vector<std::uint32_t>& leftOut) override {
+    confirmations.push_back({clientSequence, outcome, std::string(text), leftOut});
     if (onConfirmed) onConfirmed(confirmations.back());
   }
   void lease(bool held, std::string_view holder) override { leases.emplace_back(held, holder); }

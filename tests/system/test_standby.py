@@ -63,6 +63,19 @@ def test_a_gateway_that_slept_longer_than_its_lease_beside_a_stand_by_ends_and_l
     assert second.running()
 
 
+def test_an_orderly_end_leaves_the_number_to_the_stand_by_at_once(site):
+    publish_plant(site)
+    witness = site.broker.subscribe()
+    site.processes.append(witness.process)
+    first, second = pair(site)
+    published(witness, site, 1, "the first")
+    had = holder(site)
+    assert first.stop() == 0
+    assert holder(site) != had, "its lease was given back, and did not only run out"
+    published(witness, site, 2, "the second")
+    assert second.running()
+
+
 def test_a_store_restarted_under_a_healthy_pair_lets_the_first_go_on(site):
     publish_plant(site)
     witness = site.broker.subscribe()

@@ -37,7 +37,7 @@ def prepare(redis):
         fcall("dp_set", "test", "", "1", "0", "100", "", "A.x", "v1"),
         fcall("dp_hello", "8.m", "8", "100000", "api", "here", "1", "v", "text"),
         ("HSET", "dp:cli", "old", "1 1"), ("ZADD", "dp:cli:use", "1", "old"),
-        ("HSET", "dp:mgr:7", "@writer", "7.before"),
+        ("HSET", "dp:mgr:1", "@writer", "1.before"),
         ("XADD", "dp:log", "50", "s", "1 test", "A.x", "v1"), ("SET", "dp:log:bytes", str((1 << 22) - 10)),
         ("RPUSH", "dp:log:marks", "1 3000000"), ("HSET", "dp:cfg", "logBytes", "2000000")])
 
@@ -51,12 +51,12 @@ LOOK = [
     ("XREAD", "COUNT", "10", "STREAMS", "dp:log", "0"), fcall("dp_managers")]
 DUTIES = {
     "gateway": [
-        *SIGN_ON, fcall("dp_version"), fcall("dp_hello", "7.a", "7", "100000", "api", "here", "1", "v", "text"),
-        fcall("dp_hello", "7.b", "7", "100000", "api", "here", "1", "v", "text"), fcall("dp_cat"),
-        fcall("dp_set", "7.a", "7:1", "1", "0", "200", "", "A.x", "i0v2", "A.y", "v3"),
-        fcall("dp_set", "7.a", "7:1", "2", "1", "200", "r", "A.y", "v4"), fcall("dp_snap", "A.x", "A.y"),
-        fcall("dp_since", "50"), fcall("dp_beat", "7.a", "7:1", "100000", "state", "running"),
-        ("XREAD", "COUNT", "10", "STREAMS", "dp:log", "0"), fcall("dp_bye", "7.a", "7")],
+        *SIGN_ON, fcall("dp_version"), fcall("dp_hello", "1.a", "1", "100000", "api", "here", "1", "v", "text"),
+        fcall("dp_hello", "1.b", "1", "100000", "api", "here", "1", "v", "text"), fcall("dp_cat"),
+        fcall("dp_set", "1.a", "1:1", "1", "0", "200", "", "A.x", "i0v2", "A.y", "v3"),
+        fcall("dp_set", "1.a", "1:1", "2", "1", "200", "r", "A.y", "v4"), fcall("dp_snap", "A.x", "A.y"),
+        fcall("dp_since", "50"), fcall("dp_beat", "1.a", "1:1", "100000", "state", "running"),
+        ("XREAD", "COUNT", "10", "STREAMS", "dp:log", "0"), fcall("dp_bye", "1.a", "1")],
     "tools": [
         *SIGN_ON, *LOOK, ("FUNCTION", "LIST", "LIBRARYNAME", "kelgw", "WITHCODE"), ("FUNCTION", "LOAD", "REPLACE", library()),
         fcall("dp_put", "kelgw.1", "A.x", "int", "B.x", "int"), fcall("dp_del", "kelgw.1", "A.z"),
@@ -122,14 +122,21 @@ NO_CODE = [("FUNCTION", "LOAD", "REPLACE", "#!lua name=kelgw\nredis.register_fun
 NO_CATALOGUE = [("DEL", "dp:cat"), fcall("dp_put", "x", "B.x", "int"), fcall("dp_del", "x", "A.x"), ("HSET", "dp:cat", "B.x", "int"),
                 ("HDEL", "dp:cat", "A.x"), ("HSET", "dp:cfg", "logBytes", "1")]
 NO_MANAGER = [fcall("dp_hello", "9.x", "9", "100", "api", "h", "1", "v", "t"), fcall("dp_beat", "9.x", "9:1", "100", "a", "b"),
-              ("HSET", "dp:mgr:7", "a", "b"), fcall("dp_bye", "8.m", "8"), ("ZADD", "dp:mgr", "1", "9")]
+              ("HSET", "dp:mgr:1", "a", "b"), fcall("dp_bye", "8.m", "8"), ("ZADD", "dp:mgr", "1", "9")]
+# An account has one number: that of another gateway is neither taken nor ended, not even past the functions.
+NO_OTHER_NUMBER = [
+    fcall("dp_hello", "9.x", "9", "100", "api", "h", "1", "v", "t"), fcall("dp_hello", "10.x", "10", "100", "api", "h", "1", "v", "t"),
+    fcall("dp_beat", "8.m", "8:1", "100", "a", "b"), fcall("dp_bye", "8.m", "8"),
+    fcall("dp_set", "8.m", "8:1", "9", "0", "1", "", "A.x", "v7"), ("DEL", "dp:mgr:8:lease"),
+    ("HSET", "dp:mgr:8:lease", "writer", "1.a"), ("HSET", "dp:mgr:8:owner", "generation", "9"), ("HSET", "dp:mgr:8", "a", "b"),
+    ("PEXPIRE", "dp:mgr:8:lease", "1")]
 NO_WRITE = [fcall("dp_set", "x", "", "9", "0", "1", "", "A.x", "v7"), fcall("dp_set", "8.m", "8:1", "9", "0", "1", "", "A.x", "v7"),
             ("HSET", "dp:d:A.x", "v", "7"), ("INCR", "dp:seq"), ("XADD", "dp:log", "*", "a", "b"), ("DEL", "dp:d:A.x"),
             ("RPUSH", "dp:log:marks", "x"), ("HSET", "dp:cli", "x", "1 1")]
 
 
 @pytest.mark.parametrize("user, more", [
-    ("gateway", NO_CODE + NO_CATALOGUE), ("tools", NO_MANAGER), ("watcher", NO_CODE + NO_CATALOGUE + NO_MANAGER + NO_WRITE)])
+    ("gateway", NO_CODE + NO_CATALOGUE + NO_OTHER_NUMBER), ("tools", NO_MANAGER), ("watcher", NO_CODE + NO_CATALOGUE + NO_MANAGER + NO_WRITE)])
 def test_what_is_not_a_users_is_refused_and_changes_nothing(guarded, user, more):
     redis = guarded.redis
     prepare(redis)

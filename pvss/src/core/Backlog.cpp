@@ -84,8 +84,11 @@ const WriteBatch* Backlog::next() const {
   return handed_ < entries_.size() ? &entries_[handed_].batch : nullptr;
 }
 
-void Backlog::handedOver() {
-  Entry& entry = entries_[handed_++];
+void Backlog::handedOver(std::size_t place) {
+  Entry& entry = entries_[place];
+  if (place == handed_) {
+    ++handed_;
+  }
   counters_.handed += entry.units;
   if (entry.everHanded) {
     counters_.resent += entry.units;
@@ -112,11 +115,22 @@ void Backlog::settled(const Entry& entry) {
   }
 }
 
-void Backlog::confirm(std::uint64_t clientSequence, WriteOutcome outcome) {
+void Backlog::confirm(std::uint64_t clientSequence, WriteOutcome outcome,
+                      const std::vector<std::uint32_t>& leftOut) {
   while (!entries_.empty() && entries_.front().batch.clientSequence <= clientSequence && handed_ > 0) {
     const Entry& entry = entries_.front();
     const bool refused = outcome == WriteOutcome::refused && entry.batch.clientSequence == clientSequence;
-    (refused ? counters_.rejected : counters_.confirmed) += entry.units;
+    std::uint32_t rejected = refused ? entry.units : 0;
+    if (!refused && !entry.batch.restore && entry.batch.clientSequence == clientSequence) {
+      for (const std::uint32_t place : leftOut) {
+        if (place < entry.batch.elements.size()) {
+          const bool implied = !entry.impliedFlag.empty() && entry.impliedFlag[place];
+          rejected += unitsOf(entry.batch.elements[place], implied);
+        }
+      }
+    }
+    counters_.rejected += rejected;
+    counters_.confirmed += entry.units - rejected;
     settled(entry);
     lastConfirmed_ = entry.batch.clientSequence;
     forget(entry);

@@ -40,11 +40,15 @@ class Backlog {
 
   /// The oldest batch that the store does not have; null when there is none.
   [[nodiscard]] const WriteBatch* next() const;
-  /// The store took next().
-  void handedOver();
+  /// How many are with the store.
+  [[nodiscard]] std::size_t handed() const { return handed_; }
+  /// The store took next(), when that stood at this place; linkLost() may have come in between.
+  void handedOver(std::size_t place);
 
-  /// The store is done with everything up to this number.
-  void confirm(std::uint64_t clientSequence, WriteOutcome outcome);
+  /// The store is done with everything up to this number. `leftOut`: what it refused of this one, by
+  /// position.
+  void confirm(std::uint64_t clientSequence, WriteOutcome outcome,
+               const std::vector<std::uint32_t>& leftOut = {});
   /// The link is down: nothing counts as handed over any more.
   void linkLost();
   /// The store is back and knows everything up to this number.

@@ -7,6 +7,7 @@
 #include "core/ManagerCore.h"
 #include "pvss/DiagHotLinkWaitForAnswer.h"
 #include "pvss/WaitForAnswer.h"
+#include "store/Farewell.h"
 #include "testing/Observers.h"
 
 using pvss::testing::currentObserver;
@@ -131,6 +132,7 @@ PVSSboolean Manager::dpSetTimed(const TimeVar& time, const DpIdValueList& values
 }
 
 void Manager::exit(int code) {
+  pvss::farewell::say();
   ::_exit(code);
 }
 

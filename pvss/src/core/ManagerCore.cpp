@@ -159,10 +159,16 @@ void ManagerCore::pump() {
     });
   }
   for (const WriteBatch* batch = backlog_.next(); batch != nullptr; batch = backlog_.next()) {
+    const std::size_t place = backlog_.handed();
     if (!store_->write(*batch)) {
       return;
     }
-    backlog_.handedOver();
+    // The link may have failed under this very write; parts of it, or all, are on their way then.
+    backlog_.handedOver(place);
+    if (link_ != Link::up) {
+      backlog_.linkLost();
+      return;
+    }
   }
 }
 
@@ -290,7 +296,8 @@ void ManagerCore::snapshot(std::uint64_t request, std::uint64_t sequence, std::v
   followers_.snapshot(request, sequence, std::move(states));
 }
 
-void ManagerCore::confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text) {
+void ManagerCore::confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text,
+                            const std::vector<std::uint32_t>& leftOut) {
   if (outcome == WriteOutcome::fenced) {
     endIfRunning(text);
     const std::uint64_t dropped = backlog_.dropAll();
@@ -302,7 +309,7 @@ void ManagerCore::confirmed(std::uint64_t clientSequence, WriteOutcome outcome, 
     return;
   }
   const std::uint64_t before = counters_.rejected;
-  backlog_.confirm(clientSequence, outcome);
+  backlog_.confirm(clientSequence, outcome, leftOut);
   if (counters_.rejected != before || (outcome == WriteOutcome::applied && !text.empty())) {
     sayRejected(std::max<std::uint64_t>(counters_.rejected - before, 1), std::string(text));
   }

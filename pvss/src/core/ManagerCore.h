@@ -58,7 +58,8 @@ class ManagerCore final : private StoreListener {
   void catalogueChanged(CatalogueEntry entry) override;
   void changed(const Change& change) override;
   void snapshot(std::uint64_t request, std::uint64_t sequence, std::vector<ElementState> states) override;
-  void confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text) override;
+  void confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text,
+                 const std::vector<std::uint32_t>& leftOut) override;
   void lease(bool held, std::string_view holder) override;
   void gap(std::string_view reason) override;
 

@@ -132,7 +132,9 @@ class StoreListener {
   virtual void changed(const Change& change) = 0;
   /// Answer to readSnapshot(): states in the order asked, true as of `sequence`.
   virtual void snapshot(std::uint64_t request, std::uint64_t sequence, std::vector<ElementState> states) = 0;
-  virtual void confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text) = 0;
+  /// `leftOut`: positions in the batch of what was refused of one that was applied in part.
+  virtual void confirmed(std::uint64_t clientSequence, WriteOutcome outcome, std::string_view text,
+                         const std::vector<std::uint32_t>& leftOut) = 0;
   /// The lease on the manager number: false with the holder's description while another has it.
   virtual void lease(bool held, std::string_view holder) = 0;
   /// Changes were missed (log trimmed, sequence went back): everything connected must be read again.

@@ -288,6 +288,10 @@ void MemoryPlant::loseNewest(std::size_t changes) {
 void MemoryPlant::holdLease(const std::string& holder) {
   database_->leaseHolder = holder;
 }
+void MemoryPlant::failLinkInNextWrite() {
+  database_->failLinkInNextWrite = true;
+}
+
 void MemoryPlant::fenceNextWrite() {
   database_->fenceNext = true;
 }

@@ -53,7 +53,7 @@ class BacklogTest : public ::testing::Test {
     std::vector<WriteBatch> batches;
     while (const WriteBatch* batch = backlog->next()) {
       batches.push_back(*batch);
-      backlog->handedOver();
+      backlog->handedOver(backlog->handed());
     }
     return batches;
   }
@@ -335,7 +335,7 @@ TEST_F(BacklogTest, RandomTroubleEndsInTheNewestValuesAndABalancedLedger) {
         case 3:
           if (const WriteBatch* batch = backlog->next()) {
             flying.push_back(*batch);
-            backlog->handedOver();
+            backlog->handedOver(backlog->handed());
           }
           break;
         case 4:

@@ -303,6 +303,44 @@ TEST_F(ManagerFaultsTest, AWriteThatTheStoreRefusesIsRejectedAndReported) {
   expectBalance();
 }
 
+TEST_F(ManagerFaultsTest, WhatIsRefusedOfACallIsNotCountedAsConfirmed) {
+  start();
+  plant->holdWrites(true);
+  DpIdValueList list;
+  list.append(id("A.x:_original.._value"), FloatVar(1));
+  list.append(id("A.x:_original.._userbit1"), BitVar(true));
+  list.append(id("A.y:_original.._value"), IntegerVar(2));
+  Manager::dpSetTimed(TimeVar(PVSSTime::fromMilliseconds(1)), list, Manager::eventId, nullptr, 1);
+  dispatch();
+  plant->removeElement("A.x");
+  plant->holdWrites(false);
+  ::testing::internal::CaptureStderr();
+  dispatch();
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              HasSubstr("2 values cannot be written, for example no such element: A.x"));
+  EXPECT_EQ(Manager::getCounters().rejected, 2U);
+  EXPECT_EQ(Manager::getCounters().confirmed, 1U);
+  expectBalance();
+}
+
+TEST_F(ManagerFaultsTest, AWriteUnderWhichTheLinkFailsWasHandedOverAndIsResent) {
+  start();
+  plant->holdWrites(true);
+  set("A.x:_original.._value", FloatVar(1), 1);
+  plant->failLinkInNextWrite();
+  DpIdValueList list;
+  list.append(id("A.y:_original.._value"), IntegerVar(2));
+  list.append(id("A.y:_original.._userbit1"), BitVar(true));
+  Manager::dpSetTimed(TimeVar(PVSSTime::fromMilliseconds(2)), list, Manager::eventId, nullptr, 1);
+  EXPECT_EQ(Manager::getCounters().handed, 3U);
+  plant->holdWrites(false);
+  dispatch();
+  EXPECT_EQ(Manager::getCounters().handed, 6U);
+  EXPECT_EQ(Manager::getCounters().resent, 3U);
+  EXPECT_EQ(Manager::getCounters().confirmed, 3U);
+  expectBalance();
+}
+
 TEST_F(ManagerFaultsTest, TheHeartbeatComesOnceASecond) {
   start();
   set("A.x:_original.._value", FloatVar(1), 1);

@@ -142,6 +142,8 @@ class MemoryPlant {
   void holdLease(const std::string& holder);
   /// Confirms the next write as fenced.
   void fenceNextWrite();
+  /// The link fails while the next write is handed over.
+  void failLinkInNextWrite();
   /// The store reports that changes were missed and lost these ones on the way.
   void gapDuring(const std::vector<std::pair<std::string, ElementWrite>>& missed, std::int64_t timeMs);
   /// The last heartbeat, name and value.

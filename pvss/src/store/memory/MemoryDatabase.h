@@ -63,6 +63,7 @@ class MemoryDatabase {
   bool holdConfirmations = false;
   bool holdSnapshots = false;
   bool fenceNext = false;
+  bool failLinkInNextWrite = false;
   bool keepHistory = false;
   std::size_t window = 0;
   std::string leaseHolder;

@@ -110,7 +110,7 @@ void MemoryStore::fence(const std::string& holder) {
   std::deque<WriteBatch> writes;
   writes.swap(writes_);
   for (const WriteBatch& batch : writes) {
-    listener_->confirmed(batch.clientSequence, WriteOutcome::fenced, holder);
+    listener_->confirmed(batch.clientSequence, WriteOutcome::fenced, holder, {});
   }
   listener_->lease(false, holder);
   goDown(State::leaseTaken, "the manager number was taken");
@@ -159,12 +159,13 @@ void MemoryStore::apply(WriteBatch batch) {
   MemoryDatabase::Writer known = database_->writer(identity_.writer);
   if (batch.clientSequence <= known.lastClientSequence) {
     called_ = true;
-    listener_->confirmed(batch.clientSequence, WriteOutcome::duplicate, {});
+    listener_->confirmed(batch.clientSequence, WriteOutcome::duplicate, {}, {});
     return;
   }
   // By database index in scratch_, by element id in the change that the manager hears of.
   scratch_.clear();
   std::string missing;
+  std::vector<std::uint32_t> leftOut;
   bool skipped = false;
   for (const ElementAttributes& attributes : batch.elements) {
     if (!batch.restore) {
@@ -173,6 +174,7 @@ void MemoryStore::apply(WriteBatch batch) {
     const MemoryDatabase::Index index = indexOf(attributes.element);
     if (index == MemoryDatabase::none || database_->at(index).entry.type == DPELEMENT_NOELEMENT) {
       missing += (missing.empty() ? "no such element: " : ", ") + directory_->nameOf(attributes.element);
+      leftOut.push_back(static_cast<std::uint32_t>(&attributes - batch.elements.data()));
       skipped = true;
     } else {
       const std::uint8_t newer = batch.restore ? database_->writtenSinceLoss(index) : std::uint8_t{0};
@@ -205,13 +207,18 @@ void MemoryStore::apply(WriteBatch batch) {
   if (!database_->holdConfirmations) {
     const bool refused = scratch_.empty() && !missing.empty();
     listener_->confirmed(batch.clientSequence, refused ? WriteOutcome::refused : WriteOutcome::applied,
-                         missing);
+                         missing, leftOut);
   }
 }
 
 bool MemoryStore::write(const WriteBatch& batch) {
   if (state_ != State::up || (database_->window != 0 && writes_.size() >= database_->window)) {
     return false;
+  }
+  if (database_->failLinkInNextWrite) {
+    database_->failLinkInNextWrite = false;
+    goDown(State::connecting, "the link failed under a write");
+    return true;
   }
   writes_.push_back(batch);
   return true;

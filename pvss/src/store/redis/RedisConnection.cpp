@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "store/Farewell.h"
 #include "store/redis/ServerError.h"
 #include "store/redis/SignOn.h"
 
@@ -87,6 +88,7 @@ void RedisConnection::close() {
   ++generation_;
   if (finder_) finder_->cancel();
   dialer_.cancel();
+  if (std::exchange(speaksAtEnd_, false)) farewell::withdraw();
   stream_.reset();
   output_.clear();
   tagsIn_ = tagsOut_ = 0;
@@ -216,11 +218,19 @@ std::string& RedisConnection::command(std::uint64_t tag) {
   return output_.tail();
 }
 
+void RedisConnection::sayAtEnd(std::string_view command) {
+  if (!address_.tls && !speaksAtEnd_) speaksAtEnd_ = farewell::offer(stream_->descriptor(), command);
+}
+
 void RedisConnection::flush() {
   if (!stream_) return;
   while (!output_.empty()) {
     const std::string_view unsent = output_.unsent();
+    if (speaksAtEnd_ && !farewell::begin()) return;
     const StreamResult result = stream_->write(unsent.data(), unsent.size());
+    if (speaksAtEnd_) {
+      farewell::end(result.status == StreamResult::Status::moved && result.bytes == unsent.size());
+    }
     if (result.status == StreamResult::Status::wait) return;
     if (result.status != StreamResult::Status::moved) {
       // What the server said last may still be there to be read; reading will then find the end.

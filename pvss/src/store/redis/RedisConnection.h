@@ -75,6 +75,9 @@ class RedisConnection {
   /// The output buffer, to which the caller appends exactly one command; its reply comes under the tag.
   /// Only while ready. Nothing is sent before flush().
   std::string& command(std::uint64_t tag);
+  /// What is sent when the process ends by Manager::exit, unless something is half sent just then. Only while
+  /// ready; of one connection of the process, and not over TLS.
+  void sayAtEnd(std::string_view command);
   /// Sends what the socket takes.
   void flush();
   [[nodiscard]] std::size_t unsent() const { return output_.unsent().size(); }  ///< bytes
@@ -111,9 +114,10 @@ class RedisConnection {
   ConnectionState state_ = ConnectionState::closed;
   std::uint64_t generation_ = 0;  // tells whether a callback closed or reopened the connection
   Clock::time_point since_{};     // start of the attempt, then of the last sign of life
-  bool waiting_ = false;          // replies were due at the last tick
-  std::uint64_t sent_ = 0;        // bytes given to the system
-  std::uint64_t arrived_ = 0;     // of these, at the last tick, what the other side has taken
+  bool speaksAtEnd_ = false;
+  bool waiting_ = false;       // replies were due at the last tick
+  std::uint64_t sent_ = 0;     // bytes given to the system
+  std::uint64_t arrived_ = 0;  // of these, at the last tick, what the other side has taken
 
   std::unique_ptr<SentinelFinder> finder_;  // null for an address of one server
   Dialer dialer_;

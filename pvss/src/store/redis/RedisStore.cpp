@@ -10,6 +10,7 @@ namespace pvss::redis {
 namespace {
 
 constexpr std::chrono::milliseconds tickLength{250};
+constexpr unsigned mostOddTimes = 5;
 
 timespec timespecOf(std::chrono::nanoseconds length) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(length);
@@ -139,6 +140,7 @@ void RedisStore::onWrite(ReplyCursor reply) {
   const Flying written = flying_[flyingOut_ & (flying_.size() - 1)];
   WriteOutcome outcome = WriteOutcome::applied;
   std::string text;
+  leftOut_.clear();
   if (reply.isError()) {
     const std::string_view error = reply.text();
     switch (kindOfServerError(error)) {
@@ -149,22 +151,37 @@ void RedisStore::onWrite(ReplyCursor reply) {
         outcome = WriteOutcome::refused;
         text = describeServerError(error);
         break;
+      case ServerErrorKind::unknown:
+        // Perhaps it passes; but no single write stops all those behind it for ever.
+        oddTimes_ = oddWrite_ == written.clientSequence ? oddTimes_ + 1 : 1;
+        oddWrite_ = written.clientSequence;
+        if (oddTimes_ < mostOddTimes) {
+          refusesWrites_ = true;
+          serverError(error);
+          return;
+        }
+        outcome = WriteOutcome::refused;
+        text = describeServerError(error);
+        break;
       default:
         // Nothing was applied, and nothing behind it will be: all of it is offered again on the next link.
+        refusesWrites_ = true;
         serverError(error);
         return;
     }
   } else if (reply.isArray()) {
-    reply.array();
+    const std::size_t items = reply.array();
     reply.skip();
     text = reply.text();
+    for (std::size_t i = 2; i < items; ++i) leftOut_.push_back(static_cast<std::uint32_t>(reply.integer()));
   } else if (reply.integer() == 0) {
     outcome = WriteOutcome::duplicate;
   }
+  if (refusesWrites_) settledIn();
   ++flyingOut_;
   flyingBytes_ -= written.bytes;
   called_ = true;
-  listener_->confirmed(written.clientSequence, outcome, text);
+  listener_->confirmed(written.clientSequence, outcome, text, leftOut_);
 }
 
 }  // namespace pvss::redis

@@ -95,6 +95,7 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   void drop(std::string_view reason);
   void trouble(std::string_view text);
   void sayBack();
+  void settledIn();
   void serverError(std::string_view error);
   void askVersion();
   void onVersion(ReplyCursor reply);
@@ -168,7 +169,12 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   std::size_t flyingOut_ = 0;
   std::size_t flyingBytes_ = 0;
   std::uint64_t previousWrite_ = 0;
+  std::uint64_t oddWrite_ = 0;  // the last one that was answered with an error that is not known,
+  unsigned oddTimes_ = 0;       // and how often
+  // The last write was answered with an error: that the server can be reached and read again proves nothing.
+  bool refusesWrites_ = false;
   std::string scratch_;
+  std::vector<std::uint32_t> leftOut_;
 
   struct Snapshot {
     std::uint64_t request = 0;

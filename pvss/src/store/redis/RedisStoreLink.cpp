@@ -84,6 +84,13 @@ void RedisStore::sayBack() {
   }
 }
 
+/// What was wrong is over.
+void RedisStore::settledIn() {
+  refusesWrites_ = false;
+  backoff_.reset();
+  sayBack();
+}
+
 void RedisStore::restart(std::string_view reason) {
   trouble(reason);
   drop(reason);
@@ -220,6 +227,15 @@ void RedisStore::takeGeneration(std::uint64_t generation) {
   prefix.text("0");
   prefix.text(identity_.writer);
   prefix.text(fence_);
+  std::string bye;
+  RespWriter command(bye);
+  command.header(5);
+  command.text("FCALL");
+  command.text("dp_bye");
+  command.text("0");
+  command.text(identity_.writer);
+  command.number(identity_.number);
+  commands_.sayAtEnd(bye);
 }
 
 void RedisStore::tellLease(bool held, std::string_view holder) {
@@ -291,8 +307,7 @@ void RedisStore::onCatalogue(ReplyCursor reply) {
   logKnown_ = true;
   runId_ = greeting_.runId;
   previousWrite_ = greeting_.lastClientSequence;
-  backoff_.reset();
-  sayBack();
+  if (!refusesWrites_) settledIn();
   enter(LinkState::up, "catalogue loaded");
   called_ = true;
   listener_->catalogueLoaded(std::move(entries));
@@ -333,7 +348,7 @@ void RedisStore::leaseLost(std::string_view holder) {
   if (flyingOut_ != flyingIn_) {
     called_ = true;
     listener_->confirmed(flying_[flyingOut_ & (flying_.size() - 1)].clientSequence, WriteOutcome::fenced,
-                         kept);
+                         kept, {});
   }
   drop("the manager number was taken by " + kept);
   tellLease(false, kept);

@@ -19,7 +19,7 @@ constexpr std::array known{
     Known{"BUSY", ServerErrorKind::trouble},         Known{"TRYAGAIN", ServerErrorKind::trouble},
     Known{"NOAUTH", ServerErrorKind::denied},        Known{"WRONGPASS", ServerErrorKind::denied},
     Known{"NOPERM", ServerErrorKind::denied},        Known{"FENCED", ServerErrorKind::fenced},
-    Known{"ORDER", ServerErrorKind::order},
+    Known{"ORDER", ServerErrorKind::order},          Known{"REFUSED", ServerErrorKind::refused},
 };
 
 }  // namespace
@@ -35,7 +35,7 @@ ServerErrorKind kindOfServerError(std::string_view error) {
   // What a function may not do has no code of its own.
   if (error.starts_with("ERR The user executing the script can't")) return ServerErrorKind::denied;
   if (error.starts_with("ERR max number of clients")) return ServerErrorKind::trouble;
-  return ServerErrorKind::refused;
+  return ServerErrorKind::unknown;
 }
 
 std::string describeServerError(std::string_view error) {
@@ -56,6 +56,8 @@ std::string describeServerError(std::string_view error) {
     case ServerErrorKind::fenced:
       return "the manager number is held by " +
              std::string(error.substr(std::min<std::size_t>(7, error.size())));
+    case ServerErrorKind::unknown:
+      return "the server answers with an error that is not known here: " + words;
     case ServerErrorKind::order:
     case ServerErrorKind::refused:
       break;

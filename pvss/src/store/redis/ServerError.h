@@ -16,6 +16,7 @@ enum class ServerErrorKind : std::uint8_t {
   fenced,            ///< another manager holds the number
   order,             ///< an earlier write did not get through
   refused,           ///< this very request will never succeed
+  unknown,           ///< none of these
 };
 
 ServerErrorKind kindOfServerError(std::string_view error);

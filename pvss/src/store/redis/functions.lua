@@ -267,7 +267,7 @@ local function dp_set(_, args)
   local call, pcall = redis.call, redis.pcall
 
   -- Look first, write afterwards: nothing below can fail half way. The plan has STEP places for each element.
-  local plan, n, bytes, unknown, broken, skipped = {}, 0, 0, nil, nil, false
+  local plan, n, bytes, unknown, broken, skipped, left_out = {}, 0, 0, nil, nil, false, nil
   local good, bad, valued = 0, 0, false
   for i = 7, #args, 2 do
     local name, text = args[i], args[i + 1]
@@ -285,6 +285,8 @@ local function dp_set(_, args)
       broken, bad = name, bad + count
     elseif not was and call('HEXISTS', 'dp:cat', name) == 0 then
       unknown, bad = unknown and unknown .. ', ' .. name or name, bad + count
+      left_out = left_out or {}
+      left_out[#left_out + 1] = (i - 7) / 2
     elseif text == '' then
       skipped = true  -- nothing of it is the newest any more
     else
@@ -348,7 +350,9 @@ local function dp_set(_, args)
   if broken then return redis.error_reply('REFUSED ' .. broken .. ': no text of attributes, or no hash in the store') end
   if unknown then
     if n == 0 then return redis.error_reply('REFUSED no such element: ' .. unknown) end
-    return {seq, 'no such element: ' .. unknown}
+    local answer = {seq, 'no such element: ' .. unknown}
+    for k = 1, #left_out do answer[k + 2] = left_out[k] end
+    return answer
   end
   return seq
 end

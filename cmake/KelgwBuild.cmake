@@ -47,7 +47,8 @@ if(KELGW_TESTS)
 endif()
 
 # kelgw_add_test(<name> SOURCES <files...> [LIBS <targets...>] [LABELS <labels...>] [TIMEOUT <seconds>])
-# One GoogleTest executable, one ctest entry. The time limit only ends a hung test.
+# One GoogleTest executable, one ctest entry, judged by its closing line as well as by its exit code: a test that
+# ends the process does not pass. The time limit only ends a hung test.
 function(kelgw_add_test name)
   if(NOT KELGW_TESTS)
     return()
@@ -61,7 +62,7 @@ function(kelgw_add_test name)
   if(arg_INCLUDES)
     target_include_directories(${name} PRIVATE ${arg_INCLUDES})
   endif()
-  add_test(NAME ${name} COMMAND ${name})
+  add_test(NAME ${name} COMMAND /usr/bin/python3 -B "${PROJECT_SOURCE_DIR}/tests/support/gtest_run.py" $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT})
   if(arg_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}")

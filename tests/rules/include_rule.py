@@ -25,6 +25,7 @@ ALLOWED = {
     "tools": {"tools"} | PUBLIC,
     "demo": {"demo"} | PUBLIC,
     "tests/support": {"tests/support"} | PUBLIC,
+    "tests/rules": set(),
     "tests/unit/runtime": {"PlatformDependant"},
     "tests/unit/pvss": {"pvss/include", "pvss/src"},
     "tests/unit/kel": {"kel/include", "kel/src"},

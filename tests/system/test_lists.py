@@ -111,16 +111,25 @@ def test_lists_of_a_thousand_elements_change_under_traffic_without_losing_a_reco
                 result.setdefault(f"g{(i + shift) % 50}", {})[f"t{i}"] = f"E{i}.v"
         return result
 
-    for g in range(50):
-        site.broker.publish(f"g{g}", codec.encode({f"t{i}": ("int", i) for i in range(count)}, time_ns=NS))
+    def record(shift):
+        # No two records are alike, nor two fields of one.
+        return codec.encode({f"t{i}": ("int", shift * count + i) for i in range(count)}, time_ns=NS + shift * 1_000_000)
+
+    newest = {f"g{g}": 0 for g in range(50)}
+    for publication in newest:
+        site.broker.publish(publication, record(0))
     site.apply(elements, mapping(0))
     gateway = site.gateway()
     for shift in range(1, 6):
         site.apply(elements, mapping(shift))
-        site.broker.publish(f"g{shift}", codec.encode({f"t{i}": ("int", i) for i in range(count)}, time_ns=NS + shift * 1_000_000))
-    mapped = {element for fields in mapping(5).values() for element in fields.values()}
-    harness.wait_until(lambda: "every mapped element to be valid\n" + gateway.said(),
-                       lambda: {reading["name"] for reading in site.get("E*")["elements"] if not reading["invalid"]} >= mapped, 60)
-    for reading in site.get("E*")["elements"]:
-        if reading["name"] in mapped:
-            assert reading["value"] == int(reading["name"][1:].split(".")[0])
+        site.broker.publish(f"g{shift}", record(shift))
+        newest[f"g{shift}"] = shift
+    wanted = {element: newest[publication] * count + int(tag[1:])
+              for publication, fields in mapping(5).items() for tag, element in fields.items()}
+
+    def not_there():
+        found = {reading["name"]: (reading["value"], reading["invalid"]) for reading in site.get("E*")["elements"]}
+        return {element: (found[element], value) for element, value in wanted.items() if found[element] != (value, False)}
+
+    harness.wait_until(lambda: f"the newest record in every mapped element, not {dict(list(not_there().items())[:5])}\n"
+                       + gateway.said(), lambda: not not_there(), 60)

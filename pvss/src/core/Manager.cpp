@@ -32,6 +32,9 @@ Manager::Manager(const ManagerIdentifier& identifier)
     : core_(std::make_unique<pvss::ManagerCore>(identifier)) {
   managerState = STATE_JUST_STARTED;
   manPtr = this;
+  if (auto* const observer = currentObserver()) {
+    observer->onRegister(identifier);
+  }
 }
 
 Manager::~Manager() {

@@ -43,6 +43,11 @@ struct MemoryPlant::Recorder final : ManagerObserver {
     return record;
   }
 
+  void onRegister(const ManagerIdentifier& identifier) override {
+    if (further != nullptr) {
+      further->onRegister(identifier);
+    }
+  }
   void onConnectToData(unsigned char flags, unsigned int count) override {
     if (further != nullptr) {
       further->onConnectToData(flags, count);

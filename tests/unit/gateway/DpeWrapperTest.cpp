@@ -3,6 +3,11 @@
 #include <pvss/DpMsgAnswer.h>
 #include <pvss/IntegerVar.h>
 
+#include <array>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
 #include "Gateway.h"
 #include "mapping.h"
 #include "pubDpeWrapper.h"
@@ -149,7 +154,7 @@ TEST_F(DpeWrapper, listOfNoElementsGivesItsPresentSize) {
   EXPECT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 1), 3);
 }
 
-TEST_F(DpeWrapper, fetchWaitsForEveryAnswer) {
+TEST_F(DpeWrapper, fetchAsksOnceAndGetsEveryAnswer) {
   plant.addElement("A.v", DPELEMENT_INT);
   plant.addElement("B.v", DPELEMENT_TEXT);
   start();
@@ -168,6 +173,53 @@ TEST_F(DpeWrapper, fetchWaitsForEveryAnswer) {
   ASSERT_EQ(plant.gets().size(), 1U);
   EXPECT_EQ(plant.gets()[0].answer, &handler);
   EXPECT_EQ(plant.gets()[0].flags, 0U);
+}
+
+/// Answers a read itself, one value at some turn and the other later, so that whoever waits has to wait.
+class LateAnswers final : public pvss::testing::ManagerObserver {
+ public:
+  void onDpGet(const DpIdentList& ids, WaitForAnswer* answer, unsigned int /*flags*/) override {
+    ids_ = ids;
+    answer_ = answer;
+  }
+  void onDispatch(long sec, long usec) override {
+    waits.emplace_back(sec, usec);
+    if (waits.size() == 3) {
+      deliver(1);
+    } else if (waits.size() == 7) {
+      deliver(0);
+    } else if (waits.size() > 50) {
+      throw std::runtime_error("waits for more than was asked for");
+    }
+  }
+  std::vector<std::pair<long, long>> waits;
+
+ private:
+  void deliver(unsigned int index) {
+    DpMsgAnswer message;
+    message.addGroup().append(ids_[index], new IntegerVar(static_cast<int>(index)));
+    answer_->callBack(message);
+  }
+  DpIdentList ids_;
+  WaitForAnswer* answer_ = nullptr;
+};
+
+TEST_F(DpeWrapper, fetchGoesOnWaitingUntilTheLastAnswerHasCome) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.addElement("B.v", DPELEMENT_INT);
+  start();
+  DpIdentList list;
+  const std::array<CharString, 2> names{"A.v:_original.._value", "B.v:_original.._value"};
+  ASSERT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 2), 2);
+  plant.holdSnapshots(true);  // the plant's own answers do not come
+  LateAnswers late;
+  plant.observe(&late);
+  CdpGetCallBackHandler handler;
+  CsimpleDPEWrapper::getValuesOfDPEs(handler, list);
+  plant.observe(nullptr);
+  EXPECT_EQ(late.waits, (std::vector<std::pair<long, long>>(7, {0, 200})));
+  EXPECT_EQ(describe(handler.getListOfResponses()),
+            (Lines{"B.v:_original.._value = int 1", "A.v:_original.._value = int 0"}));
 }
 
 TEST_F(DpeWrapper, fetchOfNothingReturnsAtOnce) {

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "Gateway.h"
 #include "KelApiResources.h"
@@ -17,6 +19,7 @@ namespace {
 /// Sees what the manager asks of the platform, and ends its main loop after some turns.
 class Watch final : public pvss::testing::ManagerObserver {
  public:
+  void onRegister(const ManagerIdentifier& identifier) override { registeredAs = identifier; }
   void onConnectToData(unsigned char flags, unsigned int count) override {
     note("connectToData " + std::to_string(flags) + " " + std::to_string(count));
   }
@@ -44,6 +47,7 @@ class Watch final : public pvss::testing::ManagerObserver {
   void note(std::string call) { calls.push_back(std::move(call)); }
 
   Lines calls;
+  ManagerIdentifier registeredAs;
   int loopTurns = 0;
   int turnsToRun = 20;
 };
@@ -73,7 +77,19 @@ class ManagerLoop : public Gateway {
   Watch watch;
 };
 
-TEST_F(ManagerLoop, registersAsAnApiManagerAndConnectsInOrder) {
+TEST_F(ManagerLoop, registersAsAnApiManager) {
+  EXPECT_EQ(run(), "");
+  EXPECT_EQ(watch.registeredAs, ManagerIdentifier(0, API_MAN, 1, 0));
+}
+
+TEST_F(ManagerLoop, registersUnderTheNumberOfTheCommandLine) {
+  const int before = std::exchange(Resources::ownManId.manNum, 42);
+  EXPECT_EQ(run(), "");
+  Resources::ownManId.manNum = before;
+  EXPECT_EQ(watch.registeredAs, ManagerIdentifier(0, API_MAN, 42, 0));
+}
+
+TEST_F(ManagerLoop, connectsInOrder) {
   EXPECT_EQ(run(), "");
   EXPECT_EQ(watch.calls, (Lines{"connectToData 3 0", "dispatch 1 0", "connectToEvent 0", "dispatch 0 1000"}));
 }
@@ -314,89 +330,30 @@ TEST_F(ManagerLoopDeathTest, interruptAndTerminationEndTheProcessWithoutDraining
   }
 }
 
-TEST_F(ManagerLoop, otherSignalsAreThePlatforms) {
-  manager.emplace();
-  manager->signalHandler(SIGUSR1);  // does nothing there; above all it does not end the process
-  std::signal(SIGUSR1, Manager::sigHdl);
-  std::raise(SIGUSR1);
-  std::signal(SIGUSR1, SIG_DFL);
-  SUCCEED();
+TEST_F(ManagerLoopDeathTest, otherSignalsAreThePlatforms) {
+  // The platform does nothing with them; above all they do not end the process.
+  EXPECT_EXIT(
+      {
+        manager.emplace();
+        for (const int number : {SIGHUP, SIGUSR1, SIGALRM}) {
+          manager->signalHandler(number);
+          std::signal(number, Manager::sigHdl);
+          std::raise(number);
+        }
+        std::fputs("still there\n", stderr);
+        std::_Exit(7);
+      },
+      testing::ExitedWithCode(7), "still there");
 }
 
-TEST_F(ManagerLoop, signalWithoutManagerIsIgnored) {
-  Manager::sigHdl(SIGTERM);
-  SUCCEED();
-}
-
-// --- the listener of the lists
-
-class RecordingSide final : public CkelManager {
- public:
-  void updateConfig(const DynVar* list) override { lists.push_back(gateway_test::describe(list)); }
-  Lines lists;
-};
-
-class ListListener : public ::testing::Test {
- protected:
-  RecordingSide side;
-  ConfigListChangeListener listener{side};
-};
-
-TEST_F(ListListener, isAHotLink) {
-  EXPECT_EQ(listener.isA(), WaitForAnswer::KIND_HOTLINK);
-}
-
-TEST_F(ListListener, answerWithAnEmptyListIsHandedOver) {
-  DpMsgAnswer answer;
-  answer.addGroup().append(DpIdentifier(1, 1), new DynVar(TEXT_VAR));
-  listener.callBack(answer);
-  EXPECT_EQ(side.lists, Lines{"dyn []"});
-}
-
-TEST_F(ListListener, answerWithoutGroupsDoesNothing) {
-  DpMsgAnswer answer;
-  EXPECT_EQ(printedBy([&] { listener.callBack(answer); }), "");
-  EXPECT_TRUE(side.lists.empty());
-}
-
-TEST_F(ListListener, groupsAndItemsAreTakenInOrder) {
-  DpMsgAnswer answer;
-  AnswerGroup& first = answer.addGroup();
-  first.append(DpIdentifier(1, 1), textList({"a"}).clone());
-  first.append(DpIdentifier(1, 1), textList({"b"}).clone());
-  answer.addGroup().append(DpIdentifier(1, 1), textList({"c"}).clone());
-  listener.hotLinkCallBack(answer);
-  EXPECT_EQ(side.lists, (Lines{"dyn [text a]", "dyn [text b]", "dyn [text c]"}));
-}
-
-TEST_F(ListListener, hotLinkWithTwoItemsIsTwoUpdates) {
-  DpHLGroup group;
-  group.append(DpIdentifier(1, 1), textList({"a", "b"}).clone());
-  group.append(DpIdentifier(1, 1), textList({}).clone());
-  listener.hotLinkCallBack(group);
-  EXPECT_EQ(side.lists, (Lines{"dyn [text a, text b]", "dyn []"}));
-}
-
-TEST_F(ListListener, itemWithoutListIsReportedAndTheNextOneTaken) {
-  DpMsgAnswer answer;
-  AnswerGroup& group = answer.addGroup();
-  group.append(DpIdentifier(1, 1), nullptr);
-  group.append(DpIdentifier(1, 1), textList({"a"}).clone());
-  EXPECT_EQ(printedBy([&] { listener.callBack(answer); }),
-            "ERROR: kelManager 26 ConfigListChangeListener::callBack - client list is missing\n");
-  DpHLGroup change;
-  change.append(DpIdentifier(1, 1), nullptr);
-  change.append(DpIdentifier(1, 1), textList({"b"}).clone());
-  EXPECT_EQ(printedBy([&] { listener.hotLinkCallBack(change); }),
-            "ERROR: kelManager 43 ConfigListChangeListener::hotLinkCallBack - client list is missing\n");
-  EXPECT_EQ(side.lists, (Lines{"dyn [text a]", "dyn [text b]"}));
-}
-
-TEST(ListTexts, onlyTextsAreTaken) {
-  EXPECT_EQ(textsOf(textList({"a", "b"})), (std::vector<CharString>{"a", "b"}));
-  DynVar numbers(INTEGER_VAR);
-  numbers.append(IntegerVar(1));
-  EXPECT_TRUE(textsOf(numbers).empty());
+TEST_F(ManagerLoopDeathTest, signalWithoutManagerIsIgnored) {
+  EXPECT_EXIT(
+      {
+        Manager::sigHdl(SIGTERM);
+        std::fputs("still there\n", stderr);
+        std::_Exit(7);
+      },
+      testing::ExitedWithCode(7), "still there");
 }
 
 }  // namespace

@@ -18,6 +18,22 @@
 
 namespace {
 
+/// What stands there when main begins, before any test has touched it.
+class Defaults final : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    clientSourceName = KelApiResources::clientSourceName;
+    pubSourceName = KelApiResources::pubSourceName;
+    publisherName = KelApiResources::publisherName;
+  }
+  CharString clientSourceName{"not looked at"};
+  CharString pubSourceName{"not looked at"};
+  CharString publisherName{"not looked at"};
+};
+
+/// GoogleTest's from the first moment on.
+auto* const defaults = static_cast<Defaults*>(testing::AddGlobalTestEnvironment(new Defaults));
+
 class Configuration : public ::testing::Test {
  protected:
   Configuration() {
@@ -30,9 +46,9 @@ class Configuration : public ::testing::Test {
     std::filesystem::remove_all(folder_);
   }
   static void reset() {
-    KelApiResources::clientSourceName = "";
-    KelApiResources::pubSourceName = "";
-    KelApiResources::publisherName = defaultPublisher;
+    KelApiResources::clientSourceName = defaults->clientSourceName;
+    KelApiResources::pubSourceName = defaults->pubSourceName;
+    KelApiResources::publisherName = defaults->publisherName;
   }
   [[nodiscard]] std::string file(const std::string& text) const {
     std::string path = (folder_ / "config").string();
@@ -52,6 +68,12 @@ class Configuration : public ::testing::Test {
   static constexpr const char* defaultPublisher = "PVSSApiManager_PublisherNameMissing";
   std::filesystem::path folder_;
 };
+
+TEST_F(Configuration, defaultsStandBeforeAnythingIsRead) {
+  EXPECT_EQ(defaults->clientSourceName, "");
+  EXPECT_EQ(defaults->pubSourceName, "");
+  EXPECT_EQ(defaults->publisherName, "PVSSApiManager_PublisherNameMissing");
+}
 
 TEST_F(Configuration, missingSectionLeavesTheDefaults) {
   read("");

@@ -21,6 +21,7 @@
 #include "pvss/DpIdValueList.h"
 #include "pvss/DpIdentList.h"
 #include "pvss/DpIdentifier.h"
+#include "pvss/ManagerIdentifier.h"
 #include "pvss/TimeVar.h"
 #include "pvss/Variable.h"
 
@@ -36,6 +37,7 @@ namespace pvss::testing {
 class ManagerObserver {
  public:
   virtual ~ManagerObserver() = default;
+  virtual void onRegister(const ManagerIdentifier& /*identifier*/) {}
   virtual void onConnectToData(unsigned char /*flags*/, unsigned int /*count*/) {}
   virtual void onConnectToEvent(unsigned int /*flags*/) {}
   virtual void onGetId(const char* /*name*/, bool /*found*/) {}

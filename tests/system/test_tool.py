@@ -105,6 +105,28 @@ def test_a_bad_plant_file_is_refused_whole_with_file_line_and_reason(site, name,
     assert everything(site) == before, "the store must be untouched"
 
 
+IMPOSSIBLE_NAMES = {"too many levels": "/".join(["level"] * 200), "too long": "n" * 70_000, "empty": ""}
+
+
+@pytest.mark.parametrize("name", list(IMPOSSIBLE_NAMES))
+@pytest.mark.parametrize("direction", ["subscribe", "publish"])
+def test_a_publication_name_that_cannot_be_is_refused_whole_in_both_directions(site, name, direction):
+    assert apply(site, GOOD)[0] == 0
+    before = everything(site)
+    what = "{t: New.x}" if direction == "subscribe" else "{bufferTime: 0, fields: {t: New.x}}"
+    text = ("elements:\n  New.x: int\n"
+            f"lists: {{clients: {harness.LIST}, publications: {harness.PUBLICATIONS}}}\n"
+            f"{direction}:\n"
+            f'  ? "{IMPOSSIBLE_NAMES[name]}"\n  : {what}\n')
+    path = site.write("bad.yaml", text)
+    for command in (["check", path], ["apply", path, "--dry-run"], ["apply", path]):
+        code, out, err = site.tool(*command)
+        assert code == 2, (command, code, out[:500], err[:500])
+        said = [line for line in (out + err).splitlines() if "bad.yaml:5: " in line]
+        assert len(said) == 1 and len(said[0]) < 400, (out + err)[:1000]
+    assert everything(site) == before, "the store must be untouched"
+
+
 def test_every_mistake_of_a_file_is_named_at_once(site):
     text = "elements:\n  A.x: integer\n  B.y: floating\n" + "subscribe:\n  p: {t: No.such}\n"
     code, out, err = apply(site, text)

@@ -118,7 +118,7 @@ void showPlan(const Plan& plan, Functions functions, bool dryRun, Output& out) {
 }
 
 int run(const Options& options, Context& context) {
-  const pvss::PlantFile plant = pvss::PlantFile::read(options.path);
+  const pvss::PlantFile plant = readPlant(options.path);
   if (!plant.errors.empty()) {
     showPlantErrors(plant, options.path, context);
     const std::size_t count = plant.errors.size();

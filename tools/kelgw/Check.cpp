@@ -70,7 +70,7 @@ std::vector<LiveFinding> lookLive(const pvss::PlantFile& plant, const Settings& 
 }
 
 int run(const std::string& path, bool live, Context& context) {
-  const pvss::PlantFile plant = pvss::PlantFile::read(path);
+  const pvss::PlantFile plant = readPlant(path);
   if (!plant.errors.empty()) {
     showPlantErrors(plant, path, context);
     return exitBadInput;

@@ -159,11 +159,11 @@ def test_everything_over_tls(bare_site, folder):
     gateway.wait_for("the newest value", lambda: value(site) == 2)
     # Without the authority neither a sentinel nor the server is believed, and plain text gets nowhere.
     url = site.redis.url_of("watcher")
-    for wrong, reason in ((url.replace("ca=", "ca=/dev/null&cert=") + "&key=x", "/dev/null"),
-                          (url[:url.index("&ca=")], "an authority that this system does not know"),
-                          (url[:url.index("&ca=")].replace("rediss+", "redis+"), "it speaks TLS on this port")):
-        code, _, err = site.tool("dp", "get", "A.x", env={"PVSS_STORE": wrong})
-        assert code == 3 and reason in err and err.count("\n") == 1, err
+    for wrong, code, reason in ((url.replace("ca=", "ca=/dev/null&cert=") + "&key=x", 3, "/dev/null"),
+                                (url[:url.index("&ca=")], 2, "rediss+sentinel:// needs ca=FILE"),
+                                (url[:url.index("&ca=")].replace("rediss+", "redis+"), 3, "it speaks TLS on this port")):
+        ended, _, err = site.tool("dp", "get", "A.x", env={"PVSS_STORE": wrong})
+        assert ended == code and reason in err and err.count("\n") == 1, err
 
 
 def test_sentinels_that_are_dead_are_passed_over_and_all_dead_is_one_line(replicated):

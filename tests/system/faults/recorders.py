@@ -59,6 +59,7 @@ class LogWatcher(threading.Thread):
         self.raw = []  # (arrival, id, fields), parsed on demand
         self.forgotten = []  # writes that a store has confirmed and the one in its place does not know
         self.ended = threading.Event()
+        self._lock = threading.Lock()  # of what is parsed: what a store has lost is taken out while others read
         self._parsed = []
         self._taken = 0
 
@@ -91,10 +92,11 @@ class LogWatcher(threading.Thread):
         """Takes out what the store does not have, or has otherwise: what was lost may have been followed by something else
         under the same numbers before anybody looks. The id of the last entry that both have."""
         while self.raw and not self._has(link, self.raw[-1]):
-            gone = log_entry(*self.raw.pop())
-            if gone:
-                self.forgotten.append(gone)
-            self._parsed, self._taken = [], 0
+            with self._lock:
+                gone = log_entry(*self.raw.pop())
+                if gone:
+                    self.forgotten.append(gone)
+                self._parsed, self._taken = [], 0
         return self.raw[-1][1] if self.raw else b"0-0"
 
     @staticmethod
@@ -104,12 +106,13 @@ class LogWatcher(threading.Thread):
 
     def writes(self):
         """Every write so far, in order."""
-        while self._taken < len(self.raw):
-            entry = log_entry(*self.raw[self._taken])
-            self._taken += 1
-            if entry:
-                self._parsed.append(entry)
-        return self._parsed
+        with self._lock:
+            while self._taken < len(self.raw):
+                entry = log_entry(*self.raw[self._taken])
+                self._taken += 1
+                if entry:
+                    self._parsed.append(entry)
+            return self._parsed
 
     def stop(self):
         self.ended.set()

@@ -251,14 +251,15 @@ bool Backlog::superseded(const ElementAttributes& attributes, std::uint64_t sequ
   return false;
 }
 
-// Takes superseded writes out of one entry until the backlog is down to the target.
-std::uint64_t Backlog::thin(Entry& entry, std::size_t target) {
+// Takes every superseded write out of one entry: what was written in one call does not go in part for want of
+// room alone.
+std::uint64_t Backlog::thin(Entry& entry) {
   std::uint64_t gone = 0;
   std::vector<ElementAttributes>& elements = entry.batch.elements;
   std::size_t kept = 0;
   for (std::size_t index = 0; index < elements.size(); ++index) {
     const bool implied = !entry.impliedFlag.empty() && entry.impliedFlag[index];
-    if (bytes_ > target && superseded(elements[index], entry.batch.clientSequence)) {
+    if (superseded(elements[index], entry.batch.clientSequence)) {
       const std::size_t bytes = bytesOf(elements[index]);
       const std::uint32_t units = entry.batch.restore ? 0 : unitsOf(elements[index], implied);
       entry.bytes -= bytes;
@@ -293,7 +294,7 @@ std::uint64_t Backlog::makeRoom() {
   std::uint64_t gone = 0;
   for (std::size_t index = handed_; index < entries_.size() && bytes_ > target; ++index) {
     if (!entries_[index].everHanded) {
-      gone += thin(entries_[index], target);
+      gone += thin(entries_[index]);
     }
   }
   std::erase_if(entries_, [](const Entry& entry) { return entry.batch.elements.empty(); });

@@ -85,7 +85,7 @@ class Backlog {
   void remember(const WriteBatch& batch);
   [[nodiscard]] bool superseded(const ElementAttributes& attributes, std::uint64_t sequence) const;
   std::uint64_t makeRoom();
-  std::uint64_t thin(Entry& entry, std::size_t target);
+  std::uint64_t thin(Entry& entry);
   void forget(const Entry& entry);
   void settled(const Entry& entry);
   Newest& newestOf(ElementId element);

@@ -147,6 +147,21 @@ TEST_F(BacklogTest, ValueBitsAndFlagWrittenTogetherGoOnlyTogether) {
   EXPECT_GT(counters.coalesced, 0U);
 }
 
+TEST_F(BacklogTest, NoCallIsGivenUpInPart) {
+  // What was written in one call is seen together or not at all, wherever in it the room is enough again.
+  for (const std::size_t bound : {8000U, 8100U, 8200U, 8300U}) {
+    makeBacklog(bound);
+    counters = {};
+    for (int number = 0; number < 400; ++number) {
+      append({attributes(1, all, number), attributes(2, all, number), attributes(3, all, number)});
+    }
+    EXPECT_GT(counters.coalesced, 0U);
+    for (const WriteBatch& batch : handAll()) {
+      EXPECT_EQ(batch.elements.size(), 3U) << "call " << batch.clientSequence << ", bound " << bound;
+    }
+  }
+}
+
 TEST_F(BacklogTest, WhatTheStoreHasInHandStays) {
   makeBacklog(2048);
   append({attributes(1, all, 1)});

@@ -200,6 +200,9 @@ class Books:
         newer = publication.seen and publication.seen[-1] > number
         is_head, begin = self._is_head(publication, number, at, session)
         following = self._following(publication, number, session)
+        if is_head and newer and at <= session.topics[publication.index] + self.fuzz:
+            self.ambiguous += publication.attributes  # two witnesses of one moment: it may have come just before
+            return AWAY, ""
         if is_head and newer and at - begin <= self.head and (following is not None or session.closed is not None):
             self.attributes += publication.attributes
             self.ambiguous += publication.attributes

@@ -100,6 +100,20 @@ def test_what_is_missing_long_before_a_death_did_not_die_with_the_gateway(killed
     assert found.in_flight < 220
 
 
+def test_a_record_of_the_moment_of_the_subscription_may_have_come_before_it(flow):
+    flow.sessions = [session_of("aaa", moment(100))]
+    flow.writes = [write for write in flow.writes if write.at > moment(103)]
+    flow.ledger["subscribe"] = [row(0, before=102), row(1, before=102)]
+    found = books.account(flow)
+    assert (found.away, found.lost, found.contradictions) == (204, 0, [])
+    flow.ledger["subscribe"] = [row(0, before=99, superseded=3), row(1, before=99, superseded=3)]
+    assert (books.account(flow).lost, books.account(flow).contradictions) == (0, [])
+    flow.writes = without(flow, 0, 103)
+    assert books.account(flow).lost == 0, "nothing had been written yet"
+    flow.writes = without(flow, 0, 108)
+    assert books.account(flow).lost == 1
+
+
 def test_a_record_that_never_reached_the_broker_is_lost_unless_it_waited_for_it(flow):
     del flow.reached[0][BASE + 50]
     flow.writes = without(flow, 0, 50)
@@ -264,12 +278,12 @@ def test_gaps_that_nobody_else_saw_contradict_the_witnesses(flow):
 
 def test_records_of_before_a_publisher_was_known_to_be_alive_are_superseded(flow, monkeypatch):
     flow.sessions = [session_of("aaa", moment(100))]
-    flow.writes = [write for write in flow.writes if write.at > moment(110)]
-    flow.ledger["subscribe"] = [row(0, before=99, superseded=10), row(1, before=99, superseded=10)]
+    flow.writes = [write for write in flow.writes if write.at > moment(150)]
+    flow.ledger["subscribe"] = [row(0, before=99, superseded=50), row(1, before=99, superseded=50)]
     found = books.account(flow)
-    assert found.lost == 0 and (found.away, found.coalesced) == (198, 20)
+    assert found.lost == 0 and (found.away, found.coalesced) == (248, 50)
     monkeypatch.setattr(books, "HEAD", 1.0)
-    flow.writes = [write for write in flow.writes if write.at > moment(110) + books.HEAD]
+    flow.writes = [write for write in flow.writes if write.at > moment(150) + books.HEAD]
     flow.ledger = None
     found = books.account(flow)
     assert 0 < found.lost <= 2 * books.WAITED / EVERY, "not for ever: the last ones had not waited either"

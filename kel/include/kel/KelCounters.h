@@ -24,7 +24,9 @@ struct KelCounters {
   std::int64_t discarded = 0;  ///< subscription released, publication closed or broker lost before delivery
   std::int64_t held = 0;       ///< now: waiting for a sign of life of their publisher
   std::int64_t pending = 0;    ///< now: waiting for the listener
-  std::int64_t gaps = 0;       ///< numbers missing in the sequences of the publishers
+  /// Kept records that were fetched again and brought nothing new; they are not in `received`.
+  std::int64_t refetched = 0;
+  std::int64_t gaps = 0;  ///< numbers missing in the sequences of the publishers
 
   // Sending.
   std::int64_t sends = 0;         ///< calls of send and declareBad on a possible publication

@@ -54,6 +54,7 @@ inline constexpr CounterName counterNames[] = {
     {"held", &KelCounters::held},
     {"pending", &KelCounters::pending},
     {"gaps", &KelCounters::gaps},
+    {"refetched", &KelCounters::refetched},
     {"sends", &KelCounters::sends},
     {"acknowledged", &KelCounters::acknowledged},
     {"refused", &KelCounters::refused},

@@ -11,9 +11,6 @@ namespace kel {
 namespace {
 
 constexpr std::chrono::minutes complaintPause{1};
-// Brokers there are that take every subscription and withhold what may not be read. When the right is granted
-// later, what was kept does not come by itself.
-constexpr std::chrono::minutes silencePause{1};
 
 }  // namespace
 
@@ -77,6 +74,7 @@ void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
     slot = std::make_unique<Topic>(ports_.dispatcher);
     slot->publication = handle->name();
     slot->topic = filter;
+    slot->place = refetch_.add(*slot);
     ports_.subscribes.request(filter, ports_.qos);
   }
   Topic& topic = *slot;
@@ -101,6 +99,7 @@ void Inbox::remove(SubscriptionHandle& handle) {
   topic.books.each([&](RunBook& book) { released_.take(book, ports_.dispatcher); });
   refusals_.forget(topic.topic);
   ports_.subscribes.cancel(topic.topic);
+  refetch_.remove(topic.place);
   topics_.erase(topics_.find(topic.topic));
 }
 
@@ -116,10 +115,9 @@ void Inbox::linkUp() {
   std::vector<const std::string*> filters;
   filters.reserve(topics_.size());
   for (const auto& [filter, topic] : topics_) {
-    topic->silent = true;
     filters.push_back(&filter);
   }
-  askedSilent_ = ports_.now;
+  refetch_.linkUp(ports_.now);
   std::sort(filters.begin(), filters.end(), [](const auto* a, const auto* b) { return *a < *b; });
   for (const std::string* filter : filters) ports_.subscribes.request(*filter, ports_.qos);
 }
@@ -131,6 +129,7 @@ void Inbox::linkDown(std::string_view reason) {
   for (auto& [filter, topic] : topics_) {
     topic->answered.reset();
     topic->refusal.clear();
+    forgetPayloads(*topic);
     endHeld(*topic, &KelCounters::discarded);
     disconnect(*topic, reason);
     topic->last.reset();
@@ -157,18 +156,16 @@ void Inbox::tick() {
   for (const std::string& filter : refusals_.due(ports_.now, refusalPause(ports_.transport))) {
     ports_.subscribes.request(filter, ports_.qos);
   }
-  if (ports_.now - askedSilent_ < silencePause) return;
-  askedSilent_ = ports_.now;
-  for (const auto& [filter, topic] : topics_) {
-    if (topic->silent) ports_.subscribes.request(filter, ports_.qos);
-  }
+  fetchAgain();
 }
 
-void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const std::string& error) {
+void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const std::string& error,
+                    const Arrival& arrival) {
   const auto at = topics_.find(name);
   if (at == topics_.end()) return;
   Topic& topic = *at->second;
-  topic.silent = false;
+  if (!arrival.kept) refetch_.live();
+  if (saysNothingNew(topic, record.get(), arrival)) return;
   if (!error.empty()) {
     RunBook& nobody = topic.books.of({});
     nobody.arrived(0);
@@ -267,6 +264,7 @@ void Inbox::closed(Topic& topic) {
   topic.books.closed();
   topic.publisher.clear();
   topic.unheard = false;
+  forgetPayloads(topic);
 }
 
 void Inbox::disconnect(Topic& topic, std::string_view reason) {
@@ -288,6 +286,7 @@ void Inbox::peerAlive(std::string_view peer) {
     } else if (topic->unheard && topic->publisher == peer) {
       // It never knew that it was taken for gone, so it will not send again: the broker has its last record.
       topic->unheard = false;
+      forgetPayloads(*topic);
       ports_.subscribes.request(filter, ports_.qos);
     }
   }
@@ -298,6 +297,7 @@ void Inbox::peerGone(std::string_view peer, std::string_view reason, bool withdr
     if (topic->state == SubscriptionState::connected && topic->publisher == peer) {
       disconnect(*topic, reason);
       topic->unheard = !withdrawn;
+      if (!withdrawn) forgetPayloads(*topic);
     }
     if (withdrawn && topic->publisher == peer) topic->unheard = false;
     // When it comes back it sends its last record again; what was kept is older than that.

@@ -21,6 +21,7 @@
 #include "kel/KelFactory.h"
 #include "session/FirstWord.h"
 #include "session/ReceiveBook.h"
+#include "session/Refetch.h"
 #include "session/Refusals.h"
 #include "session/SessionPorts.h"
 
@@ -30,6 +31,13 @@ enum class SubscriptionState : std::uint8_t { waiting, connected, connectedForei
 [[nodiscard]] const char* stateName(SubscriptionState state);
 
 struct InboxTopic;
+
+/// How a message came.
+struct Arrival {
+  bool kept = false;  ///< the broker had it, and gives it for having been asked
+  std::size_t bytes = 0;
+  std::size_t hash = 0;  ///< of the payload
+};
 
 /// One subscription: the application's handle and the dispatcher's target.
 class SubscriptionHandle final : public KelSubscription,
@@ -73,11 +81,14 @@ class Inbox {
   void linkDown(std::string_view reason);
   /// This process was not running for so long, and what came meanwhile has not been read.
   void forgive(std::chrono::nanoseconds pause);
+  /// The broker may have dropped what this process did not read in time.
+  void stalled() { refetch_.stalled(); }
   /// On every tick, up or down: tells who is not connected and was told nothing so far.
   void tellUntold();
   /// `error` is empty or says why the payload is not a record. A null record without error: the topic is
   /// closed.
-  void message(std::string_view topic, std::shared_ptr<Record> record, const std::string& error);
+  void message(std::string_view topic, std::shared_ptr<Record> record, const std::string& error,
+               const Arrival& arrival);
   /// The broker has answered the subscription; `failure` is empty or says why it refused.
   void subscribed(std::string_view topic, std::string_view failure);
   void tick();
@@ -101,6 +112,8 @@ class Inbox {
   void closed(Topic& topic);
   void disconnect(Topic& topic, std::string_view reason);
   void complain(Topic& topic, const std::string& error);
+  [[nodiscard]] bool saysNothingNew(Topic& topic, const Record* record, const Arrival& arrival);
+  void fetchAgain();
   void owe(const std::shared_ptr<SubscriptionHandle>& handle);
   void settle(SubscriptionHandle& handle);
   void tellConnected(const std::shared_ptr<SubscriptionHandle>& handle);
@@ -110,7 +123,7 @@ class Inbox {
   SessionPorts& ports_;
   TextMap<std::unique_ptr<Topic>> topics_;
   Refusals refusals_{"the broker grants the subscriptions that it refused"};
-  PeerTable::Time askedSilent_;
+  Refetch refetch_;
   std::optional<PeerTable::Time> upSince_;
   std::optional<PeerTable::Time> groupSince_;
   FirstWord firstWord_;

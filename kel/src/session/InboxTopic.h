@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "session/Inbox.h"
+#include "session/Refetch.h"
 
 namespace kel {
 
@@ -22,6 +23,13 @@ struct InboxTopic {
   bool unheard = false;                     ///< disconnected because `publisher` was not heard of in time
   std::optional<PeerTable::Time> answered;  ///< the broker has taken the subscription, on this link
   std::string refusal;                      ///< or why it has not
+  Refetch::Place place;
+  std::size_t keptBytes = 0;          ///< about what fetching costs
+  std::optional<std::size_t> newest;  ///< hash of the payload that came last, on this link
+  std::optional<std::size_t> kept;    ///< and of the last one that the broker had kept
+  bool newestLive = false;
+  int unanswered = 0;  ///< times that it was fetched since anything came
+  bool keeps = false;  ///< what came live was kept, too
   std::shared_ptr<Record> last;
   std::shared_ptr<Record> held;
   ReceiveBook books;
@@ -30,5 +38,8 @@ struct InboxTopic {
   std::optional<PeerTable::Time> complained;
   std::int64_t unsaid = 0;
 };
+
+/// What comes next is taken for news, even if it has come before.
+void forgetPayloads(InboxTopic& topic);
 
 }  // namespace kel

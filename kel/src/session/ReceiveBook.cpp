@@ -13,7 +13,7 @@ constexpr std::size_t rememberedRuns = 4;
 constexpr std::int64_t KelCounters::*receiving[] = {
     &KelCounters::received, &KelCounters::resends,      &KelCounters::delivered, &KelCounters::superseded,
     &KelCounters::repeated, &KelCounters::decodeErrors, &KelCounters::discarded, &KelCounters::held,
-    &KelCounters::pending,  &KelCounters::gaps};
+    &KelCounters::pending,  &KelCounters::gaps,         &KelCounters::refetched};
 
 }  // namespace
 
@@ -111,6 +111,12 @@ RunBook& ReceiveBook::existing(std::string_view run) {
       std::find_if(runs_.begin(), runs_.end(), [&](const auto& book) { return book->run == run; });
   if (at != runs_.end()) return **at;
   return older_ && !run.empty() ? *older_ : of(run);
+}
+
+const RunBook* ReceiveBook::find(std::string_view run) const {
+  const auto at =
+      std::find_if(runs_.begin(), runs_.end(), [&](const auto& book) { return book->run == run; });
+  return at == runs_.end() ? nullptr : at->get();
 }
 
 void ReceiveBook::closed() {

@@ -46,6 +46,8 @@ class ReceiveBook {
   RunBook& of(std::string_view run);
   /// The book that has this run now: its own, or that of the older ones.
   RunBook& existing(std::string_view run);
+  /// The own book of this run; null when it has none.
+  [[nodiscard]] const RunBook* find(std::string_view run) const;
   /// The publication was closed: whoever opens it may count from the beginning.
   void closed();
 

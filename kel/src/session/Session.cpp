@@ -233,7 +233,7 @@ void Session::unreachable(std::string_view /*reason*/) {
 
 void Session::message(std::string_view topic, std::string_view payload, bool retained) {
   if (ports_.topics.isData(topic)) {
-    dataMessage(topic, payload);
+    dataMessage(topic, payload, retained);
     return;
   }
   const auto parsed = ports_.topics.parse(topic);
@@ -256,16 +256,17 @@ void Session::message(std::string_view topic, std::string_view payload, bool ret
   }
 }
 
-void Session::dataMessage(std::string_view topic, std::string_view payload) {
+void Session::dataMessage(std::string_view topic, std::string_view payload, bool retained) {
   DecodedRecord decoded;
   if (!payload.empty()) decoded = decodeRecord(payload, recordBytes_);
   if (decoded.record && !decoded.record->hasTime) {
     // Nobody else has it yet, so it may still be completed: who gives no time is taken to speak of now.
     decoded.record->time = KelTimestamp(ports_.wallClockNanoseconds());
   }
+  const Arrival arrival{retained, payload.size(), std::hash<std::string_view>()(payload)};
   const MutexLock lock(mutex_);
   if (closing_) return;
-  inbox_.message(topic, std::move(decoded.record), decoded.error);
+  inbox_.message(topic, std::move(decoded.record), decoded.error, arrival);
 }
 
 void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload, bool retained) {
@@ -383,6 +384,7 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
   } else if (pause > longestTick) {
     peers_.forgive(pause);
     inbox_.forgive(pause);
+    inbox_.stalled();
   }
   ports_.now = now;
 }

@@ -65,7 +65,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void send(PublicationHandle& handle, const KelData& data, const KelTimestamp& time) override;
   void declareBad(PublicationHandle& handle, const char* reason) override;
 
-  void dataMessage(std::string_view topic, std::string_view payload);
+  void dataMessage(std::string_view topic, std::string_view payload, bool retained);
   void presenceMessage(const ParsedTopic& topic, std::string_view payload, bool retained)
       KEL_REQUIRES(mutex_);
   void ownPresence(bool withdrawn, bool retained) KEL_REQUIRES(mutex_);

@@ -15,6 +15,10 @@ void SubscribeWindow::request(const std::string& filter, int qos) {
   pump();
 }
 
+bool SubscribeWindow::room() const {
+  return up_ && waiting_.empty() && underWay_.size() < mostUnderWay;
+}
+
 void SubscribeWindow::cancel(const std::string& filter) {
   if (!up_) return;
   std::erase_if(waiting_, [&](const Wanted& wanted) { return wanted.filter == filter; });

@@ -20,6 +20,8 @@ class SubscribeWindow {
 
   /// Nothing happens while the link is down: who wants a topic asks again when it is up.
   void request(const std::string& filter, int qos);
+  /// Whether a request would leave at once.
+  [[nodiscard]] bool room() const;
   void cancel(const std::string& filter);
   void linkUp();
   void linkDown();

@@ -252,7 +252,7 @@ TEST_F(ScriptedSession, ClaimsNothingBeforeItsOwnPresenceIsBack) {
   EXPECT_EQ(network->published.back().first, "kel/g/claim/x");
 }
 
-TEST_F(ScriptedSession, AsksAgainOnceAMinuteForWhatNeverCame) {
+TEST_F(ScriptedSession, AsksAgainInRotationForWhatHasComeAndWhatHasNot) {
   Listener silent;
   Listener heard;
   session->createSubscription("silent", &silent);
@@ -263,16 +263,45 @@ TEST_F(ScriptedSession, AsksAgainOnceAMinuteForWhatNeverCame) {
   network->to->message("kel/g/publisher/me/m1", network->published[0].second, false);
   answerAll();
   network->to->message("kel/g/data/heard", LivenessTest::record(1, 1), true);
-  const auto asked = [&] {
+  const auto asked = [&](const char* topic) {
     return std::count_if(network->subscribed.begin(), network->subscribed.end(),
-                         [](const auto& entry) { return entry.first == "kel/g/data/silent"; });
+                         [&](const auto& entry) { return entry.first == topic; });
   };
-  network->to->tick(t0 + 59s);
-  EXPECT_EQ(asked(), 1);
-  network->to->tick(t0 + 60s);
-  network->to->tick(t0 + 61s);
-  EXPECT_EQ(asked(), 2);
-  EXPECT_EQ(network->subscribed.back().first, "kel/g/data/silent");
+  auto at = t0;
+  const auto run = [&](std::chrono::seconds span) {
+    for (const auto end = at + span; at < end; at += 100ms) {
+      network->to->tick(at);
+      answerAll();
+    }
+  };
+  run(31s);
+  EXPECT_EQ(asked("kel/g/data/silent"), 2);
+  EXPECT_EQ(asked("kel/g/data/heard"), 2);
+  run(30s);
+  EXPECT_EQ(asked("kel/g/data/silent"), 3);
+  EXPECT_EQ(asked("kel/g/data/heard"), 3);
+}
+
+TEST_F(ScriptedSession, AsksForAllAgainAfterItWasStoppedItself) {
+  Listener listener;
+  for (int i = 0; i < 100; ++i) session->createSubscription(("x" + std::to_string(i)).c_str(), &listener);
+  network->to->tick(t0);
+  network->to->up();
+  answerAll();
+  network->to->message("kel/g/publisher/me/m1", network->published[0].second, false);
+  answerAll();
+  auto at = t0;
+  for (; at < t0 + 20s; at += 100ms) {
+    network->to->tick(at);
+    answerAll();
+  }
+  const std::size_t before = network->subscribed.size();
+  network->to->tick(at += 5s);
+  network->to->tick(at += 80ms);
+  EXPECT_EQ(network->subscribed.size() - before, 64U) << "no more than the broker can queue";
+  answerAll();
+  network->to->tick(at += 80ms);
+  EXPECT_GE(network->subscribed.size() - before, 100U);
 }
 
 TEST_F(ScriptedSession, SaysThatItsPresenceDoesNotComeBackAndAsksForItAgain) {

@@ -76,6 +76,12 @@ bool LoopbackBroker::reachable(const Client& client) const {
   });
 }
 
+bool LoopbackBroker::hears(const Client& client) const {
+  return std::none_of(deaf_.begin(), deaf_.end(), [&](const std::string& prefix) {
+    return client.identity.clientId.starts_with(prefix);
+  });
+}
+
 void LoopbackBroker::push(Action action) {
   actions_.push_back(std::move(action));
   ++pushed_;
@@ -308,6 +314,7 @@ void LoopbackBroker::route(const OutgoingMessage& message) {
     if (std::find(receivers.begin(), receivers.end(), client) == receivers.end()) receivers.push_back(client);
   }
   for (const auto& client : receivers) {
+    if (!hears(*client)) continue;
     callClient(client, true,
                [&](TransportListener& to) { to.message(message.topic, *message.payload, false); });
   }
@@ -385,6 +392,15 @@ void LoopbackBroker::setReachable(std::string_view client, bool reachableNow) {
   }
   std::erase(unreachable_, client);
   for (const auto& each : matching(client)) push({Action::Kind::connect, each, {}, 0});
+}
+
+void LoopbackBroker::setDeaf(std::string_view client, bool deaf) {
+  const MutexLock lock(mutex_);
+  if (deaf) {
+    deaf_.emplace_back(client);
+  } else {
+    std::erase(deaf_, client);
+  }
 }
 
 void LoopbackBroker::freeze(std::string_view client) {

@@ -54,6 +54,9 @@ class LoopbackBroker {
   /// From now on nothing passes between the broker and these clients, and nobody is told: a half-open link.
   /// The broker notices after one and a half keep-alives, the client after two.
   void freeze(std::string_view client);
+  /// While it is on, what is published does not reach these clients, as if the broker's queue for them were
+  /// full; what they ask for does.
+  void setDeaf(std::string_view client, bool deaf);
   /// Publishes as a client that has no part in the group would.
   void publish(const std::string& topic, const std::string& payload, bool retain);
   /// Every later publish on topics that match is answered with this refusal; empty ends it.
@@ -106,6 +109,7 @@ class LoopbackBroker {
       KEL_REQUIRES(mutex_);
   [[nodiscard]] Time now() const KEL_REQUIRES(mutex_);
   [[nodiscard]] bool reachable(const Client& client) const KEL_REQUIRES(mutex_);
+  [[nodiscard]] bool hears(const Client& client) const KEL_REQUIRES(mutex_);
 
   Mutex mutex_;
   Condition wake_;
@@ -122,6 +126,7 @@ class LoopbackBroker {
   std::unordered_map<std::string, std::vector<std::shared_ptr<Client>>> exact_ KEL_GUARDED_BY(mutex_);
   std::vector<std::pair<std::string, std::shared_ptr<Client>>> wild_ KEL_GUARDED_BY(mutex_);
   std::vector<std::string> unreachable_ KEL_GUARDED_BY(mutex_);
+  std::vector<std::string> deaf_ KEL_GUARDED_BY(mutex_);
   std::map<std::string, std::string> refusals_ KEL_GUARDED_BY(mutex_);
   std::vector<std::string> recordFilters_ KEL_GUARDED_BY(mutex_);
   std::vector<std::pair<std::string, std::string>> recorded_ KEL_GUARDED_BY(mutex_);

@@ -135,6 +135,7 @@ TEST_F(RefetchTest, DoesNotGoBackInThePublishersOwnCount) {
   send(publication, 1);
   listener.lines(2);
   broker->publish("kel/g/data/x", ghost(9, 9), false);
+  settle();
   broker->setDeaf("sub", true);
   broker->publish("kel/g/data/x", ghost(7, 7), true);
   settle();

@@ -42,6 +42,7 @@ class Counter final : public pvss::StoreListener, public pvss::ElementDirectory 
   }
   void lease(bool, std::string_view) override {}
   void gap(std::string_view) override {}
+  void caughtUp() override {}
   pvss::ElementId intern(std::string_view name) override {
     const auto [at, fresh] = ids_.try_emplace(std::string(name), static_cast<pvss::ElementId>(names_.size()));
     if (fresh) names_.emplace_back(name);

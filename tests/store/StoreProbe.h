@@ -113,6 +113,7 @@ class StoreProbe final : public pvss::StoreListener, public pvss::ElementDirecto
     if (onConfirmed) onConfirmed(confirmations.back());
   }
   void lease(bool held, std::string_view holder) override { leases.emplace_back(held, holder); }
+  void caughtUp() override { ++timesCaughtUp; }
   void gap(std::string_view reason) override {
     gaps.emplace_back(reason);
     events.emplace_back("gap");
@@ -142,6 +143,7 @@ class StoreProbe final : public pvss::StoreListener, public pvss::ElementDirecto
   std::vector<std::pair<bool, std::string>> leases;
   std::vector<std::string> gaps;
   std::vector<std::string> events;
+  std::size_t timesCaughtUp = 0;
   std::function<void(const Confirmation&)> onConfirmed;
 
  private:

@@ -19,9 +19,10 @@ struct Counters {
   std::uint64_t queued = 0;     ///< handed to dpSetTimed
   std::uint64_t confirmed = 0;  ///< in the store
   std::uint64_t coalesced = 0;  ///< given up for a newer write of the same attribute
-  std::uint64_t dropped = 0;    ///< discarded because another manager took the number
-  std::uint64_t rejected = 0;   ///< not writable: unknown identifier, wrong type, refused by the store
-  std::uint64_t pending = 0;    ///< waiting in the backlog, handed over or not
+  std::uint64_t dropped = 0;   ///< discarded: another manager took the number, or the element has got another
+                               ///< address or type since it was resolved
+  std::uint64_t rejected = 0;  ///< not writable: unknown identifier, wrong type, refused by the store
+  std::uint64_t pending = 0;   ///< waiting in the backlog, handed over or not
 
   std::uint64_t settled = 0;  ///< answered by the store for good, once each, with the invalid flags that a
                               ///< value alone clears; restored ones are not counted again
@@ -39,8 +40,9 @@ struct Counters {
   std::uint64_t pendingHigh = 0;
   std::uint64_t callsHigh = 0;  ///< most dpSetTimed calls between two dispatches: what an application that
                                 ///< writes all it has in every turn had waiting at most
-  std::uint64_t deliveriesHigh = 0;  ///< most callbacks ever waiting for dispatch
-  std::uint64_t storeLosses = 0;     ///< times that the store went away
+  std::uint64_t deliveriesHigh = 0;     ///< most callbacks ever waiting for dispatch
+  std::uint64_t deliveryBytesHigh = 0;  ///< and their most bytes
+  std::uint64_t storeLosses = 0;        ///< times that the store went away
 };
 
 }  // namespace pvss

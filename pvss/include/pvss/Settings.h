@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace pvss {
@@ -13,8 +14,10 @@ namespace pvss {
 struct Settings {
   std::string store;  ///< key `store`; the variable PVSS_STORE wins
   std::size_t backlogBytes =
-      std::size_t{64} * 1024 * 1024;  ///< key `backlogBytes`: bound of the unconfirmed writes
-  std::string system = "System1";     ///< key `system`: name of the default system
+      std::size_t{64} * 1024 * 1024;       ///< key `backlogBytes`: bound of the unconfirmed writes
+  std::uint32_t invalidAfterSeconds = 10;  ///< key `invalidAfter`: what lists are connected to is called
+                                           ///< invalid when the store has been away for so long; 0: never
+  std::string system = "System1";  ///< key `system`: name of the default system
 
   /// The settings of this process.
   static Settings& current();

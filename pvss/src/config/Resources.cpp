@@ -129,6 +129,12 @@ void takeGeneralEntry(int line) {
       refuseLine(line, "backlogBytes takes a number of bytes above 0, not '" + value.str() + "'");
     }
     settings.backlogBytes = bytes;
+  } else if (Resources::keyWord.icmp("invalidAfter") == 0) {
+    std::uint32_t seconds = 0;
+    if (!readNumber(value.view(), seconds)) {
+      refuseLine(line, "invalidAfter takes a number of seconds, 0 for never, not '" + value.str() + "'");
+    }
+    settings.invalidAfterSeconds = seconds;
   } else if (Resources::keyWord.icmp("system") == 0) {
     if (value.isEmpty() || value.find(':') != CharString::npos) {
       refuseLine(line, "system takes a name without ':', not '" + value.str() + "'");
@@ -223,6 +229,9 @@ void Resources::printHelp() {
       "                                    redis://HOST:PORT, rediss://HOST:PORT,\n"
       "                                    redis+sentinel://HOST:PORT,HOST:PORT/MASTER; PVSS_STORE wins\n"
       "  backlogBytes = 67108864           room for writes that the store has not confirmed\n"
+      "  invalidAfter = 10                 seconds without the store after which what is published is "
+      "called\n"
+      "                                    invalid, 0 for never\n"
       "  system = \"System1\"                name of the system that the data points belong to\n");
 }
 

@@ -31,9 +31,11 @@ Backlog::Newest& Backlog::newestOf(ElementId element) {
   return newest_[element];
 }
 
-void Backlog::remember(const WriteBatch& batch) {
+void Backlog::remember(const Entry& entry) {
+  const WriteBatch& batch = entry.batch;
   for (const ElementAttributes& attributes : batch.elements) {
     Newest& newest = newestOf(attributes.element);
+    newest.stamp = entry.stamp;
     for (std::size_t line = 0; line < 4; ++line) {
       if ((attributes.mask & attributeBits[line]) != 0) {
         newest.sequence[line] = batch.clientSequence;
@@ -63,6 +65,7 @@ std::uint64_t Backlog::append(PreparedWrite write) {
   Entry& entry = entries_.emplace_back();
   entry.batch = std::move(write.batch);
   entry.impliedFlag = std::move(write.impliedFlag);
+  entry.stamp = write.stamp;
   entry.batch.clientSequence = ++lastSequence_;
   entry.bytes = sizeof(Entry);
   for (std::size_t index = 0; index < entry.batch.elements.size(); ++index) {
@@ -70,7 +73,7 @@ std::uint64_t Backlog::append(PreparedWrite write) {
     entry.units += unitsOf(entry.batch.elements[index], implied);
     entry.bytes += bytesOf(entry.batch.elements[index]);
   }
-  remember(entry.batch);
+  remember(entry);
   bytes_ += entry.bytes;
   counters_.pending += entry.units;
   counters_.pendingHigh = std::max(counters_.pendingHigh, counters_.pending);
@@ -171,6 +174,7 @@ std::uint64_t Backlog::restoreLost(std::uint64_t lastKnown) {
   });
   const std::uint64_t firstWaiting = entries_.empty() ? ~0ULL : entries_.front().batch.clientSequence;
   std::map<std::uint64_t, WriteBatch> lost;
+  std::uint32_t stamp = 0;
   for (ElementId element = 0; element < newest_.size(); ++element) {
     const Newest& newest = newest_[element];
     for (std::size_t line = 0; line < 4; ++line) {
@@ -179,6 +183,7 @@ std::uint64_t Backlog::restoreLost(std::uint64_t lastKnown) {
         continue;
       }
       WriteBatch& batch = lost[sequence];
+      stamp = std::max(stamp, newest.stamp);
       batch.timeMs = newest.timeMs[line];
       if (batch.elements.empty() || batch.elements.back().element != element) {
         ElementAttributes attributes;
@@ -203,6 +208,7 @@ std::uint64_t Backlog::restoreLost(std::uint64_t lastKnown) {
     Entry& entry = entries_.emplace_back();
     entry.batch = std::move(batch);
     entry.batch.restore = true;
+    entry.stamp = stamp;
     entry.batch.clientSequence = ++lastSequence_;
     entry.bytes = sizeof(Entry);
     for (const ElementAttributes& attributes : entry.batch.elements) {
@@ -210,11 +216,11 @@ std::uint64_t Backlog::restoreLost(std::uint64_t lastKnown) {
       entry.bytes += bytesOf(attributes);
     }
     bytes_ += entry.bytes;
-    remember(entry.batch);
+    remember(entry);
   }
   for (Entry& entry : waiting) {
     entry.batch.clientSequence = ++lastSequence_;
-    remember(entry.batch);
+    remember(entry);
     entries_.push_back(std::move(entry));
   }
   counters_.restored += restored;
@@ -251,15 +257,16 @@ bool Backlog::superseded(const ElementAttributes& attributes, std::uint64_t sequ
   return false;
 }
 
-// Takes every superseded write out of one entry: what was written in one call does not go in part for want of
-// room alone.
-std::uint64_t Backlog::thin(Entry& entry) {
+// Takes the elements for which `goes` holds out of one entry; gives the attribute writes that are gone with
+// them.
+template <class Goes>
+std::uint64_t Backlog::takeOut(Entry& entry, Goes goes) {
   std::uint64_t gone = 0;
   std::vector<ElementAttributes>& elements = entry.batch.elements;
   std::size_t kept = 0;
   for (std::size_t index = 0; index < elements.size(); ++index) {
     const bool implied = !entry.impliedFlag.empty() && entry.impliedFlag[index];
-    if (superseded(elements[index], entry.batch.clientSequence)) {
+    if (goes(elements[index])) {
       const std::size_t bytes = bytesOf(elements[index]);
       const std::uint32_t units = entry.batch.restore ? 0 : unitsOf(elements[index], implied);
       entry.bytes -= bytes;
@@ -285,6 +292,36 @@ std::uint64_t Backlog::thin(Entry& entry) {
     entry.bytes = 0;
   }
   return gone;
+}
+
+// Takes every superseded write out of one entry: what was written in one call does not go in part for want of
+// room alone.
+std::uint64_t Backlog::thin(Entry& entry) {
+  return takeOut(entry, [&](const ElementAttributes& attributes) {
+    return superseded(attributes, entry.batch.clientSequence);
+  });
+}
+
+std::uint64_t Backlog::dropOutdated(const Catalogue& catalogue) {
+  for (ElementId element = 0; element < newest_.size(); ++element) {
+    if (newest_[element].stamp < catalogue.at(element).moved) {
+      newest_[element] = Newest();  // not to be restored either
+    }
+  }
+  std::uint64_t dropped = 0;
+  for (std::size_t index = handed_; index < entries_.size(); ++index) {
+    Entry& entry = entries_[index];
+    if (entry.stamp < catalogue.stamp()) {
+      dropped += takeOut(entry, [&](const ElementAttributes& attributes) {
+        return catalogue.at(attributes.element).moved > entry.stamp;
+      });
+    }
+  }
+  std::erase_if(entries_, [](const Entry& entry) { return entry.batch.elements.empty(); });
+  counters_.dropped += dropped;
+  counters_.pending -= dropped;
+  counters_.backlogBytes = bytes_;
+  return dropped;
 }
 
 std::uint64_t Backlog::makeRoom() {

@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/Catalogue.h"
 #include "pvss/Counters.h"
 #include "store/DatapointStore.h"
 
@@ -27,6 +28,7 @@ namespace pvss {
 struct PreparedWrite {
   WriteBatch batch;
   std::vector<bool> impliedFlag;  ///< by position in the batch; empty when nowhere
+  std::uint32_t stamp = 0;        ///< of the catalogue when it was prepared
 };
 
 class Backlog {
@@ -56,6 +58,9 @@ class Backlog {
   /// The store knows less than it had confirmed: puts the newest value of each attribute in front, and
   /// numbers the rest anew behind it. Gives the number of attribute writes that were put there.
   std::uint64_t restoreLost(std::uint64_t lastKnown);
+  /// Takes out what was prepared for elements before they got another type or address, as far as the store
+  /// has not been given it over this link. Gives the number of attribute writes dropped.
+  std::uint64_t dropOutdated(const Catalogue& catalogue);
   /// Gives everything up; gives the number of attribute writes dropped.
   std::uint64_t dropAll();
 
@@ -66,6 +71,7 @@ class Backlog {
   struct Entry {
     WriteBatch batch;
     std::vector<bool> impliedFlag;
+    std::uint32_t stamp = 0;  // of the catalogue when it was prepared
     std::uint32_t units = 0;
     bool everHanded = false;
     std::size_t bytes = 0;
@@ -79,13 +85,16 @@ class Backlog {
     bool userBit1 = false;
     bool userBit2 = false;
     std::shared_ptr<const Variable> value;
+    std::uint32_t stamp = 0;        // of the newest of these writes
     std::uint64_t byMask[16] = {};  // newest waiting or written call with exactly this mask
   };
 
-  void remember(const WriteBatch& batch);
+  void remember(const Entry& entry);
   [[nodiscard]] bool superseded(const ElementAttributes& attributes, std::uint64_t sequence) const;
   std::uint64_t makeRoom();
   std::uint64_t thin(Entry& entry);
+  template <class Goes>
+  std::uint64_t takeOut(Entry& entry, Goes goes);
   void forget(const Entry& entry);
   void settled(const Entry& entry);
   Newest& newestOf(ElementId element);

@@ -130,6 +130,13 @@ bool Catalogue::change(CatalogueEntry entry, ElementId& element) {
       known.reference == entry.reference && known.disabled == entry.disabled) {
     return false;
   }
+  const bool otherType = known.lastType != DPELEMENT_NOELEMENT && known.type != entry.type;
+  const bool otherAddress = known.type != DPELEMENT_NOELEMENT && entry.addressType != 0 &&
+                            (known.addressType != entry.addressType || known.driver != entry.driver ||
+                             known.reference != entry.reference);
+  if (otherType || otherAddress) {
+    known.moved = ++stamp_;
+  }
   known.type = entry.type;
   known.variable = variableTypeOf(entry.type);
   if (entry.type == DPELEMENT_NOELEMENT) {
@@ -160,7 +167,7 @@ DpIdentifier Catalogue::resolve(std::string_view name) const {
   if (element.type == DPELEMENT_NOELEMENT || (element.disabled & disabledBit(split.attribute)) != 0) {
     return {};
   }
-  return {found->second, static_cast<std::uint16_t>(split.attribute)};
+  return {found->second, static_cast<std::uint16_t>(split.attribute), stamp_};
 }
 
 std::string Catalogue::liName(const DpIdentifier& id) const {

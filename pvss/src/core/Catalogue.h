@@ -72,6 +72,7 @@ class Catalogue final : public ElementDirectory {
     std::string driver;
     std::string reference;
     std::uint32_t disabled = 0;
+    std::uint32_t moved = 0;  ///< stamp of the last change of its type, or to another address
   };
 
   explicit Catalogue(std::string systemName);
@@ -84,6 +85,9 @@ class Catalogue final : public ElementDirectory {
   [[nodiscard]] const Element& at(ElementId element) const noexcept {
     return element < elements_.size() ? elements_[element] : elements_[0];
   }
+  /// Counts the changes of elements to another type or another address. What was made at a stamp below
+  /// Element::moved was made for what the element was before.
+  [[nodiscard]] std::uint32_t stamp() const noexcept { return stamp_; }
   /// How many ids there are; ids are below this.
   [[nodiscard]] std::size_t size() const noexcept { return elements_.size(); }
 
@@ -99,6 +103,7 @@ class Catalogue final : public ElementDirectory {
 
  private:
   std::string systemName_;
+  std::uint32_t stamp_ = 0;
   std::deque<Element> elements_;  // a deque, so that the names in ids_ stay where they are; [0] is nothing
   std::unordered_map<std::string_view, ElementId> ids_;
 };

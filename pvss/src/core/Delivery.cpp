@@ -61,12 +61,16 @@ CapturedItem captureAddress(const DpIdentifier& id, const Catalogue& catalogue) 
   }
 }
 
-CapturedItem captureState(const DpIdentifier& id, const ElementState& state, const Catalogue& catalogue) {
+CapturedItem captureState(const DpIdentifier& id, const ElementState& state, const Catalogue& catalogue,
+                          Standing standing) {
   switch (attributeOf(id)) {
     case AttributeCode::originalValue:
     case AttributeCode::onlineValue: {
       CapturedItem item;
       item.id = id;
+      if (standing == Standing::gone) {
+        return item;
+      }
       item.kind = CapturedItem::Kind::value;
       item.value = state.attributes.value;
       if (!item.value) {
@@ -80,7 +84,8 @@ CapturedItem captureState(const DpIdentifier& id, const ElementState& state, con
       return make(id, CapturedItem::Kind::moment, state.valueTimeMs);
     case AttributeCode::originalExpInv:
     case AttributeCode::onlineInvalid:
-      return make(id, CapturedItem::Kind::bit, state.attributes.invalid ? 1 : 0);
+      return make(id, CapturedItem::Kind::bit,
+                  state.attributes.invalid || standing != Standing::sound ? 1 : 0);
     case AttributeCode::originalUserBit1:
       return make(id, CapturedItem::Kind::bit, state.attributes.userBit1 ? 1 : 0);
     case AttributeCode::originalUserBit2:

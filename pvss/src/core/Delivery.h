@@ -27,7 +27,8 @@ struct Delivery {
   enum class Kind : std::uint8_t { answer, hotLink };
   WaitForAnswer* target = nullptr;  ///< null once the target is gone
   Kind kind = Kind::answer;
-  bool last = false;  ///< nothing else will come for this request
+  bool last = false;      ///< nothing else will come for this request
+  std::size_t bytes = 0;  ///< that it takes while it waits, about; a value that others share counts in full
   std::vector<CapturedItem> items;
 };
 
@@ -38,9 +39,15 @@ struct Delivery {
 
 /// The item of an address attribute; also of nothing (missing).
 [[nodiscard]] CapturedItem captureAddress(const DpIdentifier& id, const Catalogue& catalogue);
+/// How a state is shown: as it is, as what may no longer be true, or as what is gone.
+enum class Standing : std::uint8_t {
+  sound,
+  unsure,  ///< invalid 1, whatever it was
+  gone,    ///< invalid 1 and no value
+};
 /// The item of an attribute of the state.
 [[nodiscard]] CapturedItem captureState(const DpIdentifier& id, const ElementState& state,
-                                        const Catalogue& catalogue);
+                                        const Catalogue& catalogue, Standing standing = Standing::sound);
 
 /// Makes the callback; `target` must not be null.
 void deliver(const Delivery& delivery);

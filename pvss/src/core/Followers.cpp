@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "log/Log.h"
 #include "pvss/WaitForAnswer.h"
 
 namespace pvss {
@@ -50,7 +51,11 @@ Followers::FollowerPtr Followers::make(const DpIdentList& ids, WaitForAnswer* ta
       Place& place = places_[id.getEl()];
       if (place.follower != made_) {
         place = {made_, static_cast<std::uint32_t>(follower->slots.size())};
-        follower->slots.emplace_back().state.attributes.element = id.getEl();
+        Slot& made = follower->slots.emplace_back();
+        const Catalogue::Element& element = catalogue_.at(id.getEl());
+        made.state.attributes.element = id.getEl();
+        made.typeSeen = element.type;
+        made.type = element.type != DPELEMENT_NOELEMENT ? element.type : element.lastType;
       }
       item.slot = place.slot;
       Slot& slot = follower->slots[item.slot];
@@ -93,7 +98,7 @@ void Followers::start(const FollowerPtr& follower) {
   }
   // Nothing of it is in the store: the catalogue answers.
   std::vector<ElementState> states(follower->slots.size());
-  answered(*follower, 0, states.data());
+  answered(follower, 0, states.data());
 }
 
 void Followers::forget(const WaitForAnswer* target) {
@@ -164,20 +169,26 @@ void Followers::snapshot(std::uint64_t request, std::uint64_t sequence, std::vec
   ElementState* position = states.data();
   for (const FollowerPtr& follower : answer.followers) {
     if (follower->life == Life::starting) {
-      answered(*follower, sequence, position);
+      answered(follower, sequence, position);
     } else if (follower->life == Life::checking) {
-      checked(*follower, sequence, position);
+      checked(follower, sequence, position);
     }
     position += follower->slots.size();
   }
 }
 
-void Followers::answered(Follower& follower, std::uint64_t sequence, ElementState* states) {
+void Followers::take(Slot& slot, ElementState state) {
+  const ElementId element = slot.state.attributes.element;
+  slot.state = std::move(state);
+  slot.state.attributes.element = element;
+  slot.sequence = 0;
+  slot.bytes = slot.state.attributes.value ? sizeOf(*slot.state.attributes.value) : 0;
+}
+
+void Followers::answered(const FollowerPtr& pointer, std::uint64_t sequence, ElementState* states) {
+  Follower& follower = *pointer;
   for (Slot& slot : follower.slots) {
-    const ElementId element = slot.state.attributes.element;
-    slot.state = std::move(*states++);
-    slot.state.attributes.element = element;
-    slot.sequence = 0;
+    take(slot, std::move(*states++));
   }
   follower.asOf = sequence;
   follower.life = follower.isConnect && follower.hotLinks ? Life::following : Life::ended;
@@ -206,25 +217,40 @@ void Followers::answered(Follower& follower, std::uint64_t sequence, ElementStat
       push(follower, Delivery::Kind::hotLink);
     }
   }
+  if (std::exchange(follower.again, false)) {
+    checkAgain(pointer);
+  }
 }
 
-void Followers::checked(Follower& follower, std::uint64_t sequence, ElementState* states) {
+void Followers::checked(const FollowerPtr& pointer, std::uint64_t sequence, ElementState* states) {
+  Follower& follower = *pointer;
   follower.life = Life::following;
   follower.asOf = sequence;
-  bool shows = false;
+  const bool distrusted = std::exchange(follower.distrusted, false);
+  bool shows = std::exchange(follower.mustShow, false) || distrusted;
   for (Slot& slot : follower.slots) {
     ElementState& state = *states++;
     if (slot.sequence > sequence) {
       continue;  // a newer change was seen already
     }
     shows = shows || (differences(slot.state, state) & slot.wanted) != 0;
-    const ElementId element = slot.state.attributes.element;
-    slot.state = std::move(state);
-    slot.state.attributes.element = element;
-    slot.sequence = 0;
+    take(slot, std::move(state));
   }
   if (shows) {
     push(follower, Delivery::Kind::hotLink);
+  }
+  if (std::exchange(follower.again, false)) {
+    checkAgain(pointer);
+  }
+}
+
+void Followers::checkAgain(const FollowerPtr& follower) {
+  follower->mustShow = true;
+  if (follower->life == Life::following) {
+    follower->life = Life::checking;
+    toAsk_.push_back(follower);
+  } else {
+    follower->again = true;  // what is under way may be of before
   }
 }
 
@@ -235,6 +261,7 @@ bool Followers::apply(Follower& follower, std::uint32_t slotIndex, const Element
   slot.sequence = sequence;
   if ((attributes.mask & attributeValue) != 0) {
     mine.value = attributes.value;
+    slot.bytes = mine.value ? sizeOf(*mine.value) : 0;
     slot.state.valueTimeMs = timeMs;
   }
   if ((attributes.mask & attributeInvalid) != 0) {
@@ -283,6 +310,9 @@ void Followers::changed(const Change& change) {
     }
   }
   for (const auto& [follower, shows] : touched_) {
+    if (follower->life == Life::following) {
+      follower->distrusted = false;  // all of it is true as of this change
+    }
     push(*follower, Delivery::Kind::hotLink);
   }
 }
@@ -291,17 +321,79 @@ void Followers::catalogueChanged(ElementId element) {
   if (element >= interests_.size()) {
     return;
   }
-  const bool gone = catalogue_.typeOf(element) == DPELEMENT_NOELEMENT;
+  const DpElementType now = catalogue_.typeOf(element);
+  bool said = false;
   for (const Interest& interest : interests_[element]) {
     Follower& follower = *interest.follower;
     Slot& slot = follower.slots[interest.slot];
-    if (gone) {
-      slot.state = ElementState();
-      slot.state.attributes.element = element;
+    const bool otherType = now != slot.typeSeen;
+    if (otherType) {
+      if (!std::exchange(said, true)) {
+        sayChange(element, slot.typeSeen, now);
+      }
+      slot.typeSeen = now;
+      take(slot, ElementState());  // the store has dropped it too
     }
-    if (slot.wantsAddress && follower.life != Life::starting) {
+    if (follower.life == Life::starting) {
+      follower.again = follower.again || otherType;
+      continue;
+    }
+    const bool isBack = otherType && now == slot.type && slot.wanted != 0;
+    if (isBack) {
+      checkAgain(interest.follower);
+    }
+    if (slot.wantsAddress || (otherType && !isBack && slot.wanted != 0)) {
       push(follower, Delivery::Kind::hotLink);
     }
+  }
+}
+
+void Followers::sayChange(ElementId element, DpElementType before, DpElementType now) const {
+  const std::string& name = catalogue_.nameOf(element);
+  if (now == DPELEMENT_NOELEMENT) {
+    log::warn("pvss", "{} was deleted: whoever follows it gets no value of it any more", name);
+  } else if (before == DPELEMENT_NOELEMENT) {
+    log::info("pvss", "{} exists again, as {}: who followed it as such gets its values again", name,
+              typeWord(now));
+  } else {
+    log::warn(
+        "pvss",
+        "{} changed its type from {} to {}: whoever followed it before gets no value of it as long as it "
+        "has the new type, and has to connect again (restart the gateway)",
+        name, typeWord(before), typeWord(now));
+  }
+}
+
+Standing Followers::standing(const Follower& follower, const Slot& slot) const {
+  if (!follower.isConnect) {
+    return Standing::sound;  // a read takes the element as it is
+  }
+  const SharedValue& value = slot.state.attributes.value;
+  if (catalogue_.typeOf(slot.state.attributes.element) != slot.type ||
+      (value && value->isA() != variableTypeOf(slot.type))) {
+    return Standing::gone;
+  }
+  return follower.distrusted ? Standing::unsure : Standing::sound;
+}
+
+std::size_t Followers::distrust() {
+  std::size_t count = 0;
+  for (const FollowerPtr& follower : connects_) {
+    const bool wasAnswered = follower->life == Life::following || follower->life == Life::checking;
+    if (follower->list && wasAnswered && !std::exchange(follower->distrusted, true)) {
+      push(*follower, Delivery::Kind::hotLink);
+      ++count;
+    }
+  }
+  return count;
+}
+
+void Followers::trustAgain() {
+  for (const FollowerPtr& follower : connects_) {
+    if (follower->distrusted && follower->life == Life::following) {
+      follower->distrusted = false;
+      push(*follower, Delivery::Kind::hotLink);
+    }  // what is being read again is called back with its answer
   }
 }
 
@@ -342,11 +434,14 @@ void Followers::push(const Follower& follower, Delivery::Kind kind) {
   delivery.items.reserve(follower.items.size());
   for (const Item& item : follower.items) {
     if (needsState(attributeOf(item.id)) && item.slot < follower.slots.size()) {
-      delivery.items.push_back(captureState(item.id, follower.slots[item.slot].state, catalogue_));
+      const Slot& slot = follower.slots[item.slot];
+      delivery.items.push_back(captureState(item.id, slot.state, catalogue_, standing(follower, slot)));
+      delivery.bytes += delivery.items.back().value ? slot.bytes : 0;
     } else {
       delivery.items.push_back(captureAddress(item.id, catalogue_));
     }
   }
+  delivery.bytes += sizeof(Delivery) + delivery.items.size() * sizeof(CapturedItem);
   ready_(std::move(delivery));
 }
 

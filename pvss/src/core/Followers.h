@@ -47,8 +47,14 @@ class Followers {
 
   void snapshot(std::uint64_t request, std::uint64_t sequence, std::vector<ElementState> states);
   void changed(const Change& change);
-  /// The address configuration or the existence of an element changed.
+  /// The address configuration, the type or the existence of an element changed.
   void catalogueChanged(ElementId element);
+  /// The store has been away for too long: what is connected by lists is called back with invalid 1. How
+  /// many.
+  std::size_t distrust();
+  /// Everything that changed while the store was away has been told: who was called back so, and not since,
+  /// is called back with what is true.
+  void trustAgain();
   /// Requests under way are lost with the link and are asked again.
   void linkLost();
   /// Changes were missed: read everything connected again, and call back what changed.
@@ -59,7 +65,10 @@ class Followers {
     ElementState state;
     std::uint8_t wanted = 0;  // attribute bits that items of the connect show
     bool wantsAddress = false;
-    std::uint64_t sequence = 0;  // of the change that made the state, 0 for the snapshot's
+    DpElementType type = DPELEMENT_NOELEMENT;      // when it was connected
+    DpElementType typeSeen = DPELEMENT_NOELEMENT;  // when the catalogue last changed
+    std::uint64_t sequence = 0;                    // of the change that made the state, 0 for the snapshot's
+    std::size_t bytes = 0;                         // of the value
   };
   struct Item {
     DpIdentifier id;
@@ -77,6 +86,9 @@ class Followers {
     bool list = false;
     bool hotLinks = false;
     Life life = Life::starting;
+    bool again = false;       // to be read again once the answer under way is here
+    bool mustShow = false;    // what is read is called back even if it is as before
+    bool distrusted = false;  // was last called back with invalid 1 because the store was away
     std::uint64_t asOf = 0;
     std::uint64_t touchedBy = 0;  // number of the change that was looked at last
     std::vector<Item> items;
@@ -95,8 +107,12 @@ class Followers {
 
   FollowerPtr make(const DpIdentList& ids, WaitForAnswer* target);
   void start(const FollowerPtr& follower);
-  void answered(Follower& follower, std::uint64_t sequence, ElementState* states);
-  void checked(Follower& follower, std::uint64_t sequence, ElementState* states);
+  void answered(const FollowerPtr& follower, std::uint64_t sequence, ElementState* states);
+  void checked(const FollowerPtr& follower, std::uint64_t sequence, ElementState* states);
+  static void take(Slot& slot, ElementState state);
+  void checkAgain(const FollowerPtr& follower);
+  void sayChange(ElementId element, DpElementType before, DpElementType now) const;
+  [[nodiscard]] Standing standing(const Follower& follower, const Slot& slot) const;
   bool apply(Follower& follower, std::uint32_t slot, const ElementAttributes& attributes, std::int64_t timeMs,
              std::uint64_t sequence);
   void push(const Follower& follower, Delivery::Kind kind);

@@ -26,6 +26,7 @@ constexpr std::size_t deliveriesPerDispatch = 256;
 constexpr std::chrono::milliseconds pollEvery(5);
 // unless so many wait already: then the store's log holds what comes, and memory stays bounded.
 constexpr std::size_t deliveriesBeforeReading = 16384;
+constexpr std::size_t deliveryBytesBeforeReading = std::size_t{64} * 1024 * 1024;
 constexpr std::chrono::seconds beatEvery(1);
 // The exit code of a manager that has run and whose number another one has taken.
 constexpr int numberTaken = 4;
@@ -69,8 +70,10 @@ ManagerCore::ManagerCore(const ManagerIdentifier& identifier)
       backlog_(Settings::current().backlogBytes, counters_),
       builder_(catalogue_),
       followers_(catalogue_, [this](Delivery delivery) {
+        readyBytes_ += delivery.bytes;
         ready_.push_back(std::move(delivery));
         counters_.deliveriesHigh = std::max<std::uint64_t>(counters_.deliveriesHigh, ready_.size());
+        counters_.deliveryBytesHigh = std::max<std::uint64_t>(counters_.deliveryBytesHigh, readyBytes_);
       }) {}
 
 ManagerCore::~ManagerCore() {
@@ -104,6 +107,7 @@ bool ManagerCore::deliverReady() {
   for (; count > 0 && !ready_.empty(); --count) {
     const Delivery delivery = std::move(ready_.front());
     ready_.pop_front();
+    readyBytes_ -= delivery.bytes;
     if (delivery.target == nullptr) {
       continue;
     }
@@ -124,6 +128,7 @@ bool ManagerCore::deliverReady() {
 void ManagerCore::dispatch(std::chrono::microseconds atMost) {
   const TimePoint now = steadyNow()();
   callsInTurn_ = 0;
+  watchAbsence(now);
   const bool delivered = deliverReady();
   if (!store_) {
     if (!delivered && atMost.count() > 0) {
@@ -134,7 +139,8 @@ void ManagerCore::dispatch(std::chrono::microseconds atMost) {
   beat(now);
   pump();
   if (delivered) {
-    if (now - lastPoll_ < pollEvery || ready_.size() > deliveriesBeforeReading) {
+    if (now - lastPoll_ < pollEvery || ready_.size() > deliveriesBeforeReading ||
+        readyBytes_ > deliveryBytesBeforeReading) {
       return;
     }
     atMost = std::chrono::microseconds(0);
@@ -148,6 +154,21 @@ void ManagerCore::dispatch(std::chrono::microseconds atMost) {
   }
 }
 
+// A store that is away for long: what it held last is not to pass for what is true now.
+void ManagerCore::watchAbsence(TimePoint now) {
+  const std::int64_t limit = Settings::current().invalidAfterSeconds;
+  if (absenceTold_ || limit == 0 || runId_.empty() || link_ == Link::up ||
+      now - awaySince_ < std::chrono::seconds(limit)) {
+    return;
+  }
+  absenceTold_ = true;
+  if (const std::size_t lists = followers_.distrust(); lists > 0) {
+    log::warn(room,
+              "store {} has been away for {} s: the {} lists connected are called invalid until it is back",
+              address_, limit, lists);
+  }
+}
+
 // Hands the store what it will take now.
 void ManagerCore::pump() {
   if (link_ != Link::up) {
@@ -157,6 +178,9 @@ void ManagerCore::pump() {
     followers_.flush([this](std::uint64_t request, const std::vector<ElementId>& elements) {
       store_->readSnapshot(request, elements);
     });
+  }
+  if (sweptAt_ != catalogue_.stamp()) {
+    dropOutdated();
   }
   for (const WriteBatch* batch = backlog_.next(); batch != nullptr; batch = backlog_.next()) {
     const std::size_t place = backlog_.handed();
@@ -177,8 +201,22 @@ bool ManagerCore::connectTo(const DpIdentList& ids, bool list, WaitForAnswer* ta
     return false;
   }
   ++target->waiting_;
+  if (!list) {
+    sayIfNoList(ids, *target);
+  }
   followers_.connect(ids, list, target);
   return true;
+}
+
+// Connected by itself, with an eye on changes, is what a list of names is: the configuration lists.
+void ManagerCore::sayIfNoList(const DpIdentList& ids, const WaitForAnswer& target) const {
+  const DpIdentifier id = ids.getNumberOfItems() == 1 ? ids[0] : DpIdentifier();
+  const DpElementType type = catalogue_.typeOf(id.getEl());
+  if (target.isA() == WaitForAnswer::KIND_HOTLINK && attributeOf(id) == AttributeCode::onlineValue &&
+      type != DPELEMENT_NOELEMENT && type != DPELEMENT_DYNTEXT) {
+    log::warn(room, "{} is of type {}, not dyn_text: whoever takes it for a list of names finds none in it",
+              catalogue_.nameOf(id.getEl()), typeWord(type));
+  }
 }
 
 bool ManagerCore::read(const DpIdentList& ids, WaitForAnswer* target) {
@@ -196,6 +234,7 @@ bool ManagerCore::write(std::int64_t timeMs, const DpIdValueList& values) {
   counters_.callsHigh = std::max(counters_.callsHigh, ++callsInTurn_);
   counters_.queued += values.getNumberOfItems();
   counters_.rejected += result.rejected;
+  counters_.dropped += result.outdated;
   counters_.coalesced += result.overwritten;
   const std::uint64_t gone = backlog_.append(std::move(result.write));
   if (gone > 0) {
@@ -203,6 +242,9 @@ bool ManagerCore::write(std::int64_t timeMs, const DpIdValueList& values) {
   }
   if (result.rejected > 0) {
     sayRejected(result.rejected, result.firstRejection);
+  }
+  if (result.outdated > 0) {
+    sayOutdated(result.outdated, result.firstOutdated);
   }
   if (store_) {
     pump();
@@ -230,6 +272,10 @@ void ManagerCore::setLink(Link next, std::string_view cause) {
   constexpr std::array<const char*, 4> names{"connecting", "waiting", "up", "down"};
   log::debug(room, "link: {} -> {} ({})", names[static_cast<std::size_t>(link_)],
              names[static_cast<std::size_t>(next)], cause);
+  if (link_ == Link::up) {
+    awaySince_ = steadyNow()();
+    absenceTold_ = false;
+  }
   link_ = next;
 }
 
@@ -243,6 +289,7 @@ void ManagerCore::storeUp(const StoreGreeting& greeting) {
   setLink(Link::up, greeting.runId);
   holder_.clear();
   backlog_.settle(greeting.lastClientSequence);
+  dropOutdated();
   counters_.lost = counters_.settled - std::min(counters_.settled, greeting.settledAttributes);
   if (otherServer || knowsLess) {
     const std::uint64_t restored = backlog_.restoreLost(greeting.lastClientSequence);
@@ -348,6 +395,11 @@ void ManagerCore::gap(std::string_view reason) {
   followers_.readAgain();
 }
 
+void ManagerCore::caughtUp() {
+  absenceTold_ = false;
+  followers_.trustAgain();
+}
+
 void ManagerCore::beat(TimePoint now) {
   if (link_ != Link::up || now < nextBeat_) {
     return;
@@ -376,12 +428,29 @@ void ManagerCore::beat(TimePoint now) {
                 {"pendingHigh", number(counters_.pendingHigh)},
                 {"callsHigh", number(counters_.callsHigh)},
                 {"deliveriesHigh", number(counters_.deliveriesHigh)},
+                {"deliveryBytesHigh", number(counters_.deliveryBytesHigh)},
                 {"storeLosses", number(counters_.storeLosses)}});
 }
 
 void ManagerCore::sayCoalesced(std::uint64_t count) {
   if (const std::uint64_t tell = coalesced_.count(count, steadyNow()()); tell > 0) {
     log::warn(room, "the backlog is full: {} superseded values given up for newer ones", tell);
+  }
+}
+
+// What waits for elements that have another type or address since is not for them any more.
+void ManagerCore::dropOutdated() {
+  sweptAt_ = catalogue_.stamp();
+  if (const std::uint64_t dropped = backlog_.dropOutdated(catalogue_); dropped > 0) {
+    sayOutdated(dropped, "what waited for the store");
+  }
+}
+
+void ManagerCore::sayOutdated(std::uint64_t count, const std::string& first) {
+  if (const std::uint64_t tell = outdated_.count(count, steadyNow()()); tell > 0) {
+    log::info(room,
+              "{} values left out that were meant for elements before their type or address changed: {}",
+              tell, first);
   }
 }
 

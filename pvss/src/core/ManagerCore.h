@@ -62,13 +62,18 @@ class ManagerCore final : private StoreListener {
                  const std::vector<std::uint32_t>& leftOut) override;
   void lease(bool held, std::string_view holder) override;
   void gap(std::string_view reason) override;
+  void caughtUp() override;
 
   void endIfRunning(std::string_view holder);
   void setLink(Link next, std::string_view cause);
   bool deliverReady();
+  void watchAbsence(TimePoint now);
+  void sayIfNoList(const DpIdentList& ids, const WaitForAnswer& target) const;
   void pump();
   void beat(TimePoint now);
   void sayCoalesced(std::uint64_t times);
+  void sayOutdated(std::uint64_t times, const std::string& first);
+  void dropOutdated();
   void sayRejected(std::uint64_t times, const std::string& first);
 
   ManagerIdentity identity_;
@@ -77,7 +82,9 @@ class ManagerCore final : private StoreListener {
   Catalogue catalogue_;
   Backlog backlog_;
   WriteBuilder builder_;
+  std::uint32_t sweptAt_ = 0;  // stamp of the catalogue that nothing in the backlog is older than
   std::deque<Delivery> ready_;
+  std::size_t readyBytes_ = 0;
   Followers followers_;
   std::unique_ptr<DatapointStore> store_;
   std::string address_;  // without secrets
@@ -87,10 +94,13 @@ class ManagerCore final : private StoreListener {
   std::string runId_;
   std::string holder_;              // of the lease, when another has it
   std::uint64_t lastSequence_ = 0;  // newest change seen
+  TimePoint awaySince_{};           // while the store is away and was there before
+  bool absenceTold_ = false;        // to those who are connected, for this absence
   TimePoint nextBeat_{};
   TimePoint lastPoll_{};
   log::Repeated coalesced_;
   log::Repeated rejected_;
+  log::Repeated outdated_;
 };
 
 }  // namespace pvss

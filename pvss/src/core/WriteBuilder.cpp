@@ -1,6 +1,7 @@
 #include "core/WriteBuilder.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace pvss {
 
@@ -45,6 +46,8 @@ WriteBuilder::Result WriteBuilder::build(std::int64_t timeMs, const DpIdValueLis
   WriteBatch& batch = result.write.batch;
   batch.timeMs = timeMs;
   ++call_;
+  outdated_.clear();
+  result.write.stamp = catalogue_.stamp();
   if (places_.size() < catalogue_.size()) {
     places_.resize(catalogue_.size());
   }
@@ -67,6 +70,9 @@ WriteBuilder::Result WriteBuilder::build(std::int64_t timeMs, const DpIdValueLis
       place = {call_, static_cast<std::uint32_t>(batch.elements.size())};
       batch.elements.emplace_back().element = id.getEl();
     }
+    if (id.getStamp() < element.moved) {
+      outdated_.push_back(place.index);
+    }
     ElementAttributes& attributes = batch.elements[place.index];
     if ((attributes.mask & bit) != 0) {
       ++result.overwritten;
@@ -87,6 +93,9 @@ WriteBuilder::Result WriteBuilder::build(std::int64_t timeMs, const DpIdValueLis
         break;
     }
   }
+  if (!outdated_.empty()) {
+    leaveOutdated(result);
+  }
   for (std::size_t index = 0; index < batch.elements.size(); ++index) {
     ElementAttributes& attributes = batch.elements[index];
     if ((attributes.mask & (attributeValue | attributeInvalid)) == attributeValue) {
@@ -99,6 +108,16 @@ WriteBuilder::Result WriteBuilder::build(std::int64_t timeMs, const DpIdValueLis
     }
   }
   return result;
+}
+
+void WriteBuilder::leaveOutdated(Result& result) const {
+  std::vector<ElementAttributes>& elements = result.write.batch.elements;
+  result.firstOutdated = catalogue_.nameOf(elements[outdated_.front()].element);
+  for (const std::uint32_t index : outdated_) {
+    result.outdated += static_cast<std::uint64_t>(std::popcount(elements[index].mask));
+    elements[index].mask = 0;
+  }
+  std::erase_if(elements, [](const ElementAttributes& attributes) { return attributes.mask == 0; });
 }
 
 }  // namespace pvss

@@ -194,6 +194,40 @@ TEST_F(Loopback, elementAddedLaterGetsTheLastValueWithoutANewRecord) {
   EXPECT_EQ(describe(plant.read("B.v").value.get()), "int 7");
 }
 
+TEST_F(Loopback, elementMovedFromALivePublicationToOneThatNeverWasStaysInvalid) {
+  addClient("A.v", DPELEMENT_INT, "live", "a");
+  addClient("B.v", DPELEMENT_INT, "live", "a");
+  plant.writeTexts("Gw.clients", {"A.v", "B.v"});
+  KelPublication* const publication = partner->createPublication("live", &handler);
+  int turns = 0;
+  int moved = 0;
+  int goodAgain = 0;
+  std::uint64_t othersWrites = 0;
+  runUntil([&] {
+    ++turns;
+    sendInt(*publication, "a", turns, turns * 1'000'000LL);
+    const auto seen = plant.read("A.v");
+    if (moved == 0) {
+      if (!seen.invalid) {
+        moved = turns;
+        othersWrites = plant.read("B.v").writes;
+        plant.setAddress("A.v", 1, "KEL", reference("never", "a"));
+      }
+      return false;
+    }
+    goodAgain += seen.invalid ? 0 : 1;
+    if (turns == moved + 50) {
+      plant.writeTexts("Gw.clients", {"A.v", "B.v"});  // the gateway looks now, and not before
+    }
+    return turns > moved + 100 && plant.read("B.v").writes > othersWrites + 50;
+  });
+  EXPECT_EQ(goodAgain, 0);
+  EXPECT_TRUE(plant.read("A.v").invalid);
+  EXPECT_FALSE(plant.read("B.v").invalid);
+  EXPECT_GT(Manager::getCounters().dropped, 0U);
+  partner->destroyPublication(publication);
+}
+
 TEST_F(Loopback, gatewayThatStartsLatePublishesWhatIsThere) {
   plant.addElement("A.v", DPELEMENT_INT);
   plant.addElement("B.v", DPELEMENT_FLOAT);

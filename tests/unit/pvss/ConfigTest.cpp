@@ -158,9 +158,11 @@ TEST_F(ResourcesTest, TheVariableWinsOverTheFile) {
 }
 
 TEST_F(ResourcesTest, GeneralEntriesAreTakenAndUnknownOnesPassedOver) {
-  begin({"-config", file("[general]\nbacklogBytes = 1000\nsystem = \"Plant\"\nlanguage = \"en\"\n")});
+  begin({"-config",
+         file("[general]\nbacklogBytes = 1000\ninvalidAfter = 0\nsystem = \"Plant\"\nlanguage = \"en\"\n")});
   readAll();
   EXPECT_EQ(Settings::current().backlogBytes, 1000U);
+  EXPECT_EQ(Settings::current().invalidAfterSeconds, 0U);
   EXPECT_EQ(Settings::current().system, "Plant");
 }
 
@@ -178,6 +180,8 @@ TEST_F(ResourcesDeathTest, WhatIsWrongIsOneMessageAndExitCodeTwo) {
   EXPECT_EXIT(begin({"-config", file("[kel]\nx = \"\n")}), exits, "/config:2: a quote that never closes\n$");
   EXPECT_EXIT((begin({"-config", file("[general]\nbacklogBytes = -1\n")}), readAll()), exits,
               "/config:2: backlogBytes takes a number of bytes above 0, not '-1'\n$");
+  EXPECT_EXIT((begin({"-config", file("[general]\ninvalidAfter = soon\n")}), readAll()), exits,
+              "/config:2: invalidAfter takes a number of seconds, 0 for never, not 'soon'\n$");
   EXPECT_EXIT((begin({"-config", file("[general]\nsystem = a:b\n")}), readAll()), exits,
               "/config:2: system takes");
 }

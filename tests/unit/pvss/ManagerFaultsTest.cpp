@@ -2,6 +2,7 @@
 #include "ManagerFixture.h"
 #include "core/Clock.h"
 #include "pvss/Settings.h"
+#include "store/memory/MemoryDatabase.h"
 
 namespace pvss {
 namespace {
@@ -78,6 +79,114 @@ TEST_F(ManagerFaultsTest, AReadThatIsLostWithTheLinkIsAskedAgain) {
   plant->holdSnapshots(false);
   dispatch();
   EXPECT_THAT(notes.lines, ElementsAre("answer 5", "answer 5"));
+}
+
+TEST_F(ManagerFaultsTest, AStoreThatIsAwayForLongMakesConnectedListsInvalidUntilItIsBack) {
+  start();
+  plant->write("A.x", FloatVar(5), 1);
+  plant->write("A.y", IntegerVar(6), 1);
+  Notes list;
+  Notes single;
+  Manager::dpConnect(DpIdentList{id("A.x"), id("A.x:_online.._invalid")}, Manager::eventId, &list, 0);
+  Notes written;
+  Manager::dpConnect(DpIdentList{id("A.y"), id("A.y:_online.._invalid")}, Manager::eventId, &written, 0);
+  follow("A.x:_online.._invalid", single);
+  dispatch();
+  list.lines.clear();
+  single.lines.clear();
+  written.lines.clear();
+  plant->setLinkUp(false);
+  dispatch();
+  later(std::chrono::milliseconds(9999));
+  dispatch();
+  EXPECT_TRUE(list.lines.empty()) << "not yet";
+  later(std::chrono::milliseconds(1));
+  dispatch();
+  EXPECT_THAT(list.lines, ElementsAre("hotlink 5 1"));
+  later(std::chrono::hours(1));
+  dispatch();
+  EXPECT_THAT(list.lines, ElementsAre("hotlink 5 1")) << "once";
+  EXPECT_TRUE(single.lines.empty()) << "a configuration list stays what it was";
+  plant->write("A.y", IntegerVar(7), 2);
+  plant->write("A.y", IntegerVar(8), 3);
+  plant->setLinkUp(true);
+  dispatch();
+  EXPECT_THAT(list.lines, ElementsAre("hotlink 5 1", "hotlink 5 0"));
+  EXPECT_THAT(written.lines, ElementsAre("hotlink 6 1", "hotlink 7 0", "hotlink 8 0"))
+      << "no change is missed";
+  EXPECT_TRUE(single.lines.empty());
+  plant->setLinkUp(false);
+  dispatch();
+  later(std::chrono::seconds(10));
+  dispatch();
+  EXPECT_THAT(list.lines.back(), "hotlink 5 1") << "the next absence counts anew";
+}
+
+TEST_F(ManagerFaultsTest, AnAbsenceIsToldOnlyOfAStoreThatWasThereAndOnlyWhenWanted) {
+  Settings::current().invalidAfterSeconds = 0;
+  start();
+  Notes list;
+  Manager::dpConnect(DpIdentList{id("A.x"), id("A.x:_online.._invalid")}, Manager::eventId, &list, 0);
+  dispatch();
+  const std::size_t before = list.lines.size();
+  plant->setLinkUp(false);
+  dispatch();
+  later(std::chrono::hours(24));
+  dispatch();
+  EXPECT_EQ(list.lines.size(), before);
+}
+
+TEST_F(ManagerFaultsTest, WhoIsReadAgainAfterALongAbsenceIsCalledBackWithTheTruth) {
+  start();
+  plant->write("A.x", FloatVar(5), 1);
+  Notes list;
+  Manager::dpConnect(DpIdentList{id("A.x"), id("A.x:_online.._invalid")}, Manager::eventId, &list, 0);
+  dispatch();
+  list.lines.clear();
+  plant->setLinkUp(false);
+  dispatch();
+  later(std::chrono::seconds(10));
+  dispatch();
+  plant->loseNewest(0);  // another server: nothing has changed, but it has to be asked
+  plant->setLinkUp(true);
+  plant->holdSnapshots(true);
+  dispatch();
+  EXPECT_THAT(list.lines, ElementsAre("hotlink 5 1"));
+  plant->holdSnapshots(false);
+  dispatch();
+  EXPECT_THAT(list.lines, ElementsAre("hotlink 5 1", "hotlink 5 0"));
+}
+
+TEST_F(ManagerFaultsTest, TheLogIsNotReadOnWhileTooManyBytesOfCallbacksWait) {
+  start();
+  struct Counting : HotLinkWaitForAnswer {
+    using HotLinkWaitForAnswer::hotLinkCallBack;
+    void hotLinkCallBack(DpHLGroup& /*group*/) override { ++count; }
+    int count = 0;
+  } counting;
+  Manager::dpConnect(id("A.t"), Manager::eventId, &counting, 0);
+  dispatch();
+  testing::ElementWrite large;
+  large.value = std::make_shared<const TextVar>(std::string(1024 * 1024, 'x').c_str());
+  for (int time = 1; time <= 600; ++time) {
+    plant->write({{"A.t", large}}, time);
+  }
+  const auto dispatchLater = [] {
+    later(std::chrono::seconds(1));
+    long sec = 0;
+    long usec = 0;
+    Manager::dispatch(sec, usec);
+  };
+  dispatchLater();
+  EXPECT_EQ(counting.count, 256);
+  plant->write("A.y", IntegerVar(1));
+  dispatchLater();
+  EXPECT_EQ(counting.count, 512);
+  EXPECT_EQ(plant->database()->events.size(), 1U) << "88 callbacks of 1 MiB wait";
+  dispatchLater();
+  EXPECT_EQ(counting.count, 600);
+  EXPECT_TRUE(plant->database()->events.empty());
+  EXPECT_GT(Manager::getCounters().deliveryBytesHigh, 600U * 1024 * 1024);
 }
 
 TEST_F(ManagerFaultsTest, MissedChangesAreReadAgainAndCalledBackWhereTheyShow) {

@@ -75,13 +75,26 @@ void MemoryDatabase::define(CatalogueEntry entry) {
     elements_.emplace_back();
   }
   Element& element = elements_[place->second];
-  if (entry.type != element.entry.type) {
+  const bool otherType = entry.type != element.entry.type;
+  const bool otherAddress = entry.addressType != 0 && (entry.addressType != element.entry.addressType ||
+                                                       entry.driver != element.entry.driver ||
+                                                       entry.reference != element.entry.reference);
+  if (otherType) {
     element.state = ElementState();
   }
   element.entry = entry;
   ++sequence_;
+  if (otherType || otherAddress) {
+    element.movedAt = sequence_;
+  }
   if (attached) {
-    events.emplace_back(std::move(entry));
+    events.emplace_back(Defined{sequence_, std::move(entry)});
+  }
+  if (otherAddress && !element.state.attributes.invalid) {
+    ElementAttributes mark;
+    mark.element = place->second;
+    mark.mask = attributeInvalid;
+    applyForeign(PVSSTime().toMilliseconds(), {mark});
   }
 }
 

@@ -28,6 +28,7 @@ class MemoryDatabase {
     CatalogueEntry entry;  ///< type NOELEMENT: deleted
     ElementState state;
     std::uint64_t writes = 0;
+    std::uint64_t movedAt = 0;  ///< sequence of the last change of its type, or to another address
   };
   /// A change by its database indexes, a catalogue entry, or word of a gap.
   struct ForeignChange {
@@ -35,8 +36,12 @@ class MemoryDatabase {
     std::int64_t timeMs = 0;
     std::vector<ElementAttributes> elements;  ///< element is the index here
   };
+  struct Defined {
+    std::uint64_t sequence = 0;
+    CatalogueEntry entry;
+  };
   struct Gap {};
-  using Event = std::variant<ForeignChange, CatalogueEntry, Gap>;
+  using Event = std::variant<ForeignChange, Defined, Gap>;
 
   /// Adds everything that the plant describes; the plant has no errors.
   void load(const PlantFile& plant);
@@ -46,7 +51,8 @@ class MemoryDatabase {
   [[nodiscard]] std::size_t size() const { return elements_.size(); }
   [[nodiscard]] std::uint64_t sequence() const { return sequence_; }
 
-  /// Writes the entry; one of type NOELEMENT deletes the element and its state.
+  /// Writes the entry; one of type NOELEMENT deletes the element and its state. An address that is new or
+  /// another one makes a valid element invalid, as a change of its own right behind.
   void define(CatalogueEntry entry);
   /// Applies a batch by database indexes as one change; gives its sequence.
   std::uint64_t apply(std::int64_t timeMs, const std::vector<ElementAttributes>& elements);

@@ -1,5 +1,6 @@
 #include "store/memory/MemoryStore.h"
 
+#include <algorithm>
 #include <bit>
 #include <ctime>
 #include <utility>
@@ -44,15 +45,19 @@ bool MemoryStore::poll(std::chrono::microseconds atMost) {
       database_->events.pop_front();
       hear(std::move(event));
     }
+    if (catchingUp_) {
+      catchingUp_ = false;
+      listener_->caughtUp();
+    }
     while (!writes_.empty() && !database_->holdWrites) {
       if (database_->fenceNext) {
         database_->fenceNext = false;
         fence("another manager");
         break;
       }
-      WriteBatch batch = std::move(writes_.front());
+      Waiting waiting = std::move(writes_.front());
       writes_.pop_front();
-      apply(std::move(batch));
+      apply(std::move(waiting));
     }
   }
   if (!called_ && atMost.count() > 0) {
@@ -92,6 +97,8 @@ void MemoryStore::comeUp() {
   greeting.settledAttributes = known.settledAttributes;
   greeting.logSequence = database_->sequence();
   state_ = State::up;
+  catalogueSequence_ = database_->sequence();
+  catchingUp_ = true;
   called_ = true;
   listener_->lease(true, identity_.writer);
   listener_->catalogueLoaded(std::move(entries));
@@ -107,10 +114,10 @@ void MemoryStore::goDown(State next, std::string_view reason) {
 }
 
 void MemoryStore::fence(const std::string& holder) {
-  std::deque<WriteBatch> writes;
+  std::deque<Waiting> writes;
   writes.swap(writes_);
-  for (const WriteBatch& batch : writes) {
-    listener_->confirmed(batch.clientSequence, WriteOutcome::fenced, holder, {});
+  for (const Waiting& waiting : writes) {
+    listener_->confirmed(waiting.batch.clientSequence, WriteOutcome::fenced, holder, {});
   }
   listener_->lease(false, holder);
   goDown(State::leaseTaken, "the manager number was taken");
@@ -140,8 +147,9 @@ ElementId MemoryStore::elementOf(MemoryDatabase::Index index) {
 
 void MemoryStore::hear(MemoryDatabase::Event event) {
   called_ = true;
-  if (auto* const entry = std::get_if<CatalogueEntry>(&event)) {
-    listener_->catalogueChanged(std::move(*entry));
+  if (auto* const defined = std::get_if<MemoryDatabase::Defined>(&event)) {
+    catalogueSequence_ = std::max(catalogueSequence_, defined->sequence);
+    listener_->catalogueChanged(std::move(defined->entry));
   } else if (auto* const foreign = std::get_if<MemoryDatabase::ForeignChange>(&event)) {
     change_.sequence = foreign->sequence;
     change_.timeMs = foreign->timeMs;
@@ -155,7 +163,8 @@ void MemoryStore::hear(MemoryDatabase::Event event) {
   }
 }
 
-void MemoryStore::apply(WriteBatch batch) {
+void MemoryStore::apply(Waiting waiting) {
+  WriteBatch& batch = waiting.batch;
   MemoryDatabase::Writer known = database_->writer(identity_.writer);
   if (batch.clientSequence <= known.lastClientSequence) {
     called_ = true;
@@ -174,6 +183,11 @@ void MemoryStore::apply(WriteBatch batch) {
     const MemoryDatabase::Index index = indexOf(attributes.element);
     if (index == MemoryDatabase::none || database_->at(index).entry.type == DPELEMENT_NOELEMENT) {
       missing += (missing.empty() ? "no such element: " : ", ") + directory_->nameOf(attributes.element);
+      leftOut.push_back(static_cast<std::uint32_t>(&attributes - batch.elements.data()));
+      skipped = true;
+    } else if (database_->at(index).movedAt > waiting.catalogue) {
+      missing += (missing.empty() ? "another type or address since: " : ", ") +
+                 directory_->nameOf(attributes.element);
       leftOut.push_back(static_cast<std::uint32_t>(&attributes - batch.elements.data()));
       skipped = true;
     } else {
@@ -220,7 +234,7 @@ bool MemoryStore::write(const WriteBatch& batch) {
     goDown(State::connecting, "the link failed under a write");
     return true;
   }
-  writes_.push_back(batch);
+  writes_.push_back({batch, catalogueSequence_});
   return true;
 }
 

@@ -34,11 +34,16 @@ class MemoryStore final : public DatapointStore {
     std::vector<ElementState> states;
   };
 
+  struct Waiting {
+    WriteBatch batch;
+    std::uint64_t catalogue = 0;  // sequence of the newest catalogue change that the manager knew of
+  };
+
   void comeUp();
   void goDown(State next, std::string_view reason);
   void fence(const std::string& holder);
   void hear(MemoryDatabase::Event event);
-  void apply(WriteBatch batch);
+  void apply(Waiting waiting);
   [[nodiscard]] MemoryDatabase::Index indexOf(ElementId element);
   [[nodiscard]] ElementId elementOf(MemoryDatabase::Index index);
 
@@ -48,7 +53,9 @@ class MemoryStore final : public DatapointStore {
   ManagerIdentity identity_;
   State state_ = State::stopped;
   bool called_ = false;
-  std::deque<WriteBatch> writes_;
+  std::deque<Waiting> writes_;
+  std::uint64_t catalogueSequence_ = 0;  // of the newest catalogue change told
+  bool catchingUp_ = false;
   std::deque<Snapshot> snapshots_;
   std::vector<MemoryDatabase::Index> indexes_;  // by element id
   std::vector<ElementId> elements_;             // by index, 0: not known yet

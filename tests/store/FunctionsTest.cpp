@@ -250,6 +250,44 @@ TEST_F(Functions, PutLogsOnlyWhatIsNewOrOther) {
   EXPECT_EQ(server.cli({"GET", "dp:seq"}), "2");
 }
 
+TEST_F(Functions, PutOfANewAddressMarksTheElementInvalidInTheSameStep) {
+  set("w", "1", "0", "1", "", "A.f", "i0v1.5");
+  call({"dp_put", "0", "t", "A.f", "float a1 3:KELp/x"});
+  EXPECT_EQ(hash("A.f").at(1), "1");
+  EXPECT_EQ(hash("A.f").front(), "1.5");
+  EXPECT_EQ(server.cli({"GET", "dp:seq"}), "4");
+  EXPECT_EQ(server.cli({"HGET", "dp:d:A.f", "a"}), "3");
+  const auto entry = lines(server.cli({"XREVRANGE", "dp:log", "+", "-", "COUNT", "1"}));
+  EXPECT_THAT(entry, ElementsAre("4-0", "s", ::testing::EndsWith(" t"), "A.f", "i1"));
+  EXPECT_EQ(entry.at(2), server.cli({"HGET", "dp:d:A.f", "ti"}) + " t");
+  // Neither a type of attributes switched off nor the same once more is another address; invalid it is
+  // already.
+  call({"dp_put", "0", "t", "A.f", "float d4 a1 3:KELp/x"});
+  call({"dp_put", "0", "t", "A.f", "float a1 3:KELp/y"});
+  EXPECT_EQ(server.cli({"GET", "dp:seq"}), "6");
+  EXPECT_EQ(server.cli({"HGET", "dp:d:A.f", "a"}), "6");
+  set("w", "2", "1", "2", "", "A.f", "i0");
+  call({"dp_put", "0", "t", "A.f", "float"});
+  EXPECT_EQ(hash("A.f").at(1), "0") << "an address that is taken away marks nothing";
+}
+
+TEST_F(Functions, SetLeavesOutElementsThatHaveMovedSinceTheWritersCatalogue) {
+  call({"dp_put", "0", "t", "A.x", "int"});
+  call({"dp_put", "0", "t", "A.f", "float a1 3:KELp/x"});
+  EXPECT_EQ(server.cli({"GET", "dp:log:moved"}), "3");
+  const std::string partly =
+      call({"dp_set", "0", "w", "", "1", "0", "1", "c2", "A.f", "i0v1", "A.x", "i0v2"});
+  EXPECT_THAT(lines(partly), ElementsAre("4", "another type or address since: A.f", "0"));
+  EXPECT_EQ(hash("A.f").at(1), "");
+  EXPECT_EQ(hash("A.x").front(), "2");
+  EXPECT_THAT(set("w", "2", "1", "1", "c2", "A.f", "i0v1"),
+              StartsWith("REFUSED another type or address since: A.f"));
+  EXPECT_THAT(server.cli({"HGET", "dp:cli", "w"}), StartsWith("2 1 2 4 1 ")) << "counted as refused";
+  EXPECT_EQ(set("w", "3", "2", "1", "c3", "A.f", "i0v3"), "5");
+  EXPECT_EQ(set("w", "4", "3", "1", "rc3", "A.f", "i0v4"), "6");
+  EXPECT_EQ(set("tool", "1", "0", "1", "", "A.f", "i0v5"), "7");
+}
+
 TEST_F(Functions, PutOfAnotherTypeDropsTheValueAndAnotherAddressDoesNot) {
   set("w", "1", "0", "1", "", "A.f", "v1.5");
   call({"dp_put", "0", "t", "A.f", "float a1 3:KELp/x"});
@@ -268,11 +306,25 @@ TEST_F(Functions, DeleteRemovesEntryAndValueAndIsLogged) {
   EXPECT_EQ(entry[3], "A.f");
 }
 
-TEST_F(Functions, LargeChangeIsLoggedByNamesAlone) {
-  set("w", "1", "0", "1700", "", "A.f", "i01121v" + std::string(70000, '7'));
+TEST_F(Functions, LargeChangeIsLoggedByNamesAndWhatItWroteIsKeptBeside) {
+  const std::string text = "i01121v" + std::string(70000, '7');
+  set("w", "1", "0", "1700", "", "A.f", text);
+  EXPECT_EQ(call({"dp_large", "0", "2"}), "3:A.f70007:" + text);
+  EXPECT_EQ(call({"dp_large", "0", "1"}), "");
   EXPECT_THAT(lines(server.cli({"XREVRANGE", "dp:log", "+", "-", "COUNT", "1"})),
               ElementsAre("2-0", "S", "1700 w", "names", "i12v A.f"));
   EXPECT_EQ(hash("A.f").front().size(), 70000U);
+}
+
+TEST_F(Functions, WhatALargeChangeWroteGoesWithItsEntry) {
+  server.cli({"HSET", "dp:cfg", "logBytes", "2097152"});
+  const std::string text = "v" + std::string(100000, '7');
+  for (int i = 1; i <= 50; ++i) set("w", std::to_string(i), "0", "1700", "", "A.f", text);
+  const auto kept = lines(server.cli({"KEYS", "dp:log:v:*"}));
+  EXPECT_EQ(kept.size(), std::stoul(server.cli({"XLEN", "dp:log"})));
+  EXPECT_GT(kept.size(), 10U);
+  EXPECT_LT(kept.size(), 35U);
+  EXPECT_EQ(server.cli({"EXISTS", "dp:log:v:51"}), "1");
 }
 
 TEST_F(Functions, LogIsCutWhenItPassesItsBoundOfBytes) {

@@ -165,4 +165,39 @@ TEST_P(StoreSuite, ManyConnectsAreAnsweredEachWithItsOwn) {
   }
 }
 
+// One entry of a log cannot carry them; they come with their own values all the same, each in its place.
+TEST_P(StoreSuite, LargeChangesComeWithTheirOwnValuesAndInOrder) {
+  store->define("A.list", DPELEMENT_DYNTEXT);
+  store->define("A.count", DPELEMENT_INT);
+  start();
+  Listener listener;
+  connect(listener, {"A.count", "A.list"}, false);
+  Listener both;
+  connect(both, {"A.count", "A.list"}, true);
+  both.hotLinks.clear();
+  for (int count = 1; count <= 5; ++count) {
+    DynVar list(TEXT_VAR);
+    const std::string text(200, static_cast<char>('0' + count));
+    for (int item = 0; item < 500; ++item) {
+      list.append(TextVar(text.c_str()));
+    }
+    ElementWrite listWrite;
+    listWrite.value = pvss::shareCopy(list);
+    ElementWrite countWrite;
+    countWrite.value = value<IntegerVar>(count);
+    // Small ones behind the large ones too.
+    store->write({{"A.list", listWrite}, {"A.count", countWrite}}, count);
+    store->write({{"A.count", countWrite}}, count + 100);
+  }
+  settle();
+  std::vector<std::string> seen;
+  for (const auto& group : both.hotLinks) {
+    const std::string& list = group.at(1);
+    seen.push_back(group.at(0).substr(group.at(0).find('=') + 1) + " " + list.back() + " " +
+                   std::to_string(list.size() > 100000));
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"1 1 1", "1 1 1", "2 2 1", "2 2 1", "3 3 1", "3 3 1", "4 4 1",
+                                            "4 4 1", "5 5 1", "5 5 1"}));
+}
+
 }  // namespace storetest

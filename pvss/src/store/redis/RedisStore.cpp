@@ -118,7 +118,9 @@ bool RedisStore::write(const WriteBatch& batch) {
   command.number(batch.clientSequence);
   command.number(previousWrite_);
   command.number(batch.timeMs);
-  command.text(batch.restore ? "r" : "");
+  scratch_ = batch.restore ? "r" : "";
+  scratch_ += writeFlags_;
+  command.text(scratch_);
   for (const ElementAttributes& element : batch.elements) {
     scratch_.clear();
     appendAttributeText(element, scratch_);

@@ -30,7 +30,7 @@ struct RedisStoreOptions {
   std::chrono::milliseconds lease{3000};                   ///< of the manager number, on the store's clock
   std::chrono::milliseconds leaseRetry{1000};  ///< while another manager holds it, or functions are missing
   std::chrono::milliseconds logWait{2000};     ///< how long the server holds an idle log read
-  std::size_t logEntries = 1024;               ///< entries taken in one log read
+  std::size_t logEntries = 512;                ///< entries taken in one log read, none of them above 64 KiB
   // Under steady traffic, poll() looks at the sockets no more often than this once a burst of so many is used
   // up: waking up costs more than the work, and a loop that polls every millisecond loses nothing by it.
   std::chrono::microseconds wakeInterval{1000};
@@ -125,8 +125,12 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   void onLog(ReplyCursor reply);
   void onLogEntry(std::uint64_t sequence, ReplyCursor& reply);
   void onChangeEntry(std::uint64_t sequence, std::string_view head, std::size_t fields, ReplyCursor& reply);
-  void onLargeEntry(std::uint64_t sequence, std::string_view head, std::string_view names);
+  void onLargeEntry(std::uint64_t sequence, std::string_view head);
   void onLargeValues(ReplyCursor reply);
+  void takeWritten(std::string_view name, std::string_view text);
+  void tellChange(std::uint64_t sequence, std::string_view head);
+  void checkCaughtUp();
+  void catalogueKnown(std::uint64_t sequence);
   void onCatalogueEntry(std::uint64_t sequence, bool removed, std::size_t fields, ReplyCursor& reply);
   void lostChanges(std::string_view reason);
   void sayUnreadable(std::string_view name, const std::string& why);
@@ -192,9 +196,14 @@ class RedisStore final : public DatapointStore, private ConnectionOwner {
   bool logKnown_ = false;                // logPosition_ means something
   std::string gapDue_;                   // changes were missed and the listener was not told yet
   std::uint64_t catalogueSequence_ = 0;  // entries of the catalogue up to here are in what was loaded
+  std::string writeFlags_;               // what a write says of the catalogue that it was made with
+  bool catchingUp_ = false;              // until the log has been read up to where the catalogue was loaded
+  std::uint64_t catchUpTo_ = 0;
+  bool catalogueSkipped_ = false;  // changes of it were in what was loaded, and not told one by one
   bool logAsked_ = false;
-  Change change_;  // reused for every entry
-  Change large_;   // waits for its values
+  Change change_;                    // reused for every entry
+  std::uint64_t largeSequence_ = 0;  // of the change whose values are being fetched
+  std::string largeHead_;
   bool largeWaits_ = false;
   log::Repeated unreadable_;
 };

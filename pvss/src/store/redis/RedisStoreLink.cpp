@@ -106,6 +106,7 @@ void RedisStore::drop(std::string_view reason) {
   snapshots_.clear();
   logAsked_ = false;
   largeWaits_ = false;
+  catchingUp_ = false;
   retryAt_ = now_ + backoff_.next();
   enter(LinkState::pausing, reason);
   if (wasUp) {
@@ -282,7 +283,7 @@ void RedisStore::onCatalogue(ReplyCursor reply) {
     return;
   }
   const std::size_t items = reply.array();
-  catalogueSequence_ = reply.unsignedInteger();
+  catalogueKnown(reply.unsignedInteger());
   std::vector<CatalogueEntry> entries;
   entries.reserve(items / 2);
   for (std::size_t i = 1; i + 1 < items; i += 2) {
@@ -313,6 +314,9 @@ void RedisStore::onCatalogue(ReplyCursor reply) {
   listener_->catalogueLoaded(std::move(entries));
   listener_->storeUp(greeting_);
   if (state_ == LinkState::up && !gapDue_.empty()) listener_->gap(std::exchange(gapDue_, {}));
+  catchUpTo_ = catalogueSequence_;
+  catchingUp_ = true;
+  checkCaughtUp();
   askLog();
 }
 

@@ -1,6 +1,7 @@
 // What comes from the store: snapshots, and the change log in its one order.
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 #include "log/Log.h"
 #include "store/ValueCodec.h"
@@ -17,6 +18,17 @@ Integer numberOf(std::string_view digits) {
   Integer value = 0;
   std::from_chars(digits.data(), digits.data() + digits.size(), value);
   return value;
+}
+
+/// Takes "<length>:<bytes>" from the front; false when there is none.
+bool takeNetstring(std::string_view& from, std::string_view& text) {
+  const std::size_t colon = from.find(':');
+  if (colon == std::string_view::npos) return false;
+  const auto length = numberOf<std::size_t>(from.substr(0, colon));
+  if (length > from.size() - colon - 1) return false;
+  text = from.substr(colon + 1, length);
+  from.remove_prefix(colon + 1 + length);
+  return true;
 }
 
 }  // namespace
@@ -67,6 +79,7 @@ void RedisStore::takeState(ReplyCursor& reply, ElementState& state) {
   ElementAttributes& attributes = state.attributes;
   attributes.mask = attributeValue | attributeInvalid | attributeUserBit1 | attributeUserBit2;
   attributes.value.reset();
+  bool readable = true;
   reply.array();
   if (reply.isNil()) {
     reply.skip();
@@ -77,11 +90,12 @@ void RedisStore::takeState(ReplyCursor& reply, ElementState& state) {
       std::string error;
       attributes.value = parseValueText(type, text, error);
       if (!attributes.value) {
+        readable = false;
         sayUnreadable(directory_->nameOf(attributes.element), error);
       }
     }
   }
-  attributes.invalid = reply.text() != "0";
+  attributes.invalid = reply.text() != "0" || !readable;
   attributes.userBit1 = reply.text() == "1";
   attributes.userBit2 = reply.text() == "1";
   state.valueTimeMs = reply.integer();
@@ -204,6 +218,7 @@ void RedisStore::onLog(ReplyCursor reply) {
       onLogEntry(sequence, reply);
     }
   }
+  checkCaughtUp();
   askLog();
 }
 
@@ -214,9 +229,9 @@ void RedisStore::onLogEntry(std::uint64_t sequence, ReplyCursor& reply) {
   const std::string_view head = reply.text();
   if (kind == "s") {
     onChangeEntry(sequence, head, fields - 2, reply);
-  } else if (kind == "S" && fields >= 4) {
-    reply.skip();
-    onLargeEntry(sequence, head, reply.text());
+  } else if (kind == "S") {
+    for (std::size_t i = 2; i < fields; ++i) reply.skip();
+    onLargeEntry(sequence, head);
   } else if (kind == "c" || kind == "x") {
     onCatalogueEntry(sequence, kind == "x", fields - 2, reply);
   } else {
@@ -228,52 +243,53 @@ void RedisStore::onLogEntry(std::uint64_t sequence, ReplyCursor& reply) {
 
 void RedisStore::onChangeEntry(std::uint64_t sequence, std::string_view head, std::size_t fields,
                                ReplyCursor& reply) {
-  change_.sequence = sequence;
-  change_.timeMs = numberOf<std::int64_t>(head);
   change_.elements.clear();
-  AttributeView view;
   for (std::size_t i = 0; i + 1 < fields; i += 2) {
     const std::string_view name = reply.text();
-    if (!parseAttributeText(reply.text(), view)) {
-      sayUnreadable(name, "change " + std::to_string(sequence) + " is no text of attributes");
-      continue;
-    }
-    ElementAttributes& attributes = change_.elements.emplace_back();
-    attributes.element = directory_->intern(name);
-    attributes.mask = view.mask;
-    attributes.invalid = view.invalid;
-    attributes.userBit1 = view.userBit1;
-    attributes.userBit2 = view.userBit2;
-    if ((view.mask & attributeValue) == 0) continue;
-    const DpElementType type = directory_->typeOf(attributes.element);
-    if (type == DPELEMENT_NOELEMENT) continue;
-    std::string error;
-    attributes.value = parseValueText(type, view.value, error);
-    if (!attributes.value) sayUnreadable(name, error);
+    takeWritten(name, reply.text());
   }
+  tellChange(sequence, head);
+}
+
+/// What a change wrote to one element.
+void RedisStore::takeWritten(std::string_view name, std::string_view text) {
+  AttributeView view;
+  if (!parseAttributeText(text, view)) {
+    sayUnreadable(name, "what a change wrote to it is no text of attributes");
+    return;
+  }
+  ElementAttributes& attributes = change_.elements.emplace_back();
+  attributes.element = directory_->intern(name);
+  attributes.mask = view.mask;
+  attributes.invalid = view.invalid;
+  attributes.userBit1 = view.userBit1;
+  attributes.userBit2 = view.userBit2;
+  if ((view.mask & attributeValue) == 0) return;
+  const DpElementType type = directory_->typeOf(attributes.element);
+  if (type == DPELEMENT_NOELEMENT) return;
+  std::string error;
+  attributes.value = parseValueText(type, view.value, error);
+  if (!attributes.value) {
+    attributes.mask |= attributeInvalid;  // nobody is to take the default for what was written
+    attributes.invalid = true;
+    sayUnreadable(name, error);
+  }
+}
+
+void RedisStore::tellChange(std::uint64_t sequence, std::string_view head) {
+  change_.sequence = sequence;
+  change_.timeMs = numberOf<std::int64_t>(head);
   called_ = true;
   listener_->changed(change_);
 }
 
-/// A change too large for the log: its values are fetched, and the log is not read on before they are here.
-void RedisStore::onLargeEntry(std::uint64_t sequence, std::string_view head, std::string_view names) {
-  large_.sequence = sequence;
-  large_.timeMs = numberOf<std::int64_t>(head);
-  large_.elements.clear();
-  while (!names.empty()) {
-    const std::size_t end = names.find('\n');
-    const std::string_view line = names.substr(0, end);
-    names.remove_prefix(end == std::string_view::npos ? names.size() : end + 1);
-    const std::size_t space = line.find(' ');
-    if (space == std::string_view::npos) continue;
-    ElementAttributes& attributes = large_.elements.emplace_back();
-    attributes.mask = maskOfLetters(line.substr(0, space));
-    attributes.element = directory_->intern(line.substr(space + 1));
-  }
+/// A change too large for one entry: what it wrote is fetched, and the log is not read on before it is here.
+void RedisStore::onLargeEntry(std::uint64_t sequence, std::string_view head) {
+  largeSequence_ = sequence;
+  largeHead_ = head;
   largeWaits_ = true;
-  RespWriter out(call(Tag::large, 0, "dp_snap", large_.elements.size()));
-  for (const ElementAttributes& attributes : large_.elements)
-    out.text(directory_->nameOf(attributes.element));
+  RespWriter out(call(Tag::large, 0, "dp_large", 1));
+  out.number(sequence);
 }
 
 void RedisStore::onLargeValues(ReplyCursor reply) {
@@ -281,20 +297,40 @@ void RedisStore::onLargeValues(ReplyCursor reply) {
     serverError(reply.text());
     return;
   }
-  reply.array();
-  reply.skip();
-  for (ElementAttributes& attributes : large_.elements) {
-    ElementState state;
-    state.attributes.element = attributes.element;
-    takeState(reply, state);
-    state.attributes.mask = attributes.mask;
-    attributes = std::move(state.attributes);
-  }
   largeWaits_ = false;
-  called_ = true;
-  listener_->changed(large_);
-  large_.elements.clear();
+  if (reply.isNil()) {
+    lostChanges("change " + std::to_string(largeSequence_) + " is no longer in the log");
+  } else {
+    std::string_view packed = reply.text();
+    std::string_view name;
+    std::string_view text;
+    change_.elements.clear();
+    while (takeNetstring(packed, name) && takeNetstring(packed, text)) {
+      takeWritten(name, text);
+    }
+    if (!packed.empty()) sayUnreadable("a large change", "change " + std::to_string(largeSequence_));
+    tellChange(largeSequence_, largeHead_);
+    change_ = Change();  // its room is not kept
+  }
+  checkCaughtUp();
   askLog();
+}
+
+/// Writes say from now on that they were made with the catalogue as of this sequence.
+void RedisStore::catalogueKnown(std::uint64_t sequence) {
+  catalogueSequence_ = sequence;
+  writeFlags_ = "c" + std::to_string(sequence);
+}
+
+/// The listener has to know when nothing of an outage is left to be told. Of an element that was deleted and
+/// defined again meanwhile the catalogue does not show it, so everything connected is read again.
+void RedisStore::checkCaughtUp() {
+  if (!catchingUp_ || largeWaits_ || state_ != LinkState::up || logPosition_ < catchUpTo_) return;
+  catchingUp_ = false;
+  called_ = true;
+  if (std::exchange(catalogueSkipped_, false))
+    listener_->gap("the catalogue changed while the link was down");
+  listener_->caughtUp();
 }
 
 void RedisStore::onCatalogueEntry(std::uint64_t sequence, bool removed, std::size_t fields,
@@ -303,7 +339,10 @@ void RedisStore::onCatalogueEntry(std::uint64_t sequence, bool removed, std::siz
     CatalogueEntry entry;
     entry.name = reply.text();
     const std::string_view text = reply.text();
-    if (sequence <= catalogueSequence_) continue;
+    if (sequence <= catalogueSequence_) {
+      catalogueSkipped_ = true;
+      continue;
+    }
     if (!removed && !parseCatalogueText(text, entry)) {
       sayUnreadable(entry.name, "its catalogue entry is no such text");
       continue;
@@ -311,6 +350,7 @@ void RedisStore::onCatalogueEntry(std::uint64_t sequence, bool removed, std::siz
     called_ = true;
     listener_->catalogueChanged(std::move(entry));
   }
+  if (sequence > catalogueSequence_) catalogueKnown(sequence);
 }
 
 }  // namespace pvss::redis

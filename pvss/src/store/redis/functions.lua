@@ -8,8 +8,8 @@ local VERSION = '4'
 local DAY_MS = 86400000
 local MARK_BYTES = 1048576        -- distance of the marks that trimming cuts at
 local LOG_BYTES = 268435456       -- bound of the log unless dp:cfg logBytes says another
-local INLINE_BYTES = 65536        -- a larger change is logged by names only
-local INLINE_ELEMENTS = 3000      -- and so is one with more elements than a call can carry
+local INLINE_BYTES = 65536        -- what a larger change wrote is kept beside the log
+local INLINE_ELEMENTS = 3000      -- and so with one of more elements than a call can carry
 local STEP = 5                    -- places of one element in the plan of a write
 local LEASE_MS = 3000             -- when a write takes a free lease up again
 local MOST_LOOKED_AT = 20000      -- changes that a restore looks through for what is newer than it
@@ -88,15 +88,17 @@ local function trim(total)
   while total - dropped > bound do
     local mark = redis.call('LPOP', 'dp:log:marks')
     if not mark then return end
-    local id, upto = string.match(mark, '^(%d+) (%d+)$')
+    local id, upto, large = string.match(mark, '^(%d+) (%d+)(.*)$')
     redis.call('XTRIM', 'dp:log', 'MINID', string.format('%.0f', tonumber(id) + 1))
+    for seq in string.gmatch(large, '%d+') do redis.call('DEL', 'dp:log:v:' .. seq) end
     dropped = tonumber(upto)
     redis.call('SET', 'dp:log:dropped', upto)
   end
 end
 
--- One entry of the log; its id is the sequence. `pairs` starts at index `from` of the list.
-local function append(kind, head, list, from, bytes)
+-- One entry of the log; its id is the sequence. `pairs` starts at index `from` of the list. What a large change wrote
+-- lies in a key of its own as long as its entry is in the log.
+local function append(kind, head, list, from, bytes, packed)
   local seq = redis.call('INCR', 'dp:seq')
   local id = string.format('%.0f', seq)
   local r = redis.pcall('XADD', 'dp:log', id, kind, head, unpack(list, from))
@@ -110,10 +112,21 @@ local function append(kind, head, list, from, bytes)
     redis.call('SET', 'dp:seq', id)
     redis.call('XADD', 'dp:log', id, kind, head, unpack(list, from))
   end
+  if packed then
+    redis.call('SET', 'dp:log:v:' .. id, packed)
+    redis.call('RPUSH', 'dp:log:large', id)
+    bytes = bytes + #packed
+  end
   bytes = bytes + 24
   local total = redis.call('INCRBY', 'dp:log:bytes', bytes)
   if math.floor(total / MARK_BYTES) ~= math.floor((total - bytes) / MARK_BYTES) then
-    redis.call('RPUSH', 'dp:log:marks', id .. ' ' .. string.format('%.0f', total))
+    local mark = id .. ' ' .. string.format('%.0f', total)
+    local large = redis.call('LPOP', 'dp:log:large')
+    while large do
+      mark = mark .. ' ' .. large
+      large = redis.call('LPOP', 'dp:log:large')
+    end
+    redis.call('RPUSH', 'dp:log:marks', mark)
     trim(total)
   end
   return seq
@@ -262,12 +275,17 @@ local function dp_set(_, args)
   if time == '' then time = now_ms() end
   if since == '' then since = now_ms() end
   local when = tonumber(time)
-  local restore = flags == 'r'
+  local restore, knows = string.byte(flags) == 114, string.match(flags, 'c(%d+)$')
+  if knows then
+    -- Only where elements have moved since is each of them asked when.
+    local moved = redis.call('GET', 'dp:log:moved')
+    if not moved or not newer(moved, knows) then knows = nil end
+  end
   if restore then look_back() end
   local call, pcall = redis.call, redis.pcall
 
   -- Look first, write afterwards: nothing below can fail half way. The plan has STEP places for each element.
-  local plan, n, bytes, unknown, broken, skipped, left_out = {}, 0, 0, nil, nil, false, nil
+  local plan, n, bytes, unknown, moved, broken, skipped, left_out = {}, 0, 0, nil, nil, nil, false, {}
   local good, bad, valued = 0, 0, false
   for i = 7, #args, 2 do
     local name, text = args[i], args[i + 1]
@@ -281,11 +299,14 @@ local function dp_set(_, args)
       args[i + 1] = text
       if text ~= '' then head, value = split(text) end
     end
+    local at = knows and type(was) ~= 'table' and call('HGET', key, 'a')
     if not head or type(was) == 'table' then
       broken, bad = name, bad + count
     elseif not was and call('HEXISTS', 'dp:cat', name) == 0 then
       unknown, bad = unknown and unknown .. ', ' .. name or name, bad + count
-      left_out = left_out or {}
+      left_out[#left_out + 1] = (i - 7) / 2
+    elseif at and newer(at, knows) then
+      moved, bad = moved and moved .. ', ' .. name or name, bad + count
       left_out[#left_out + 1] = (i - 7) / 2
     elseif text == '' then
       skipped = true  -- nothing of it is the newest any more
@@ -303,13 +324,15 @@ local function dp_set(_, args)
   if n > 0 then
     local headline = time .. ' ' .. writer
     if bytes > INLINE_BYTES or n > INLINE_ELEMENTS * STEP then
-      local lines = {}
+      local lines, packed = {}, {}
       for k = 1, n, STEP do
-        lines[#lines + 1] = plan[k + 2].letters .. (plan[k + 3] and 'v ' or ' ') .. args[plan[k]]
+        local name, text = args[plan[k]], args[plan[k] + 1]
+        lines[#lines + 1] = plan[k + 2].letters .. (plan[k + 3] and 'v ' or ' ') .. name
+        packed[#packed + 1] = #name .. ':' .. name .. #text .. ':' .. text
       end
       local names = table.concat(lines, '\n')
-      seq = append('S', headline, {'names', names}, 1, #names + #headline)
-    elseif skipped or unknown then
+      seq = append('S', headline, {'names', names}, 1, #names + #headline, table.concat(packed))
+    elseif skipped or unknown or moved then
       local list = {}
       for k = 1, n, STEP do
         list[#list + 1] = args[plan[k]]
@@ -348,9 +371,11 @@ local function dp_set(_, args)
   redis.call('HSET', 'dp:cli', writer, text)
   if not known or fence == '' then touch(writer, not known) end
   if broken then return redis.error_reply('REFUSED ' .. broken .. ': no text of attributes, or no hash in the store') end
-  if unknown then
-    if n == 0 then return redis.error_reply('REFUSED no such element: ' .. unknown) end
-    local answer = {seq, 'no such element: ' .. unknown}
+  if unknown or moved then
+    local why = unknown and 'no such element: ' .. unknown
+    if moved then why = (why and why .. '; ' or '') .. 'another type or address since: ' .. moved end
+    if n == 0 then return redis.error_reply('REFUSED ' .. why) end
+    local answer = {seq, why}
     for k = 1, #left_out do answer[k + 2] = left_out[k] end
     return answer
   end
@@ -370,6 +395,10 @@ local function dp_snap(_, args)
   for i = 1, #args do out[i + 1] = state_of(args[i]) end
   return out
 end
+
+-- dp_large sequence  -> what a change of kind S wrote: element and attribute text, ..., as netstrings; nil when it was
+-- cut off with its entry
+local function dp_large(_, args) return redis.call('GET', 'dp:log:v:' .. args[1]) end
 
 -- dp_since sequence  -> sequence, then name and state of everything that changed after it
 local function dp_since(_, args)
@@ -490,20 +519,50 @@ local function dp_cat()
   return out
 end
 
+-- The address of a catalogue text, '' when it has none.
+local function address_of(entry)
+  return entry and string.match(string.gsub(entry, '^%S+ ?d?%d* ?', '', 1), '^a.*$') or ''
+end
+
 -- dp_put writer (name entry)...  -> how many were new or other than before
+-- What an element holds did not come from an address that is new to it, so it is made invalid in the same step. And
+-- what others have sent without knowing of the change is not for it any more: its hash says since when.
 local function dp_put(_, args)
   local list, n, bytes = {}, 0, 0
+  local moved, marked, marked_bytes = {}, {}, 0
   for i = 2, #args, 2 do
     local name, entry = args[i], args[i + 1]
     local old = redis.call('HGET', 'dp:cat', name)
     if old ~= entry then
-      if old and string.match(old, '^%S+') ~= string.match(entry, '^%S+') then redis.call('DEL', 'dp:d:' .. name) end
+      local key, address = 'dp:d:' .. name, address_of(entry)
+      local other_type = old and string.match(old, '^%S+') ~= string.match(entry, '^%S+')
+      local readdressed = address ~= '' and address ~= address_of(old)
+      if other_type then redis.call('DEL', key) end
+      if other_type or readdressed then
+        local flag = redis.pcall('HGET', key, 'i')
+        if type(flag) ~= 'table' then moved[#moved + 1] = key end
+        if flag == '0' then
+          marked[#marked + 1], marked[#marked + 2] = name, 'i1'
+          marked_bytes = marked_bytes + #name + 6
+        end
+      end
       redis.call('HSET', 'dp:cat', name, entry)
       list[n + 1], list[n + 2] = name, entry
       n, bytes = n + 2, bytes + #name + #entry + 4
     end
   end
-  if n > 0 then append('c', now_ms() .. ' ' .. args[1], list, 1, bytes) end
+  if n == 0 then return 0 end
+  local now = now_ms()
+  local seq = append('c', now .. ' ' .. args[1], list, 1, bytes)
+  if #moved > 0 then
+    local text = string.format('%.0f', seq)
+    for _, key in ipairs(moved) do redis.call('HSET', key, 'a', text) end
+    redis.call('SET', 'dp:log:moved', text)
+  end
+  if #marked > 0 then
+    for i = 1, #marked, 2 do redis.call('HSET', 'dp:d:' .. marked[i], 'i', '1', 'ti', now) end
+    append('s', now .. ' ' .. args[1], marked, 1, marked_bytes)
+  end
   return n / 2
 end
 
@@ -543,6 +602,7 @@ redis.register_function('dp_put', dp_put)
 redis.register_function('dp_del', dp_del)
 redis.register_function{function_name = 'dp_version', callback = dp_version, flags = {'no-writes'}}
 redis.register_function{function_name = 'dp_snap', callback = dp_snap, flags = {'no-writes'}}
+redis.register_function{function_name = 'dp_large', callback = dp_large, flags = {'no-writes'}}
 redis.register_function{function_name = 'dp_since', callback = dp_since, flags = {'no-writes'}}
 redis.register_function{function_name = 'dp_cat', callback = dp_cat, flags = {'no-writes'}}
 redis.register_function{function_name = 'dp_managers', callback = dp_managers, flags = {'no-writes'}}

@@ -130,6 +130,40 @@ def test_a_group_with_an_invalid_element_is_bad_and_recovers(site):
     assert reader.wait("good again", lambda record: record.quality == 1).fields == {"x": ("int", 1), "y": ("int", 4)}
 
 
+@pytest.mark.parametrize("before,after", [("text", "int"), ("float", "int")])
+def test_an_element_that_changes_its_type_makes_its_publication_bad_until_the_type_is_back(site, before, after):
+    out = {"one": {"bufferTime": 0, "fields": {"v": "P.x"}}}
+    site.apply({"P.x": before}, {}, out)
+    reader = Reader(site, "one")
+    gateway = site.gateway()
+    set_value(site, "P.x", "7")
+    good = reader.wait("the value", lambda record: record.quality == 1)
+    site.apply({"P.x": after}, {}, out)
+    reader.wait("bad", lambda record: record.quality == 0 and record.reason == "1 PVSS dpe's set to invalid")
+    for value in ("100", "101"):
+        set_value(site, "P.x", value)
+    assert site.get("P.x")["value"] == 101
+    holds = lambda: all(record.quality == 0 for record in reader.records() if record.sequence > good.sequence)
+    harness.wait_until(lambda: "three bad records\n" + gateway.said(), lambda: reader.last().sequence >= good.sequence + 3)
+    assert holds() and gateway.running()
+    line = f"P.x changed its type from {before} to {after}: whoever followed it before gets no value of it"
+    assert any(line in said for said in gateway.err), gateway.said()
+    site.apply({"P.x": before}, {}, out)
+    set_value(site, "P.x", "8")
+    reader.wait("good again", lambda record: record.quality == 1)
+
+
+def test_an_element_that_is_deleted_makes_its_publication_bad(site):
+    site.apply({"P.x": "int"}, {}, {"one": {"bufferTime": 0, "fields": {"v": "P.x"}}})
+    reader = Reader(site, "one")
+    gateway = site.gateway()
+    set_value(site, "P.x", "7")
+    reader.wait("the value", lambda record: record.quality == 1)
+    site.redis.command("FCALL", "dp_del", "0", "test", "P.x")
+    reader.wait("bad", lambda record: record.quality == 0 and record.reason == "1 PVSS dpe's set to invalid")
+    assert any("P.x was deleted" in said for said in gateway.err), gateway.said()
+
+
 def test_the_time_of_a_publication_is_its_newest_source_time_and_never_goes_back(site):
     site.apply({"P.x": "int", "P.y": "int"}, {}, {"time": {"bufferTime": 0, "fields": {"x": "P.x", "y": "P.y"}}})
     set_value(site, "P.x", "1", "--time", "1700000002000")

@@ -1,8 +1,12 @@
 // How changes, snapshots and writes flow through the Redis store.
 #include <gmock/gmock.h>
 
+#include <cstdlib>
+#include <fstream>
+
 #include "RedisProbe.h"
 #include "pvss/TextVar.h"
+#include "store/redis/Functions.h"
 
 namespace {
 
@@ -110,6 +114,35 @@ TEST(RedisFlow, ValueTooLargeForTheLogArrivesInItsPlace) {
   EXPECT_NE(probe.changes[1].elements.at(0).value, nullptr);
   EXPECT_EQ(StoreProbe::textOf(probe.changes[2].elements.at(0)).size(), 20U);
   EXPECT_TRUE(probe.gaps.empty());
+}
+
+TEST(RedisFlow, ALargeChangeWhoseValuesTheLinkTookAlongIsNotLost) {
+  RedisServer server;
+  prepare(server, DPELEMENT_TEXT);
+  // A library that can do everything but give the values of a large change.
+  std::string code(pvss::redis::functionsText());
+  const std::string whole = code;
+  const std::string line = "return redis.call('GET', 'dp:log:v:' .. args[1])";
+  ASSERT_NE(code.find(line), std::string::npos);
+  code.replace(code.find(line), line.size(), "return redis.error_reply('LOADING not yet')");
+  const auto load = [&](const std::string& text) {
+    const std::string file = server.folder() + "/functions.lua";
+    std::ofstream(file) << text;
+    const std::string command =
+        "redis-cli -s '" + server.socket() + "' -x FUNCTION LOAD REPLACE < '" + file + "' > /dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  };
+  load(code);
+  StoreProbe probe(server.address(), "7.a");
+  ASSERT_TRUE(probe.untilUp());
+  pvss::WriteBatch large = probe.batch(1, 1, name, 0);
+  large.elements[0].value = std::make_shared<TextVar>(std::string(200000, 'x').c_str());
+  ASSERT_TRUE(probe.store().write(large));
+  ASSERT_TRUE(probe.until([&] { return !probe.downs.empty(); }));
+  load(whole);
+  ASSERT_TRUE(probe.until([&] { return !probe.changes.empty(); }));
+  EXPECT_EQ(probe.changes[0].sequence, 2U);
+  EXPECT_EQ(StoreProbe::textOf(probe.changes[0].elements.at(0)).size(), 200000U);
 }
 
 TEST(RedisFlow, SnapshotInSeveralCallsIsTrueAsOfOneSequence) {

@@ -17,7 +17,7 @@ struct Settings {
       std::size_t{64} * 1024 * 1024;       ///< key `backlogBytes`: bound of the unconfirmed writes
   std::uint32_t invalidAfterSeconds = 10;  ///< key `invalidAfter`: what lists are connected to is called
                                            ///< invalid when the store has been away for so long; 0: never
-  std::string system = "System1";  ///< key `system`: name of the default system
+  std::string system = "System1";          ///< key `system`: name of the default system
 
   /// The settings of this process.
   static Settings& current();

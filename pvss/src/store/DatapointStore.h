@@ -154,9 +154,9 @@ class DatapointStore {
   virtual bool poll(std::chrono::microseconds atMost) = 0;
   /// Hands over one batch. False: not now (link down or the window of unconfirmed writes is full); the caller
   /// keeps it and offers it again after the next confirmation or storeUp. Batches stay in order. The store
-  /// does not keep a reference. After storeDown everything unconfirmed counts as not handed over. What it says
-  /// of elements that got another type or address by a change that the listener had not been told of when it
-  /// was handed over is left out, and the confirmation says so.
+  /// does not keep a reference. After storeDown everything unconfirmed counts as not handed over. What it
+  /// says of elements that got another type or address by a change that the listener had not been told of
+  /// when it was handed over is left out, and the confirmation says so.
   virtual bool write(const WriteBatch& batch) = 0;
   /// Asks for the states of the elements; lost with the link, so the caller asks again after storeUp.
   virtual void readSnapshot(std::uint64_t request, const std::vector<ElementId>& elements) = 0;

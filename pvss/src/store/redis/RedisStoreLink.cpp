@@ -105,7 +105,8 @@ void RedisStore::drop(std::string_view reason) {
   flyingBytes_ = 0;
   snapshots_.clear();
   logAsked_ = false;
-  if (std::exchange(largeWaits_, false)) --logPosition_;  // its values went with the link, so it is read again
+  if (std::exchange(largeWaits_, false))
+    --logPosition_;  // its values went with the link, so it is read again
   catchingUp_ = false;
   retryAt_ = now_ + backoff_.next();
   enter(LinkState::pausing, reason);

@@ -19,8 +19,9 @@ struct KelOptions {
   std::string url;          ///< empty: KEL_URL, or the default
   std::string incarnation;  ///< empty: random; otherwise letters and digits, unique among all process runs
   std::function<std::int64_t()> wallClockNanoseconds;  ///< empty: the system's clock
-  /// The hand-off to listeners and the outgoing queue: past either bound the oldest waiting record of the
-  /// same publication goes; the newest of each is always kept.
+  /// The hand-off to listeners and the outgoing queue: the newest record of each publication is always kept.
+  /// Of all others there are so many; past either bound the publication that takes the most room loses its
+  /// oldest.
   std::size_t handOffRecords = 20'000;
   std::size_t handOffBytes = 64U << 20U;
   std::size_t outgoingRecords = 20'000;

@@ -1,6 +1,8 @@
 // The contest for publication names: the part of Outbox that decides who may publish.
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include "session/Outbox.h"
 #include "session/OutboxName.h"
@@ -106,6 +108,7 @@ void Outbox::claimMessage(std::string_view publication, std::string_view payload
   const auto at = coded ? names_.find(*coded) : names_.end();
   if (at == names_.end()) return;
   Name& name = *at->second;
+  name.unheard.reset();
   if (payload.empty()) {
     if (name.state == PublicationState::waiting && earlierUnderName_.empty()) {
       claim(name, "the owner has withdrawn its claim");
@@ -126,6 +129,9 @@ void Outbox::claimMessage(std::string_view publication, std::string_view payload
     }
   } else if (ports_.peers.known(claim->publisher.text())) {
     otherClaim(name, *claim);
+  } else if (!retained) {
+    // Made up, or of somebody who was only not heard of: then it shows itself when it is asked.
+    name.unheard = *claim;
   }
 }
 
@@ -214,8 +220,14 @@ void Outbox::tellLoss(Name& name) {
 }
 
 void Outbox::peerAlive(std::string_view peer) {
+  std::vector<Name*> claimed;
   for (auto& [coded, name] : names_) {
     if (name->state == PublicationState::waiting && name->rival == peer) tellLoss(*name);
+    if (name->unheard && name->unheard->publisher.text() == peer) claimed.push_back(name.get());
+  }
+  for (Name* name : claimed) {
+    const ClaimPayload claim = *std::exchange(name->unheard, std::nullopt);
+    otherClaim(*name, claim);
   }
 }
 

@@ -1,8 +1,10 @@
 // FairQueue: one bounded queue made of many lanes, served in turn.
 //
-// Order is kept within a lane only. Past the bound (items or bytes, over all lanes) a lane that grows gives
-// up its own oldest droppable items; the newest of each lane always stays. A lane that is not ready keeps its
-// items and is passed over. Not thread-safe: whoever owns the queue guards it, and the lanes with it.
+// Order is kept within a lane only. The newest droppable item of each lane always stays and counts in no
+// bound. Of everything else there are so many items and bytes, over all lanes; past either, the lane that
+// takes the most room gives up its oldest: who floods pays, and others keep theirs. A lane that is not ready
+// keeps its items and is passed over. Not thread-safe: whoever owns the queue guards it, and the lanes with
+// it.
 #pragma once
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 
 namespace kel {
@@ -19,30 +22,43 @@ template <class Item>
 struct Lane {
   std::deque<Item> items;
   std::size_t droppable = 0;
+  std::size_t droppableBytes = 0;
+  std::size_t newestBytes = 0;  ///< of the newest droppable item
+  std::size_t weight = 0;       ///< as which the queue knows it; 0: it has nothing to give
   bool ready = true;
   bool scheduled = false;
 };
 
-/// `Owner` has a member `Lane<Item> lane` and lives in a shared_ptr.
+/// `Owner` has a member `Lane<Item> lane` and lives in a shared_ptr; it is cleared before it goes.
 template <class Item, class Owner>
 class FairQueue {
  public:
-  FairQueue(std::size_t mostItems, std::size_t mostBytes) : mostItems_(mostItems), mostBytes_(mostBytes) {}
+  FairQueue(std::size_t mostItems, std::size_t mostBytes)
+      : mostItems_(mostItems),
+        mostBytes_(mostBytes),
+        itemWeight_(1 + mostBytes / std::max<std::size_t>(mostItems, 1)) {}
 
-  /// Adds at the lane's end and calls `dropped(item)` for each item that had to go for it.
+  /// Adds at the lane's end and calls `dropped(item)` for each item that had to go for it, of any lane.
   template <class Dropped>
   void push(const std::shared_ptr<Owner>& owner, Item item, Dropped&& dropped) {
     Lane<Item>& lane = owner->lane;
+    const Before before(*this, lane);
     count(lane, item, true);
+    if (item.droppable) lane.newestBytes = item.bytes;
     lane.items.push_back(std::move(item));
-    while (overfull() && lane.droppable > 1) dropOldest(lane, dropped);
+    before.settle();
+    while (overfull() && !heavy_.empty()) dropOldest(*heavy_.rbegin()->second, dropped);
     schedule(owner);
   }
 
   /// Puts an item back where it was taken from.
   void pushFront(const std::shared_ptr<Owner>& owner, Item item) {
-    count(owner->lane, item, true);
-    owner->lane.items.push_front(std::move(item));
+    Lane<Item>& lane = owner->lane;
+    const Before before(*this, lane);
+    if (item.droppable && lane.droppable == 0) lane.newestBytes = item.bytes;
+    count(lane, item, true);
+    lane.items.push_front(std::move(item));
+    before.settle();
     schedule(owner);
   }
 
@@ -54,9 +70,11 @@ class FairQueue {
       Lane<Item>& lane = owner->lane;
       lane.scheduled = false;
       if (!lane.ready || lane.items.empty()) continue;
+      const Before before(*this, lane);
       Item item = std::move(lane.items.front());
       lane.items.pop_front();
       count(lane, item, false);
+      before.settle();
       schedule(owner);
       return std::pair(std::move(owner), std::move(item));
     }
@@ -77,13 +95,16 @@ class FairQueue {
   /// Empties the lane; its droppable items are reported.
   template <class Dropped>
   void clear(Owner& owner, Dropped&& dropped) {
+    const Before before(*this, owner.lane);
     for (Item& item : owner.lane.items) {
       count(owner.lane, item, false);
       if (item.droppable) dropped(item);
     }
     owner.lane.items.clear();
+    before.settle();
   }
 
+  /// Takes the newest item off, which is not droppable.
   void dropNewest(Owner& owner) {
     count(owner.lane, owner.lane.items.back(), false);
     owner.lane.items.pop_back();
@@ -93,12 +114,45 @@ class FairQueue {
   [[nodiscard]] std::size_t bytes() const { return bytes_; }
 
  private:
-  [[nodiscard]] bool overfull() const { return items_ > mostItems_ || bytes_ > mostBytes_; }
+  [[nodiscard]] bool overfull() const { return spareItems_ > mostItems_ || spareBytes_ > mostBytes_; }
+
+  static std::size_t spareItems(const Lane<Item>& lane) {
+    return lane.droppable > 1 ? lane.droppable - 1 : 0;
+  }
+  static std::size_t spareBytes(const Lane<Item>& lane) {
+    return lane.droppable > 1 ? lane.droppableBytes - lane.newestBytes : 0;
+  }
+
+  /// What a lane had to give before it changed; settle() books the difference.
+  class Before {
+   public:
+    Before(FairQueue& queue, Lane<Item>& lane)
+        : queue_(queue), lane_(lane), items_(spareItems(lane)), bytes_(spareBytes(lane)) {}
+    void settle() const {
+      const std::size_t items = spareItems(lane_);
+      const std::size_t bytes = spareBytes(lane_);
+      queue_.spareItems_ += items - items_;
+      queue_.spareBytes_ += bytes - bytes_;
+      const std::size_t weight = items == 0 ? 0 : items * queue_.itemWeight_ + bytes;
+      if (weight == lane_.weight) return;
+      if (lane_.weight != 0) queue_.heavy_.erase({lane_.weight, &lane_});
+      if (weight != 0) queue_.heavy_.emplace(weight, &lane_);
+      lane_.weight = weight;
+    }
+
+   private:
+    FairQueue& queue_;
+    Lane<Item>& lane_;
+    const std::size_t items_;
+    const std::size_t bytes_;
+  };
 
   void count(Lane<Item>& lane, const Item& item, bool added) {
     items_ = added ? items_ + 1 : items_ - 1;
     bytes_ = added ? bytes_ + item.bytes : bytes_ - item.bytes;
-    if (item.droppable) lane.droppable = added ? lane.droppable + 1 : lane.droppable - 1;
+    if (!item.droppable) return;
+    lane.droppable = added ? lane.droppable + 1 : lane.droppable - 1;
+    lane.droppableBytes = added ? lane.droppableBytes + item.bytes : lane.droppableBytes - item.bytes;
   }
 
   template <class Dropped>
@@ -106,9 +160,11 @@ class FairQueue {
     const auto oldest =
         std::find_if(lane.items.begin(), lane.items.end(), [](const Item& item) { return item.droppable; });
     if (oldest == lane.items.end()) return;
+    const Before before(*this, lane);
     Item item = std::move(*oldest);
     lane.items.erase(oldest);
     count(lane, item, false);
+    before.settle();
     dropped(item);
   }
 
@@ -121,8 +177,12 @@ class FairQueue {
 
   const std::size_t mostItems_;
   const std::size_t mostBytes_;
+  const std::size_t itemWeight_;  ///< an item weighs so many bytes, so that either bound finds its lane
   std::size_t items_ = 0;
   std::size_t bytes_ = 0;
+  std::size_t spareItems_ = 0;
+  std::size_t spareBytes_ = 0;
+  std::set<std::pair<std::size_t, Lane<Item>*>> heavy_;  ///< the lanes that have something to give
   std::deque<std::shared_ptr<Owner>> turns_;
 };
 

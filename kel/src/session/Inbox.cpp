@@ -64,8 +64,7 @@ void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
   owe(handle);
   if (!coded) {
     impossible_.push_back(handle);
-    ports_.dispatcher.post(
-        handle, Event::exception("no publication can be called '" + handle->name() + "': " + error));
+    ports_.dispatcher.post(handle, Event::exception(impossibleName("subscribed", handle->name(), error)));
     return;
   }
   const std::string filter = ports_.topics.data(*coded);

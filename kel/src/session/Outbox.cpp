@@ -65,7 +65,7 @@ void Outbox::add(const std::shared_ptr<PublicationHandle>& handle) {
   std::string error;
   const auto coded = encodeTopicName(handle->publication(), error);
   if (!coded) {
-    tell(*handle, "no publication can be called '" + handle->publication() + "': " + error);
+    tell(*handle, impossibleName("published", handle->publication(), error));
     return;
   }
   auto& slot = names_[*coded];
@@ -297,6 +297,7 @@ void Outbox::linkDown() {
     name->claimSubscribed = false;
     name->claimTaken = false;
     name->rival.clear();
+    name->unheard.reset();
     transition(name->state, PublicationState::unclaimed, "publication " + name->publication, "link down");
     for (const auto& handle : name->handles) queue_.setReady(handle, false);
   }

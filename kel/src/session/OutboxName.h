@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,7 @@ struct OutboxName {
   std::string rival;          ///< claiming: who was there earlier; waiting: who has the name
   bool rivalIsOwner = false;  ///< it has said that it owns the name
   bool lossTold = false;
+  std::optional<ClaimPayload> unheard;  ///< the last claim, if it is of somebody who is not known to live
   PeerTable::Time waitingSince;
 };
 

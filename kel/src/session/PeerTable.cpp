@@ -1,8 +1,10 @@
 #include "session/PeerTable.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "session/Transition.h"
+#include "wire/RecordCodec.h"
 
 namespace kel {
 
@@ -18,17 +20,21 @@ const char* stateName(PeerState state) {
   return "?";
 }
 
-PeerTable::Change PeerTable::sawSign(std::string_view peer, Time now, std::chrono::nanoseconds limit) {
-  const auto at = peers_.find(peer);
-  return sawPresence(peer, false, now, at == peers_.end() ? limit : at->second.limit);
-}
-
 PeerTable::Change PeerTable::sawPresence(std::string_view peer, bool retained, Time now,
                                          std::chrono::nanoseconds limit) {
   auto at = peers_.find(peer);
-  if (at == peers_.end()) at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now, limit}).first;
+  if (at == peers_.end()) {
+    if (peers_.size() >= mostPeers || peer.size() > longestPublisher) {
+      ++refused_;
+      return {};
+    }
+    at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now, {}}).first;
+  }
   Peer& entry = at->second;
-  entry.limit = limit;
+  if (!retained || entry.state != PeerState::alive) {
+    const std::chrono::nanoseconds most = retained ? unconfirmedLimit : longestLimit;
+    entry.limit = std::min(limit, most);
+  }
   bool changed = false;
   if (!retained) {
     entry.heard = now;
@@ -75,6 +81,16 @@ PeerState PeerTable::state(std::string_view peer) const {
 bool PeerTable::anyUnconfirmed() const {
   return std::any_of(peers_.begin(), peers_.end(),
                      [](const auto& entry) { return entry.second.state == PeerState::unconfirmed; });
+}
+
+std::string PeerTable::complaint(Time now) {
+  constexpr std::chrono::minutes pause{1};
+  if (refused_ == 0 || (complained_ && now - *complained_ < pause)) return {};
+  complained_ = now;
+  return std::to_string(std::exchange(refused_, 0)) +
+         " presences of publishers are passed over: " + std::to_string(peers_.size()) +
+         " are known, and no more than " + std::to_string(mostPeers) + ", of at most " +
+         std::to_string(longestPublisher) + " bytes, are taken; who publishes them?";
 }
 
 std::vector<std::string> PeerTable::named(std::string_view name) const {

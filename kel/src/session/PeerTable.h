@@ -2,11 +2,14 @@
 //
 // A presence that the broker had kept proves nothing: it may have outlived its publisher. Its owner is
 // `unconfirmed` until a presence arrives live. Unconfirmed and alive peers alike are gone when no live
-// presence has arrived for the time limit. Not thread-safe: under the session's lock.
+// presence has arrived for the time limit. What a presence says of its own limit is believed within bounds:
+// up to longestLimit for who is alive, up to unconfirmedLimit for who is not confirmed, for it answers a
+// probe at once if it lives. So many peers are known and no more. Not thread-safe: under the session's lock.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -29,14 +32,17 @@ class PeerTable {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
+  static constexpr std::size_t mostPeers = 10'000;
+  static constexpr std::chrono::seconds longestKeepAlive{60};  ///< that a presence may name
+  static constexpr std::chrono::seconds longestLimit = 2 * longestKeepAlive;
+  static constexpr std::chrono::seconds unconfirmedLimit{10};
+
   /// The state after a presence of `peer` ("name/incarnation"), and whether that is news.
   struct Change {
     PeerState state = PeerState::gone;
     bool changed = false;
   };
   Change sawPresence(std::string_view peer, bool retained, Time now, std::chrono::nanoseconds limit);
-  /// Another live sign of it; its time limit stays, or is this one when it was not known.
-  Change sawSign(std::string_view peer, Time now, std::chrono::nanoseconds limit);
   /// Its presence was withdrawn. False when it was not known.
   bool remove(std::string_view peer, std::string_view cause);
   void clear(std::string_view cause);
@@ -50,6 +56,8 @@ class PeerTable {
   [[nodiscard]] bool alive(std::string_view peer) const { return state(peer) == PeerState::alive; }
   [[nodiscard]] bool known(std::string_view peer) const { return state(peer) != PeerState::gone; }
   [[nodiscard]] bool anyUnconfirmed() const;
+  /// What to say about presences beyond mostPeers: at most once a minute, else empty.
+  std::string complaint(Time now);
   /// Everybody known under this publisher's name.
   [[nodiscard]] std::vector<std::string> named(std::string_view name) const;
 
@@ -60,6 +68,8 @@ class PeerTable {
     std::chrono::nanoseconds limit{};
   };
   TextMap<Peer> peers_;
+  std::int64_t refused_ = 0;  ///< presences beyond mostPeers since they were last spoken of
+  std::optional<Time> complained_;
 };
 
 }  // namespace kel

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -278,7 +279,8 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
   if (payload.empty()) {
     peerGone(peer, "publisher " + topic.name + " is gone", true);
   } else {
-    const auto keepAlive = presenceKeepAlive(payload).value_or(transport_->keepAlive());
+    const auto keepAlive = std::min(kel::presenceKeepAlive(payload).value_or(transport_->keepAlive()),
+                                    PeerTable::longestKeepAlive);
     peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive));
   }
 }
@@ -307,9 +309,13 @@ void Session::peerSeen(const std::string& peer, PeerTable::Change change) {
     inbox_.peerAlive(peer);
     outbox_.peerAlive(peer);
   } else if (link_ == LinkState::synced) {
-    probeDue_ = true;
-    if (ports_.now - probeSent_ >= probePause) publishProbe();
+    wantProbe();
   }
+}
+
+void Session::wantProbe() {
+  probeDue_ = true;
+  if (probes_.may(ports_.now)) publishProbe();
 }
 
 void Session::peerGone(const std::string& peer, std::string_view reason, bool withdrawn) {
@@ -321,11 +327,12 @@ void Session::peerGone(const std::string& peer, std::string_view reason, bool wi
 
 void Session::claimMessage(const ParsedTopic& topic, std::string_view payload, bool retained) {
   if (!retained && !payload.empty()) {
-    // Who claims, lives.
+    // A claim is no sign of life: who may write the name of one publication can put anybody's name into it.
+    // Only a presence is, and who lives shows it when asked.
     const auto claim = decodeClaim(payload);
-    if (claim && claim->publisher.incarnation != ports_.self.incarnation) {
-      const std::string peer = claim->publisher.text();
-      peerSeen(peer, peers_.sawSign(peer, ports_.now, 2 * transport_->keepAlive()));
+    if (claim && claim->publisher.incarnation != ports_.self.incarnation &&
+        !peers_.alive(claim->publisher.text())) {
+      wantProbe();
     }
   }
   outbox_.claimMessage(topic.name, payload, retained);
@@ -379,8 +386,6 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
     peers_.forgive(pause);
     inbox_.forgive(pause);
     presenceSent_ += pause;
-    probeSent_ += pause;
-    ledgerSent_ += pause;
   } else if (pause > longestTick) {
     peers_.forgive(pause);
     inbox_.forgive(pause);
@@ -394,18 +399,16 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
   noteStall(now);
   if (!closing_) inbox_.tellUntold();
   if (closing_ || (link_ != LinkState::syncing && link_ != LinkState::synced)) return;
-  const milliseconds keepAlive = transport_->keepAlive();
-  const auto sincePresence = now - presenceSent_;
-  if (sincePresence >= keepAlive / 2 || (presenceDue_ && sincePresence >= presencePause))
-    publishPresence(true);
+  if (now - presenceSent_ >= milliseconds(presenceKeepAlive()) / 2) publishPresence(true);
+  answerProbes();
+  if (const std::string line = peers_.complaint(now); !line.empty()) log(LogLevel::warn, line);
   for (const std::string& peer : peers_.expire(now)) {
     const auto id = PublisherId::parse(peer);
     const std::string reason = "publisher " + (id ? id->name : peer) + " was not heard of in time";
     inbox_.peerGone(peer, reason, false);
     outbox_.peerGone(peer);
   }
-  if (probeDue_ && now - probeSent_ >= probePause) publishProbe();
-  if (ledgerDue_ && now - ledgerSent_ >= ledgerPause) publishLedger();
+  if (probeDue_ && probes_.may(now)) publishProbe();
   inbox_.tick();
   outbox_.tick();
   askForGroupAgain();

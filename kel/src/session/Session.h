@@ -13,11 +13,13 @@
 #include "KelUrl.h"
 #include "Sync.h"
 #include "kel/Kel.h"
+#include "session/AnswerLimit.h"
 #include "session/Dispatcher.h"
 #include "session/Inbox.h"
 #include "session/Outbox.h"
 #include "session/PeerTable.h"
 #include "session/SessionPorts.h"
+#include "session/SessionTokens.h"
 #include "session/SubscribeWindow.h"
 #include "transport/KelTransport.h"
 
@@ -75,7 +77,10 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void groupKnown() KEL_REQUIRES(mutex_);
   bool publishPresence(bool alive) KEL_REQUIRES(mutex_);
   void publishProbe() KEL_REQUIRES(mutex_);
+  void wantProbe() KEL_REQUIRES(mutex_);
   void probed(std::string_view payload) KEL_REQUIRES(mutex_);
+  void answerProbes() KEL_REQUIRES(mutex_);
+  [[nodiscard]] std::chrono::seconds presenceKeepAlive() const;
   void publishLedger() KEL_REQUIRES(mutex_);
   [[nodiscard]] KelLedger ledgerLocked() const KEL_REQUIRES(mutex_);
   void askForGroupAgain() KEL_REQUIRES(mutex_);
@@ -110,14 +115,15 @@ class Session final : public KelFactory, private TransportListener, private Publ
   std::int64_t reconnects_ KEL_GUARDED_BY(mutex_) = 0;
   bool ticked_ KEL_GUARDED_BY(mutex_) = false;
   std::chrono::steady_clock::time_point presenceSent_ KEL_GUARDED_BY(mutex_);
-  std::chrono::steady_clock::time_point probeSent_ KEL_GUARDED_BY(mutex_);
+  AnswerLimit probes_ KEL_GUARDED_BY(mutex_){answersAtOnce, probePause, floodPause};
+  AnswerLimit presenceAnswers_ KEL_GUARDED_BY(mutex_){answersAtOnce, presencePause, floodPause};
   bool presenceTaken_ KEL_GUARDED_BY(mutex_) = false;  ///< by the broker, since the link is up
   std::chrono::steady_clock::time_point upSince_ KEL_GUARDED_BY(mutex_);
   Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group"};
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
   bool ledgerDue_ KEL_GUARDED_BY(mutex_) = false;
-  std::chrono::steady_clock::time_point ledgerSent_ KEL_GUARDED_BY(mutex_);
+  AnswerLimit ledgerPauses_ KEL_GUARDED_BY(mutex_){answersAtOnce, ledgerPause, floodPause};
   std::int64_t ledgerAnswers_ KEL_GUARDED_BY(mutex_) = 0;
   /// Handles live here from create to release; the key is what the application holds.
   std::unordered_map<KelSubscription*, std::shared_ptr<SubscriptionHandle>> subscriptions_

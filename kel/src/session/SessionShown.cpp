@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "session/LedgerPayload.h"
 #include "session/Session.h"
 #include "session/SessionTokens.h"
@@ -59,10 +61,10 @@ bool Session::publishPresence(bool alive) {
     presence.host = host_;
     presence.process = getpid();
     presence.startedNanoseconds = startedNanoseconds_;
-    presence.keepAlive = transport_->keepAlive();
+    presence.keepAlive = presenceKeepAlive();
     presence.counters = countersLocked();
     payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
-    message.expirySeconds = static_cast<std::uint32_t>(2 * transport_->keepAlive().count());
+    message.expirySeconds = static_cast<std::uint32_t>(2 * presenceKeepAlive().count());
     presenceSent_ = ports_.now;
     presenceDue_ = false;
   }
@@ -76,13 +78,26 @@ void Session::probed(std::string_view payload) {
     payload.remove_suffix(ledgerWanted.size());
   }
   if (payload != ports_.self.text()) presenceDue_ = true;
-  if (presenceDue_ && ports_.now - presenceSent_ >= presencePause) publishPresence(true);
-  if (ledgerDue_ && ports_.now - ledgerSent_ >= ledgerPause) publishLedger();
+  answerProbes();
+}
+
+void Session::answerProbes() {
+  if (presenceDue_ && presenceAnswers_.may(ports_.now) && ports_.now - presenceSent_ >= presencePause) {
+    presenceAnswers_.use(ports_.now);
+    publishPresence(true);
+  }
+  if (ledgerDue_ && ledgerPauses_.may(ports_.now)) {
+    ledgerPauses_.use(ports_.now);
+    publishLedger();
+  }
+}
+
+std::chrono::seconds Session::presenceKeepAlive() const {
+  return std::min(transport_->keepAlive(), PeerTable::longestKeepAlive);
 }
 
 void Session::publishLedger() {
   ledgerDue_ = false;
-  ledgerSent_ = ports_.now;
   OutgoingMessage message;
   message.topic = ports_.topics.ledger(codedName_, ports_.self.incarnation);
   message.retain = false;
@@ -98,7 +113,7 @@ void Session::publishProbe() {
   message.topic = ports_.topics.probe();
   message.payload = std::make_shared<const std::string>(ports_.self.text());
   message.retain = false;
-  probeSent_ = ports_.now;
+  probes_.use(ports_.now);
   probeDue_ = false;
   transport_->publish(message, probeToken);
 }

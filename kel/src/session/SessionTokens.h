@@ -11,8 +11,11 @@ inline constexpr std::uint64_t presenceToken = withdrawalToken - 1;
 inline constexpr std::uint64_t probeToken = withdrawalToken - 2;
 inline constexpr std::uint64_t ledgerToken = withdrawalToken - 3;
 
-inline constexpr std::chrono::milliseconds presencePause{50};  // answers to many probes become one
+// Answers to many probes become one; beyond so many at once there is one answer a second.
+inline constexpr std::chrono::milliseconds presencePause{50};
 inline constexpr std::chrono::milliseconds probePause{100};
-inline constexpr std::chrono::milliseconds ledgerPause{200};  // between two answers, however many ask
+inline constexpr std::chrono::milliseconds ledgerPause{200};
+inline constexpr std::chrono::milliseconds floodPause{1000};
+inline constexpr int answersAtOnce = 5;
 
 }  // namespace kel

@@ -53,11 +53,48 @@ TEST(PeerTable, GivesEachTheTimeThatItAsksFor) {
   PeerTable peers;
   peers.sawPresence("quick/1", false, t0, 2s);
   peers.sawPresence("slow/1", false, t0, 60s);
-  peers.sawSign("slow/1", t0 + 1s, 2s);
-  peers.sawSign("new/1", t0 + 1s, 3s);
+  peers.sawPresence("slow/1", true, t0 + 1s, 2s);  // what was kept is older
   EXPECT_EQ(peers.expire(t0 + 2s), std::vector<std::string>{"quick/1"});
-  EXPECT_EQ(peers.expire(t0 + 60s), std::vector<std::string>{"new/1"});
-  EXPECT_EQ(peers.expire(t0 + 61s), std::vector<std::string>{"slow/1"});
+  EXPECT_TRUE(peers.expire(t0 + 59s).empty());
+  EXPECT_EQ(peers.expire(t0 + 60s), std::vector<std::string>{"slow/1"});
+}
+
+TEST(PeerTable, BelievesNoPresenceThatAsksForHours) {
+  PeerTable peers;
+  peers.sawPresence("kept/1", true, t0, 2h);
+  peers.sawPresence("live/1", false, t0, 2h);
+  EXPECT_TRUE(peers.expire(t0 + 9s).empty());
+  EXPECT_EQ(peers.expire(t0 + 10s), std::vector<std::string>{"kept/1"});
+  EXPECT_TRUE(peers.expire(t0 + 119s).empty());
+  EXPECT_EQ(peers.expire(t0 + 120s), std::vector<std::string>{"live/1"});
+}
+
+TEST(PeerTable, GivesWhoIsConfirmedItsWholeTime) {
+  PeerTable peers;
+  peers.sawPresence("gw/1", true, t0, 60s);
+  peers.sawPresence("gw/1", false, t0 + 1s, 60s);
+  EXPECT_TRUE(peers.expire(t0 + 60s).empty());
+  EXPECT_EQ(peers.expire(t0 + 61s).size(), 1U);
+}
+
+TEST(PeerTable, KnowsSoManyAndSaysOnceAMinuteThatThereAreMore) {
+  PeerTable peers;
+  for (std::size_t i = 0; i < PeerTable::mostPeers; ++i) {
+    peers.sawPresence("n/" + std::to_string(i), true, t0, 10s);
+  }
+  EXPECT_EQ(peers.complaint(t0), "");
+  EXPECT_EQ(peers.sawPresence("more/1", false, t0, 10s).state, PeerState::gone);
+  peers.sawPresence("more/2", true, t0, 10s);
+  EXPECT_FALSE(peers.known("more/1"));
+  EXPECT_TRUE(peers.sawPresence("n/1", false, t0, 10s).changed) << "who is known stays known";
+  const std::string line = peers.complaint(t0);
+  EXPECT_TRUE(line.starts_with("2 presences of publishers are passed over: 10000 are known")) << line;
+  peers.sawPresence("more/3", true, t0, 10s);
+  EXPECT_EQ(peers.complaint(t0 + 59s), "");
+  EXPECT_TRUE(peers.complaint(t0 + 60s).starts_with("1 presences"));
+  peers.expire(t0 + 10s);
+  EXPECT_TRUE(peers.sawPresence("more/1", false, t0 + 10s, 10s).changed);
+  EXPECT_FALSE(peers.sawPresence(std::string(1000, 'x') + "/1", false, t0 + 10s, 10s).changed);
 }
 
 TEST(PeerTable, FindsEverybodyUnderAName) {

@@ -46,7 +46,7 @@ TEST_F(PublishTest, KeepsTheNewestOfEachPublicationWhenTheQueueIsFull) {
   KelPublication* quiet = a->createPublication("quiet", nullptr);
   send(quiet, 1);
   for (int i = 1; i <= 100; ++i) send(busy, i);
-  EXPECT_EQ(a->counters("busy").outgoingSuperseded, 91);
+  EXPECT_EQ(a->counters("busy").outgoingSuperseded, 89);
   EXPECT_EQ(a->counters("quiet").outgoingSuperseded, 0);
   EXPECT_TRUE(balanced(a->counters()));
   broker->record("kel/g/data/#");
@@ -54,7 +54,7 @@ TEST_F(PublishTest, KeepsTheNewestOfEachPublicationWhenTheQueueIsFull) {
   ASSERT_TRUE(a->flush(30s));
   EXPECT_EQ(sequences("kel/g/data/quiet"), std::vector<std::int64_t>{1});
   EXPECT_EQ(sequences("kel/g/data/busy").back(), 100);
-  EXPECT_EQ(sequences("kel/g/data/busy").size(), 9U);
+  EXPECT_EQ(sequences("kel/g/data/busy").size(), 11U) << "ten, and the newest";
   EXPECT_TRUE(balanced(a->counters()));
 }
 

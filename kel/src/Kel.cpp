@@ -1,6 +1,7 @@
 #include "kel/Kel.h"
 
 #include <chrono>
+#include <system_error>
 
 #include "Log.h"
 #include "session/Session.h"
@@ -51,7 +52,12 @@ KelFactory* Kel::create(const char* publisherName, const KelOptions& given) {
                " bytes",
            "choose a shorter publisher's name");
   }
-  auto transport = kel::makeTransport(*url, error);
-  if (!transport) refuse(error, remedy);
-  return new kel::Session(std::move(name), std::move(incarnation), *url, options, std::move(transport));
+  try {
+    auto transport = kel::makeTransport(*url, error);
+    if (!transport) refuse(error, remedy);
+    return new kel::Session(std::move(name), std::move(incarnation), *url, options, std::move(transport));
+  } catch (const std::system_error& shortage) {
+    refuse("no link to a broker can be made: " + std::string(shortage.what()),
+           "give this process more descriptors or threads and start again");
+  }
 }

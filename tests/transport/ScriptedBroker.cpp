@@ -131,11 +131,19 @@ void ScriptedBroker::serve(int client) {
   }
 }
 
-FullBacklog::FullBacklog() : listener_(listenOnLoopback(0, port_)) {
+FullBacklog::FullBacklog(const char* at, std::uint16_t port)
+    : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port_);
+  ::inet_pton(AF_INET, at, &address.sin_addr);
+  address.sin_port = htons(port);
+  socklen_t size = sizeof address;
+  if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+      ::listen(listener_, 0) != 0 ||
+      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    throw std::runtime_error("no listening socket at " + std::string(at));
+  }
+  port_ = ntohs(address.sin_port);
   for (int& filler : fillers_) {
     filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     static_cast<void>(::connect(filler, reinterpret_cast<const sockaddr*>(&address), sizeof address));

@@ -49,7 +49,8 @@ class ScriptedBroker {
 /// everything.
 class FullBacklog {
  public:
-  FullBacklog();
+  /// Port 0: one that is free.
+  explicit FullBacklog(const char* address = "127.0.0.1", std::uint16_t port = 0);
   ~FullBacklog();
   FullBacklog(const FullBacklog&) = delete;
   FullBacklog& operator=(const FullBacklog&) = delete;

@@ -27,6 +27,14 @@ std::string whatIsThrown() {
   }
 }
 
+/// Without a word when there is no memory for one.
+void sayWhatIsThrown() noexcept {
+  try {
+    log(LogLevel::warn, "a listener threw: " + whatIsThrown());
+  } catch (...) {  // NOLINT(bugprone-empty-catch): it is counted all the same
+  }
+}
+
 }  // namespace
 
 Dispatcher::Dispatcher(std::size_t mostRecords, std::size_t mostBytes)
@@ -134,15 +142,13 @@ void Dispatcher::run() {
     const Event event = std::move(next->second);
     running_ = target.get();
     mutex_.unlock();
-    std::string thrown;
     bool threw = false;
     try {
       target->deliver(event);
     } catch (...) {
       threw = true;
-      thrown = whatIsThrown();
+      sayWhatIsThrown();
     }
-    if (threw) log(LogLevel::warn, "a listener threw: " + thrown);
     mutex_.lock();
     if (threw) {
       ++target->tally->exceptions;

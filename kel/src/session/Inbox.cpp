@@ -267,12 +267,13 @@ void Inbox::closed(Topic& topic) {
 }
 
 void Inbox::disconnect(Topic& topic, std::string_view reason) {
-  if (!transition(topic.state, SubscriptionState::waiting, "subscription to " + topic.publication, reason))
-    return;
-  topic.last.reset();
+  if (topic.state == SubscriptionState::waiting) return;
+  // First: what cannot be told for want of memory has not happened yet.
   for (const auto& handle : topic.subscriptions) {
     ports_.dispatcher.post(handle, Event::disconnected(std::string(reason)));
   }
+  transition(topic.state, SubscriptionState::waiting, "subscription to " + topic.publication, reason);
+  topic.last.reset();
 }
 
 void Inbox::peerAlive(std::string_view peer) {

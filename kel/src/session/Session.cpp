@@ -218,12 +218,13 @@ void Session::down(std::string_view reason) {
   if (closing_) return;
   // The transport tells people about outages; here it is only a change of state.
   if (link_ == LinkState::connecting) return;
-  transition(link_, LinkState::connecting, "link", reason);
   subscribes_.linkDown();
   groupRefusals_.linkDown();
   peers_.clear("link down");
   inbox_.linkDown("the link to the broker is lost: " + std::string(reason));
   outbox_.linkDown();
+  // Last: who had no memory for all of this is told again.
+  transition(link_, LinkState::connecting, "link", reason);
   wakeFlush();
 }
 

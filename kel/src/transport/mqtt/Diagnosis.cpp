@@ -28,7 +28,8 @@ std::string authorities(const MqttOptions& options) {
 }
 
 std::string badCertificate(const Mishap& mishap, const MqttOptions& options) {
-  if (holds(mishap.said, "host name verification failed")) {
+  if (holds(mishap.said, "host name verification failed") ||
+      mishap.verifyResult == X509_V_ERR_HOSTNAME_MISMATCH) {
     return "TLS: the broker's certificate is not made out to " + options.host +
            "; use the name that it is made out to, if this is the right broker";
   }

@@ -16,6 +16,7 @@
 #include "transport/mqtt/MqttSetup.h"
 #include "transport/mqtt/Properties.h"
 #include "transport/mqtt/Reasons.h"
+#include "transport/mqtt/Shortage.h"
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -40,8 +41,10 @@ namespace {
 
 // Packets read before the owner gets the thread back for sending and ticking.
 constexpr int kPacketsPerTurn = 64;
-// The library takes no shorter keep-alive. Below it we ask the broker ourselves.
+// The library takes no shorter keep-alive for the broker to hold us to.
 constexpr std::chrono::seconds kShortestKeepAlive{5};
+// Bytes that wait for the far machine: less than that is only its acknowledgement that is late.
+constexpr int kMuch = 4096;
 constexpr std::size_t kMostSaid = 500;
 constexpr const char* kProbeFilter = "kel/-";
 
@@ -136,16 +139,22 @@ MqttConnection::MqttConnection(const MqttOptions& options, const TransportIdenti
   }
 }
 
-void MqttConnection::open(const Endpoint& endpoint, TimePoint now) {
+void MqttConnection::open(const std::string& address, TimePoint now) {
   if (ended_) {
     return;
   }
   lastHeard_ = now;
-  const char* const bindAddress = endpoint.bindAddress.empty() ? nullptr : endpoint.bindAddress.c_str();
-  check(mosquitto_connect_bind_async(handle_.get(), endpoint.host.c_str(), options_.port,
+  lastSent_ = now;
+  check(mosquitto_connect_bind_async(handle_.get(), address.c_str(), options_.port,
                                      static_cast<int>(std::max(keepAlive_, kShortestKeepAlive).count()),
-                                     bindAddress));
+                                     nullptr));
   keepTls();
+}
+
+bool MqttConnection::connected() const {
+  sockaddr_storage peer = {};
+  socklen_t size = sizeof peer;
+  return !ended_ && ::getpeername(descriptor(), reinterpret_cast<sockaddr*>(&peer), &size) == 0;
 }
 
 void MqttConnection::keepTls() {
@@ -208,17 +217,25 @@ void MqttConnection::upkeep(TimePoint now) {
   if (ended_ || !accepted_) {
     return;
   }
-  // The library pings after one keep-alive of silence: after two the far end is gone, whatever its socket
-  // says. Giving back a filter that nobody holds is the one request besides a ping that changes nothing.
-  if (keepAlive_ < kShortestKeepAlive && now - std::max(lastHeard_, lastProbe_) >= keepAlive_) {
+  // The library's own keep-alive counts whole packets only and would end a link over which one large record
+  // takes its time, so it is never asked. Bytes that arrive are a sign of life; so are bytes of ours that the
+  // far machine acknowledges while many of them wait. What it takes at once proves nothing: a kernel takes it
+  // for a broker that is frozen.
+  const SocketProgress progress = socketProgress(descriptor());
+  if (progress_.waiting > kMuch && progress.acknowledged > progress_.acknowledged) {
+    lastHeard_ = now;
+  }
+  progress_ = progress;
+  // Giving back a filter that nobody holds is the one request besides a ping that changes nothing. It also
+  // shows the broker that we live.
+  if (now - std::max(lastHeard_, lastProbe_) >= keepAlive_ || now - lastSent_ >= keepAlive_) {
     lastProbe_ = now;
     unsubscribe(kProbeFilter);
+    lastSent_ = now;
   }
   if (now - lastHeard_ >= 2 * keepAlive_) {
     end("no sign of life from the broker for " + std::to_string(2 * keepAlive_.count()) + " s");
-    return;
   }
-  check(mosquitto_loop_misc(handle_.get()));
 }
 
 void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token) {
@@ -239,6 +256,7 @@ void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token
     return;
   }
   int mid = 0;
+  lastSent_ = std::chrono::steady_clock::now();
   publishing_ = true;
   writtenAtOnce_ = false;
   const int code =
@@ -252,6 +270,7 @@ void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token
   switch (code) {
     case MOSQ_ERR_SUCCESS:
       break;
+    case MOSQ_ERR_NOMEM:
     case MOSQ_ERR_NO_CONN:
     case MOSQ_ERR_CONN_LOST:
     case MOSQ_ERR_ERRNO:
@@ -284,6 +303,10 @@ void MqttConnection::subscribe(const std::string& filter, int qos, std::uint64_t
   const int code = mosquitto_subscribe_v5(handle_.get(), &mid, filter.c_str(), qos, 0, nullptr);
   const int savedErrno = errno;
   if (ended_) {
+    return;
+  }
+  if (code == MOSQ_ERR_NOMEM) {
+    end(why(code, savedErrno));
     return;
   }
   if (code != MOSQ_ERR_SUCCESS) {
@@ -348,95 +371,118 @@ void MqttConnection::end(std::string failure) {
   failure_ = std::move(failure);
 }
 
+template <class Body>
+void MqttConnection::inside(Body&& body) noexcept {
+  try {
+    body();
+  } catch (...) {
+    end(shortage());
+  }
+}
+
 void MqttConnection::onConnect(struct mosquitto* /*handle*/, void* self, int reason, int /*flags*/,
                                const mosquitto_property* properties) noexcept {
   auto& connection = *static_cast<MqttConnection*>(self);
-  if (reason != 0) {
-    connection.end(withReasonString("the broker refuses the connection: " + reasonText(reason), properties) +
-                   loginHint(reason, connection.options_));
-    return;
-  }
-  connection.accepted_ = true;
-  std::uint16_t keepAlive = 0;
-  if (properties != nullptr &&
-      mosquitto_property_read_int16(properties, MQTT_PROP_SERVER_KEEP_ALIVE, &keepAlive, false) != nullptr &&
-      keepAlive > 0) {  // the broker has the last word, and the library pings by it
-    connection.keepAlive_ = std::chrono::seconds(keepAlive);
-  }
+  connection.inside([&] {
+    if (reason != 0) {
+      connection.end(
+          withReasonString("the broker refuses the connection: " + reasonText(reason), properties) +
+          loginHint(reason, connection.options_));
+      return;
+    }
+    connection.accepted_ = true;
+    std::uint16_t keepAlive = 0;
+    if (properties != nullptr &&
+        mosquitto_property_read_int16(properties, MQTT_PROP_SERVER_KEEP_ALIVE, &keepAlive, false) !=
+            nullptr &&
+        keepAlive > 0) {  // the broker has the last word, and the library pings by it
+      connection.keepAlive_ = std::chrono::seconds(keepAlive);
+    }
+  });
 }
 
 void MqttConnection::onDisconnect(struct mosquitto* /*handle*/, void* self, int reason,
                                   const mosquitto_property* properties) noexcept {
   const int savedErrno = errno;
   auto& connection = *static_cast<MqttConnection*>(self);
-  if (connection.ended_) {
-    return;
-  }
-  if (connection.leaving_) {
-    connection.end("we have left");
-  } else if (reason >= 0x80) {
-    connection.end(withReasonString("the broker ended the connection: " + reasonText(reason), properties));
-  } else if (reason == 0) {
-    connection.end(withReasonString("the broker ended the connection", properties));
-  } else {
-    connection.end(connection.why(reason, savedErrno));
-  }
+  connection.inside([&] {
+    if (connection.ended_) {
+      return;
+    }
+    if (connection.leaving_) {
+      connection.end("we have left");
+    } else if (reason >= 0x80) {
+      connection.end(withReasonString("the broker ended the connection: " + reasonText(reason), properties));
+    } else if (reason == 0) {
+      connection.end(withReasonString("the broker ended the connection", properties));
+    } else {
+      connection.end(connection.why(reason, savedErrno));
+    }
+  });
 }
 
 void MqttConnection::onMessage(struct mosquitto* /*handle*/, void* self,
                                const struct mosquitto_message* message,
                                const mosquitto_property* /*properties*/) noexcept {
   auto& connection = *static_cast<MqttConnection*>(self);
-  connection.listener_.message(message->topic,
-                               std::string_view(static_cast<const char*>(message->payload),
-                                                static_cast<std::size_t>(message->payloadlen)),
-                               message->retain);
+  connection.inside([&] {
+    connection.listener_.message(message->topic,
+                                 std::string_view(static_cast<const char*>(message->payload),
+                                                  static_cast<std::size_t>(message->payloadlen)),
+                                 message->retain);
+  });
 }
 
 void MqttConnection::onPublish(struct mosquitto* /*handle*/, void* self, int mid, int reason,
                                const mosquitto_property* properties) noexcept {
   auto& connection = *static_cast<MqttConnection*>(self);
-  const auto found = connection.sent_.find(mid);
-  if (found == connection.sent_.end()) {
-    connection.writtenAtOnce_ = connection.publishing_;
-    return;
-  }
-  const Sent sent = found->second;
-  connection.sent_.erase(found);
-  connection.inFlight_ -= sent.acknowledged ? 1 : 0;
-  if (reason >= 0x80) {
-    connection.listener_.published(sent.token, withReasonString(reasonText(reason), properties));
-  } else {
-    connection.listener_.published(sent.token, {});
-  }
+  connection.inside([&] {
+    const auto found = connection.sent_.find(mid);
+    if (found == connection.sent_.end()) {
+      connection.writtenAtOnce_ = connection.publishing_;
+      return;
+    }
+    const Sent sent = found->second;
+    connection.sent_.erase(found);
+    connection.inFlight_ -= sent.acknowledged ? 1 : 0;
+    if (reason >= 0x80) {
+      connection.listener_.published(sent.token, withReasonString(reasonText(reason), properties));
+    } else {
+      connection.listener_.published(sent.token, {});
+    }
+  });
 }
 
 void MqttConnection::onSubscribe(struct mosquitto* /*handle*/, void* self, int mid, int count,
                                  const int* granted, const mosquitto_property* properties) noexcept {
   auto& connection = *static_cast<MqttConnection*>(self);
-  const auto found = connection.subscribing_.find(mid);
-  if (found == connection.subscribing_.end()) {
-    return;
-  }
-  const std::uint64_t token = found->second;
-  connection.subscribing_.erase(found);
-  if (count < 1) {
-    connection.listener_.subscribed(token, "the broker gave no answer for the filter");
-  } else if (granted[0] >= 0x80) {
-    connection.listener_.subscribed(token, withReasonString(reasonText(granted[0]), properties));
-  } else {
-    connection.listener_.subscribed(token, {});
-  }
+  connection.inside([&] {
+    const auto found = connection.subscribing_.find(mid);
+    if (found == connection.subscribing_.end()) {
+      return;
+    }
+    const std::uint64_t token = found->second;
+    connection.subscribing_.erase(found);
+    if (count < 1) {
+      connection.listener_.subscribed(token, "the broker gave no answer for the filter");
+    } else if (granted[0] >= 0x80) {
+      connection.listener_.subscribed(token, withReasonString(reasonText(granted[0]), properties));
+    } else {
+      connection.listener_.subscribed(token, {});
+    }
+  });
 }
 
 void MqttConnection::onLog(struct mosquitto* /*handle*/, void* self, int level, const char* text) noexcept {
   auto& connection = *static_cast<MqttConnection*>(self);
-  // What the library makes and frees within one call is only seen from in here: it logs what it sends.
-  connection.keepTls();
-  if (level != MOSQ_LOG_ERR || connection.said_.size() > kMostSaid) {
-    return;
-  }
-  connection.said_.append(connection.said_.empty() ? "" : "; ").append(text);
+  connection.inside([&] {
+    // What the library makes and frees within one call is only seen from in here: it logs what it sends.
+    connection.keepTls();
+    if (level != MOSQ_LOG_ERR || connection.said_.size() > kMostSaid) {
+      return;
+    }
+    connection.said_.append(connection.said_.empty() ? "" : "; ").append(text);
+  });
 }
 
 }  // namespace kel::mqtt

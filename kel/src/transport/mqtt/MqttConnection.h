@@ -6,8 +6,9 @@
 //            socket is waited for outside (descriptor(), wantsWrite()), and it calls back only inside
 //            readable(), writable(), upkeep() and the sending calls. So no lock is involved in any
 //            callback.
-// Errors     Nothing throws. Once ended() is true, failure() says why and the object is good for nothing
-//            else.
+// Errors     Once ended() is true, failure() says why and the object is good for nothing else. What a
+//            listener throws inside the library ends the connection. Otherwise std::bad_alloc alone is
+//            thrown, and then too the object is good for nothing else.
 #pragma once
 
 #include <mosquitto.h>
@@ -21,16 +22,11 @@
 #include "transport/KelTransport.h"
 #include "transport/mqtt/Diagnosis.h"
 #include "transport/mqtt/MqttOptions.h"
+#include "transport/mqtt/SocketProgress.h"
 
 struct ssl_st;  // OpenSSL's SSL
 
 namespace kel::mqtt {
-
-/// Where to connect to: a numeric address, or a name whose address family is chosen by the address bound to.
-struct Endpoint {
-  std::string host;
-  std::string bindAddress;
-};
 
 class MqttConnection {
  public:
@@ -43,9 +39,11 @@ class MqttConnection {
   MqttConnection(const MqttConnection&) = delete;
   MqttConnection& operator=(const MqttConnection&) = delete;
 
-  /// Begins to connect. Does not block, but for the library's own look-up when `endpoint.host` is a name.
-  void open(const Endpoint& endpoint, TimePoint now);
+  /// Begins to connect to a numeric address. Does not block.
+  void open(const std::string& address, TimePoint now);
 
+  /// The far machine has answered, whatever its broker does.
+  [[nodiscard]] bool connected() const;
   [[nodiscard]] bool accepted() const { return accepted_ && !ended_; }  ///< the broker has greeted us
   [[nodiscard]] bool ended() const { return ended_; }
   [[nodiscard]] const std::string& failure() const { return failure_; }
@@ -87,6 +85,9 @@ class MqttConnection {
   [[nodiscard]] Mishap mishap(int code, int savedErrno) const;
   [[nodiscard]] std::string why(int code, int savedErrno) const;
   void end(std::string failure);
+  /// Runs what the library calls: it is C, and nothing may be thrown through it.
+  template <class Body>
+  void inside(Body&& body) noexcept;
 
   static void onConnect(struct mosquitto*, void* self, int reason, int flags,
                         const mosquitto_property* properties) noexcept;
@@ -115,6 +116,8 @@ class MqttConnection {
   std::chrono::seconds keepAlive_;
   TimePoint lastHeard_{};
   TimePoint lastProbe_{};
+  TimePoint lastSent_{};
+  SocketProgress progress_;
   std::size_t inFlight_ = 0;
   std::unordered_map<int, Sent> sent_;
   std::unordered_map<int, std::uint64_t> subscribing_;

@@ -1,5 +1,6 @@
 #include "transport/mqtt/MqttOptions.h"
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -38,6 +39,12 @@ std::optional<MqttOptions> mqttOptions(const KelUrl& url, std::string& error) {
   const std::string place = url.host.find(':') == std::string::npos ? url.host : "[" + url.host + "]";
   options.display = (url.tls() ? "mqtts://" : "mqtt://") + place + ":" + std::to_string(url.port);
   return options;
+}
+
+bool isNumeric(const std::string& host) {
+  in6_addr address = {};
+  return ::inet_pton(AF_INET, host.c_str(), &address) == 1 ||
+         ::inet_pton(AF_INET6, host.c_str(), &address) == 1;
 }
 
 std::string troubleWithFiles(const MqttOptions& options) {

@@ -28,6 +28,9 @@ struct MqttOptions {
 /// Nothing and the reason in `error` if the address is none for MQTT. Pure.
 std::optional<MqttOptions> mqttOptions(const KelUrl& url, std::string& error);
 
+/// Whether the host is an address already, and not a name.
+[[nodiscard]] bool isNumeric(const std::string& host);
+
 /// What is wrong with the files of certificates and key: one that cannot be read, a key open to others than
 /// its owner. Empty when nothing is. Looked at for every attempt, so that putting it right needs no restart.
 std::string troubleWithFiles(const MqttOptions& options);

@@ -1,9 +1,13 @@
 #include "transport/mqtt/MqttSetup.h"
 
 #include <mqtt_protocol.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -40,6 +44,36 @@ std::string setWill(struct mosquitto* handle, const OutgoingMessage& will, const
                                   : "the will cannot be set: " + libraryText(code, errno, said);
 }
 
+int asJudged(int good, X509_STORE_CTX* /*store*/) {
+  return good;
+}
+
+// At the beginning of a handshake: the broker may have a certificate for each of its names.
+void askForName(const SSL* tls, int where, int /*unused*/) {
+  const char* const name = X509_VERIFY_PARAM_get0_host(SSL_get0_param(const_cast<SSL*>(tls)), 0);
+  if ((where & SSL_CB_HANDSHAKE_START) != 0 && name != nullptr) {
+    SSL_set_tlsext_host_name(const_cast<SSL*>(tls), name);
+    // OpenSSL's own judgement, name included; the library's would not get to see its connection.
+    SSL_set_verify(const_cast<SSL*>(tls), SSL_VERIFY_PEER, asJudged);
+  }
+}
+
+// The library is given one address at a time, and would hold the certificate against that. So OpenSSL holds
+// it against the name instead.
+bool expectName(struct mosquitto* handle, const std::string& host) {
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
+                                                                  SSL_CTX_free);
+  if (!context) {
+    return false;
+  }
+  X509_VERIFY_PARAM* const param = SSL_CTX_get0_param(context.get());
+  X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  SSL_CTX_set_info_callback(context.get(), askForName);
+  return X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size()) == 1 &&
+         mosquitto_void_option(handle, MOSQ_OPT_SSL_CTX, context.get()) == MOSQ_ERR_SUCCESS &&
+         mosquitto_int_option(handle, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 1) == MOSQ_ERR_SUCCESS;
+}
+
 std::string setTls(struct mosquitto* handle, const MqttOptions& options, const std::string& said) {
   if (!options.tls) {
     return {};
@@ -52,19 +86,24 @@ std::string setTls(struct mosquitto* handle, const MqttOptions& options, const s
   if (options.caFile.empty()) {
     code = mosquitto_int_option(handle, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
   }
-  if (code == MOSQ_ERR_SUCCESS && (!options.caFile.empty() || !options.certFile.empty())) {
-    // The library takes no certificate of ours without a place for authorities: the system's, if nothing
-    // else.
+  const bool byName = !isNumeric(options.host);
+  if (byName && !expectName(handle, options.host)) {
+    return "TLS cannot be set up for " + options.host;
+  }
+  if (code == MOSQ_ERR_SUCCESS && (!options.caFile.empty() || !options.certFile.empty() || byName)) {
+    // The library takes no certificate of ours, and no name, without a place for authorities: the system's,
+    // if nothing else.
     const char* const place = options.caFile.empty() ? X509_get_default_cert_dir() : nullptr;
     code = mosquitto_tls_set(handle, orNull(options.caFile), place, orNull(options.certFile),
                              orNull(options.keyFile), noPassphrase);
   }
   if (code == MOSQ_ERR_SUCCESS) {
-    // 1: the broker's certificate must be good, and (not insecure) made out to the host we asked for.
+    // 1: the broker's certificate must be good, and made out to the host we asked for: to the address that
+    // the library was given (not insecure), or to the name, as expectName() says.
     code = mosquitto_tls_opts_set(handle, 1, nullptr, nullptr);
   }
   if (code == MOSQ_ERR_SUCCESS) {
-    code = mosquitto_tls_insecure_set(handle, false);
+    code = mosquitto_tls_insecure_set(handle, byName);
   }
   return code == MOSQ_ERR_SUCCESS ? std::string() : "TLS cannot be set up: " + libraryText(code, errno, said);
 }

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Log.h"
+#include "transport/mqtt/Shortage.h"
 
 namespace kel::mqtt {
 
@@ -20,9 +21,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kTick = 80ms;         // 100 ms is promised
-constexpr auto kUpkeep = 250ms;      // the library counts in whole seconds
-constexpr auto kGreetingLimit = 5s;  // for TCP, TLS and CONNACK together
+constexpr auto kTick = 80ms;                                     // 100 ms is promised
+constexpr auto kUpkeep = 250ms;                                  // the library counts in whole seconds
+constexpr auto kGreetingLimit = 5s;                              // for TCP, TLS and CONNACK together
+constexpr std::chrono::milliseconds kLeastConnectLimit = 500ms;  // of each of many addresses
+constexpr auto kRest = 100ms;
 constexpr auto kLookupLimit = 10s;
 constexpr auto kFarewellLimit = 1s;     // for what was queued before a clean stop
 constexpr auto kLastWordLimit = 500ms;  // for the broker to read our DISCONNECT
@@ -48,10 +51,17 @@ void blockSignals() {
   ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
+std::string spanText(std::chrono::milliseconds span) {
+  return span % 1s == 0ms ? std::to_string(span / 1s) + " s" : std::to_string(span.count()) + " ms";
+}
+
 }  // namespace
 
-MqttWorker::MqttWorker(MqttOptions options)
-    : options_(std::move(options)), report_(options_.display), random_(std::random_device{}()) {}
+MqttWorker::MqttWorker(MqttOptions options, Resolver::LookUp lookUp)
+    : options_(std::move(options)),
+      resolver_(std::move(lookUp)),
+      report_(options_.display),
+      random_(std::random_device{}()) {}
 
 MqttWorker::~MqttWorker() {
   stop(false);
@@ -156,44 +166,57 @@ void MqttWorker::enter(State state, std::string_view cause) {
 
 void MqttWorker::run() {
   blockSignals();
+  nextTick_ = std::chrono::steady_clock::now();
+  while (!stopping()) {
+    try {
+      attempt();
+    } catch (...) {
+      // No memory even to say why: the next attempt may find some.
+      rest();
+    }
+  }
+  closeOutbox(false);
+  state_ = State::Stopped;
+}
+
+void MqttWorker::attempt() {
   const auto tell = [](const std::optional<std::string>& line) {
     if (line) {
       log(LogLevel::warn, *line);
     }
   };
-  nextTick_ = std::chrono::steady_clock::now();
-  while (!stopping()) {
-    std::string failure;
-    bool served = false;
-    TimePoint began{};
-    for (const Endpoint& endpoint : resolve(failure)) {
-      if (stopping()) {
-        break;
-      }
-      began = std::chrono::steady_clock::now();
-      served = serve(endpoint, failure);
-      if (served) {
-        break;
-      }
-    }
+  std::string failure;
+  bool served = false;
+  TimePoint began{};
+  const std::vector<Address> addresses = resolve(failure);
+  // One that swallows everything must not use up the time of the others.
+  const auto count = static_cast<long>(std::max<std::size_t>(addresses.size(), 1));
+  const auto share = std::max<std::chrono::milliseconds>(kGreetingLimit / count, kLeastConnectLimit);
+  for (const Address& address : addresses) {
     if (stopping()) {
       break;
     }
-    const auto now = std::chrono::steady_clock::now();
-    tell(served ? report_.lost(failure, now) : report_.failed(failure, now));
-    if (!served) {
-      listener_->unreachable(failure);
+    began = std::chrono::steady_clock::now();
+    served = serve(address, share, failure);
+    if (served) {
+      break;
     }
-    if (served && now - began >= kStableLink) {
-      backoff_.reset();
-    }
-    pause(backoff_.next(std::uniform_real_distribution<double>(0.0, 1.0)(random_)));
   }
-  closeOutbox(false);
-  enter(State::Stopped, "stop");
+  if (stopping()) {
+    return;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  tell(served ? report_.lost(failure, now) : report_.failed(failure, now));
+  if (!served) {
+    listener_->unreachable(failure);
+  }
+  if (served && now - began >= kStableLink) {
+    backoff_.reset();
+  }
+  pause(backoff_.next(std::uniform_real_distribution<double>(0.0, 1.0)(random_)));
 }
 
-std::vector<Endpoint> MqttWorker::resolve(std::string& failure) {
+std::vector<Address> MqttWorker::resolve(std::string& failure) {
   enter(State::Resolving, options_.host);
   const auto until = std::chrono::steady_clock::now() + kLookupLimit;
   resolver_.begin(options_.host, options_.port);
@@ -207,31 +230,45 @@ std::vector<Endpoint> MqttWorker::resolve(std::string& failure) {
     return {};
   }
   failure = resolution->failure;
-  std::vector<Endpoint> endpoints;
-  for (const Address& address : resolution->addresses) {
-    if (!options_.tls) {
-      endpoints.push_back({address.numeric, {}});
-      continue;
-    }
-    // A certificate is made out to the name, so the library must get the name, and takes the first address it
-    // finds. The address to bind to narrows that to one family; each family is tried once.
-    Endpoint byName{options_.host, address.v6 ? "::" : "0.0.0.0"};
-    const bool known = std::any_of(endpoints.begin(), endpoints.end(), [&](const Endpoint& endpoint) {
-      return endpoint.bindAddress == byName.bindAddress;
-    });
-    if (!known) {
-      endpoints.push_back(std::move(byName));
-    }
-  }
-  return endpoints;
+  return std::move(resolution->addresses);
 }
 
-bool MqttWorker::serve(const Endpoint& endpoint, std::string& failure) {
-  enter(State::Connecting, endpoint.host);
+// Whatever this process runs out of costs the link, and never the process.
+bool MqttWorker::serve(const Address& address, std::chrono::milliseconds connectLimit, std::string& failure) {
+  bool told = false;
+  try {
+    return serveUnguarded(address, connectLimit, failure, told);
+  } catch (...) {
+    failure = shortage();
+  }
+  closeOutbox(false);
+  handing_.clear();
+  if (told) {
+    tellDown(failure);
+  }
+  return told;
+}
+
+// Who was told that the link is up must hear that it is not, and may be short of something itself.
+void MqttWorker::tellDown(const std::string& failure) {
+  while (!stopping()) {
+    try {
+      listener_->down(failure);
+      return;
+    } catch (...) {
+      rest();
+    }
+  }
+}
+
+bool MqttWorker::serveUnguarded(const Address& address, std::chrono::milliseconds connectLimit,
+                                std::string& failure, bool& told) {
+  enter(State::Connecting, address.numeric);
   const auto began = std::chrono::steady_clock::now();
   nextUpkeep_ = began + kUpkeep;
   MqttConnection connection(options_, identity_, *listener_);
-  connection.open(endpoint, began);
+  connection.open(address.numeric, began);
+  bool connected = false;
   while (!connection.accepted()) {
     if (stopping()) {
       return false;
@@ -240,19 +277,22 @@ bool MqttWorker::serve(const Endpoint& endpoint, std::string& failure) {
       failure = connection.failure();
       return false;
     }
-    if (std::chrono::steady_clock::now() - began >= kGreetingLimit) {
-      failure = "no answer within " + std::to_string(kGreetingLimit.count()) + " s";
+    connected = connected || connection.connected();
+    const std::chrono::milliseconds limit = connected ? kGreetingLimit : connectLimit;
+    if (std::chrono::steady_clock::now() - began >= limit) {
+      failure = "no answer within " + spanText(limit);
       failure += connection.hintOfSilence();
       return false;
     }
     step(connection, false);
   }
 
-  enter(State::Up, endpoint.host);
+  enter(State::Up, address.numeric);
   if (const auto line = report_.up(std::chrono::steady_clock::now())) {
     log(LogLevel::info, *line);
   }
   openOutbox();
+  told = true;
   listener_->up();
   while (!connection.ended() && !stopping()) {
     step(connection, handOver(connection));
@@ -269,7 +309,7 @@ bool MqttWorker::serve(const Endpoint& endpoint, std::string& failure) {
   handing_.clear();
   failure = connection.failure();
   enter(State::Pausing, failure);
-  listener_->down(failure);
+  tellDown(failure);
   return true;
 }
 
@@ -398,6 +438,14 @@ void MqttWorker::pause(std::chrono::milliseconds span) {
   const auto until = std::chrono::steady_clock::now() + span;
   while (!stopping() && std::chrono::steady_clock::now() < until) {
     wait(-1, until);
+  }
+}
+
+// A moment in which nothing is done that could fail.
+void MqttWorker::rest() noexcept {
+  pollfd wake = {wake_.descriptor(), POLLIN, 0};
+  if (::poll(&wake, 1, static_cast<int>(std::chrono::milliseconds(kRest).count())) > 0) {
+    wake_.drain();
   }
 }
 

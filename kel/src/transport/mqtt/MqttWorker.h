@@ -30,7 +30,8 @@ namespace kel::mqtt {
 
 class MqttWorker final : public KelTransport {
  public:
-  explicit MqttWorker(MqttOptions options);
+  /// `lookUp`: another way to look up host names than the system's, for tests.
+  explicit MqttWorker(MqttOptions options, Resolver::LookUp lookUp = {});
   /// Ends the link abruptly if nobody has stopped it.
   ~MqttWorker() override;
   MqttWorker(const MqttWorker&) = delete;
@@ -65,14 +66,19 @@ class MqttWorker final : public KelTransport {
   // The thread's own.
   void run();
   void enter(State state, std::string_view cause);
-  std::vector<Endpoint> resolve(std::string& failure);
-  bool serve(const Endpoint& endpoint, std::string& failure);
+  void attempt();
+  std::vector<Address> resolve(std::string& failure);
+  bool serve(const Address& address, std::chrono::milliseconds connectLimit, std::string& failure);
+  bool serveUnguarded(const Address& address, std::chrono::milliseconds connectLimit, std::string& failure,
+                      bool& told);
+  void tellDown(const std::string& failure);
   void leave(MqttConnection& connection);
   void step(MqttConnection& connection, bool atOnce);
   /// True when more could be handed over at once.
   bool handOver(MqttConnection& connection);
   bool mayHandOver(const MqttConnection& connection);
   void pause(std::chrono::milliseconds span);
+  void rest() noexcept;
   void wait(int descriptor, TimePoint until);
   void tickIfDue();
   void countPackets(int packets, TimePoint now);

@@ -8,10 +8,12 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
 
+#include "transport/mqtt/Shortage.h"
 #include "transport/mqtt/Wake.h"
 
 namespace kel::mqtt {
@@ -51,6 +53,10 @@ Resolution lookUp(const std::string& host, std::uint16_t port, int flags) {
   return result;
 }
 
+Resolution systemLookUp(const std::string& host, std::uint16_t port) {
+  return lookUp(host, port, 0);
+}
+
 }  // namespace
 
 struct Resolver::Lookup {
@@ -59,30 +65,37 @@ struct Resolver::Lookup {
   Resolution result;
 };
 
+Resolver::Resolver(LookUp way) : lookUp_(way ? std::move(way) : LookUp(systemLookUp)) {}
+
 void Resolver::begin(const std::string& host, std::uint16_t port) {
   if (lookup_) {
     return;
   }
-  Resolution numeric = lookUp(host, port, AI_NUMERICHOST);
-  if (!numeric.addresses.empty()) {
-    ready_ = std::move(numeric);
-    return;
-  }
-  auto lookup = std::make_shared<Lookup>();
   try {
-    std::thread([lookup, host, port] {
+    Resolution numeric = lookUp(host, port, AI_NUMERICHOST);
+    if (!numeric.addresses.empty()) {
+      ready_ = std::move(numeric);
+      return;
+    }
+    auto lookup = std::make_shared<Lookup>();
+    std::thread([lookup, host, port, way = lookUp_] {
       sigset_t all;
       ::sigfillset(&all);
       ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
-      lookup->result = lookUp(host, port, 0);
+      try {
+        lookup->result = way(host, port);
+      } catch (...) {
+        lookup->result.failure = shortage();
+      }
       lookup->done.store(true, std::memory_order_release);
       lookup->wake.notify();
     }).detach();
+    lookup_ = std::move(lookup);
   } catch (const std::system_error& error) {
     ready_ = Resolution{{}, "host name " + host + ": " + error.what()};
-    return;
+  } catch (const std::bad_alloc&) {
+    ready_ = Resolution{{}, shortage()};
   }
-  lookup_ = std::move(lookup);
 }
 
 int Resolver::descriptor() const {

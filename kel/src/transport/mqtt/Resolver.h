@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,11 +27,14 @@ struct Resolution {
 
 class Resolver {
  public:
-  Resolver() = default;
+  using LookUp = std::function<Resolution(const std::string& host, std::uint16_t port)>;
+  /// Asks the system; another way to look names up is for tests.
+  explicit Resolver(LookUp way = {});
   Resolver(const Resolver&) = delete;
   Resolver& operator=(const Resolver&) = delete;
 
-  /// A numeric address is answered at once; else a look-up begins, or goes on if one is under way.
+  /// A numeric address is answered at once; else a look-up begins, or goes on if one is under way. What the
+  /// process itself lacks for it is a failure like any other.
   void begin(const std::string& host, std::uint16_t port);
   /// Readable when the answer is there; -1 when no look-up is under way.
   [[nodiscard]] int descriptor() const;
@@ -39,6 +43,7 @@ class Resolver {
 
  private:
   struct Lookup;
+  const LookUp lookUp_;
   std::shared_ptr<Lookup> lookup_;
   std::optional<Resolution> ready_;
 };

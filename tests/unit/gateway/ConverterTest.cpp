@@ -12,6 +12,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
@@ -304,6 +305,32 @@ TEST(PvssToKel, emptyTagIsTheUnnamedValue) {
   const KelData data = published(DPELEMENT_INT, IntegerVar(5), "");
   EXPECT_EQ(data.extractInt(nullptr), 5);
   EXPECT_EQ(data.size(), 1U);
+}
+
+TEST(PvssToKel, whatTheRecordThrowsPassesThrough) {
+  const char* const noUtf8 = "\xFF";
+  EXPECT_THROW(published(DPELEMENT_INT, IntegerVar(1), noUtf8), KelException);
+  EXPECT_THROW(published(DPELEMENT_CHAR, CharVar('c'), noUtf8), KelException);
+  EXPECT_THROW(published(DPELEMENT_DYNINT, dyn(INTEGER_VAR, {IntegerVar(1)}), noUtf8), KelException);
+}
+
+/// Lets the variable say that it is of another type than it is. The code stands behind the virtual table.
+template <typename Var>
+Var mislabelled(Var variable) {
+  const VariableType other = variable.isA() == BIT_VAR ? TEXT_VAR : BIT_VAR;
+  std::memcpy(reinterpret_cast<char*>(&variable) + sizeof(void*), &other, sizeof(other));
+  EXPECT_EQ(variable.isA(), other);
+  return variable;
+}
+
+TEST(PvssToKel, scalarsAreTakenAsTheElementTypeSaysWithoutLookingAtTheirOwn) {
+  EXPECT_TRUE(published(DPELEMENT_BIT, mislabelled(BitVar(PVSS_TRUE))).extractBool("t"));
+  EXPECT_STREQ(published(DPELEMENT_CHAR, mislabelled(CharVar('A'))).extractCString("t"), "A");
+  EXPECT_EQ(published(DPELEMENT_INT, mislabelled(IntegerVar(-7))).extractInt("t"), -7);
+  EXPECT_EQ(published(DPELEMENT_32BIT, mislabelled(Bit32Var(7))).extractInt("t"), 7);
+  EXPECT_EQ(published(DPELEMENT_UINT, mislabelled(UIntegerVar(7))).extractLong("t"), 7);
+  EXPECT_EQ(published(DPELEMENT_FLOAT, mislabelled(FloatVar(0.5))).extractFloat("t"), 0.5F);
+  EXPECT_STREQ(published(DPELEMENT_TEXT, mislabelled(TextVar("x"))).extractCString("t"), "x");
 }
 
 TEST(PvssToKel, secondValueOfATagReplacesTheFirst) {

@@ -33,6 +33,13 @@ class PublisherWrapper : public CpubDpeWrapper {
   [[nodiscard]] const DpIdentifier& timeId() const { return dpId_timeStamp; }
 };
 
+/// The names that the manager is asked for.
+class AskedNames final : public pvss::testing::ManagerObserver {
+ public:
+  void onGetId(const char* name, bool /*found*/) override { names.emplace_back(name); }
+  Lines names;
+};
+
 std::string nameOf(const DpIdentifier& id) {
   CharString name;
   Manager::getLIName(id, name, 1);
@@ -82,6 +89,26 @@ TEST_F(DpeWrapper, withoutInvalidAttributeOnlyTheValueIsResolved) {
   EXPECT_FALSE(wrapper.isValid());
   EXPECT_EQ(nameOf(wrapper.valueId()), "System1:A.v:_original.._value");
   EXPECT_TRUE(wrapper.invalidId().isNull());
+}
+
+TEST_F(DpeWrapper, lookUpStopsAtTheFirstNameThatFails) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  start();
+  const auto namesAsked = [this](const char* missing) {
+    plant.switchOff(missing);
+    settle();
+    AskedNames asked;
+    plant.observe(&asked);
+    PlainWrapper wrapper("A.v");
+    EXPECT_FALSE(wrapper.revalidateDPE());
+    plant.observe(nullptr);
+    plant.switchOn(missing);
+    settle();
+    return asked.names;
+  };
+  EXPECT_EQ(namesAsked("A.v:_original.._value"), Lines{"A.v:_original.._value"});
+  EXPECT_EQ(namesAsked("A.v:_original.._exp_inv"),
+            (Lines{"A.v:_original.._value", "A.v:_original.._exp_inv"}));
 }
 
 TEST_F(DpeWrapper, failedRevalidationKeepsWhatWasResolvedBefore) {
@@ -276,6 +303,18 @@ TEST_F(PubDpeWrapper, withoutOnlineConfigNothingIsResolved) {
   EXPECT_FALSE(wrapper.isValid());
   EXPECT_TRUE(wrapper.timeId().isNull());
   EXPECT_THROW(static_cast<void>(wrapper.getKELTimeStampID()), CdepException);
+}
+
+TEST_F(PubDpeWrapper, timeIsNotAskedForWithoutTheOthers) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.switchOff("A.v:_online.._invalid");
+  start();
+  AskedNames asked;
+  plant.observe(&asked);
+  CpubDpeWrapper wrapper("A.v");
+  EXPECT_FALSE(wrapper.revalidateDPE());
+  plant.observe(nullptr);
+  EXPECT_EQ(asked.names, (Lines{"A.v:_online.._value", "A.v:_online.._invalid"}));
 }
 
 TEST_F(PubDpeWrapper, withoutSourceTimeItIsNotValid) {

@@ -7,6 +7,7 @@
 #include <kel/KelFactory.h>
 #include <kel/testing/KelDataBuilder.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,10 +45,12 @@ class FakeKelFactory final : public KelFactory {
     ~Publication() override = default;
     [[nodiscard]] const char* getTopicName() const override { return name_.c_str(); }
     void send(const KelData& data, const KelTimestamp& timestamp) override {
+      factory_.tell("send " + name_);
       const std::scoped_lock guard(factory_.mutex_);
       factory_.sent_.push_back({name_, true, data, timestamp.timeNanoseconds, ""});
     }
     void declareBad(const char* reason) override {
+      factory_.tell("declare bad " + name_);
       const std::scoped_lock guard(factory_.mutex_);
       factory_.sent_.push_back({name_, false, KelData(), 0, reason});
     }
@@ -72,6 +75,9 @@ class FakeKelFactory final : public KelFactory {
   }
   KelPublication* createPublication(const char* publication, KelPublicationErrorHandler* handler) override {
     note(std::string("publish ") + publication);
+    if (failing) {
+      throw KelException("no");
+    }
     publications_.push_back(std::make_unique<Publication>(*this, publication, handler));
     return publications_.back().get();
   }
@@ -111,10 +117,18 @@ class FakeKelFactory final : public KelFactory {
     return sent_.size();
   }
 
-  bool failing = false;  ///< subscriptions are refused with an exception
+  bool failing = false;  ///< subscriptions and publications are refused with an exception
+  /// Told of every call while it is made, and of "send NAME" and "declare bad NAME".
+  std::function<void(const std::string&)> onCall;
 
  private:
+  void tell(const std::string& call) const {
+    if (onCall) {
+      onCall(call);
+    }
+  }
   void note(std::string call) {
+    tell(call);
     const std::scoped_lock guard(mutex_);
     calls_.push_back(std::move(call));
   }

@@ -3,8 +3,13 @@
 
 #include <random>
 
+#include "DelayList.h"
 #include "Gateway.h"
 #include "kelPublicationManager.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace gateway_test {
 namespace {
@@ -107,6 +112,48 @@ TEST_F(PublicationManager, delimiterAtTheEndAddsNoField) {
 
 TEST_F(PublicationManager, bufferTimeToleratesBlanksBeforeAndTextBehind) {
   EXPECT_EQ(apply({compound({"P", "  100ms", "A.v", "tag1"})}), builtWithA);
+}
+
+TEST_F(PublicationManager, bufferTimeOfATextIsItsNumber) {
+  const DrivenClock clock;
+  const std::vector<std::pair<std::string, long>> times{
+      {"  100ms", 100},
+      {"\t+7", 7},
+      {"250 300", 250},
+      {"2147483647", 2'147'483'647},
+      // A negative time is kept, and waits for its unsigned count: 49.7 days.
+      {"-1", 4'294'967'295},
+      {"-2147483648", 2'147'483'648},
+  };
+  for (const auto& [text, ms] : times) {
+    apply({compound({text, text, "A.v", "tag1"})});
+    gdelayedPubThread.stopInOrder();  // the test takes the turns
+    settle();
+    EXPECT_EQ(gdelayedPubThread.beginTurn().waitMs, ms) << text;
+    gdelayedPubThread.stopInOrder();
+  }
+  EXPECT_EQ(names().size(), times.size());
+  EXPECT_EQ(kel.sentCount(), 0U);
+}
+
+TEST_F(PublicationManager, bufferTimeBeyondTheNumbersIsBadlyFormatted) {
+  for (const char* const text : {"2147483648", "-2147483649", "9223372036854775808"}) {
+    const std::string entry = compound({"P", text, "A.v", "tag1"});
+    EXPECT_EQ(apply({entry}),
+              "ERROR: kelPublicationManager 66 Badly formated publication configuration \"" + entry + "\"\n");
+  }
+}
+
+TEST_F(PublicationManager, onlyAGroupThatCannotBeBuiltIsCaught) {
+#if defined(__SANITIZE_ADDRESS__)
+  const __lsan::ScopedDisabler mappingsOfTheUnfinishedGroupStayAllocated;
+#endif
+  kel.failing = true;
+  const DynVar list = textList({compound({"P", "0", "A.v", "tag1"}), compound({"Q", "0", "B.v", "b"})});
+  EXPECT_EQ(printedBy([&] { EXPECT_THROW(publications.updateConfig(&list), KelException); }),
+            "Created DPEWrapper for DPE A.v\n"
+            "Created publisher mapping between DPE A.v tag tag1\n");
+  EXPECT_EQ(names(), Lines{});
 }
 
 TEST_F(PublicationManager, emptyListDoesNothing) {

@@ -8,8 +8,8 @@ function(kelgw_mutants)
   if(NOT KELGW_MUTATED)
     return()
   endif()
-  # What the switches make of the code is not held against it.
-  add_compile_options(-w -Wno-narrowing)
+  # What the switches make of the code is not held against it, and it is built more often than it runs.
+  add_compile_options(-w -Wno-narrowing -O0)
 endfunction()
 
 # kelgw_mutants_note(<test> <libs...>): the tests that see the gateway's own code judge the mutants.

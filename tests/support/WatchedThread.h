@@ -43,8 +43,27 @@ class WatchedThread {
     }
     return !ended_;
   }
+  /// The same for a lock: what waits for an event, a time or a reader goes on by itself.
+  bool comesToWaitForALock() const {
+    while (!ended_ && !waitsForALock()) {
+      sched_yield();
+    }
+    return !ended_;
+  }
 
  private:
+  [[nodiscard]] bool waitsForALock() const {
+    if (id_ == 0) {
+      return false;
+    }
+    // "number address operation ...": locks wait with the plain operation, condition variables with another.
+    std::ifstream call("/proc/self/task/" + std::to_string(id_.load()) + "/syscall");
+    std::string number;
+    std::string address;
+    std::string operation;
+    call >> number >> address >> operation;
+    return number == std::to_string(SYS_futex) && operation == "0x80";
+  }
   [[nodiscard]] std::string field(const std::string& name) const {
     std::ifstream status("/proc/self/task/" + std::to_string(id_.load()) + "/status");
     for (std::string line; std::getline(status, line);) {

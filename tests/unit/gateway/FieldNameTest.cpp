@@ -116,9 +116,9 @@ TEST_F(FieldName, resendIsMarkedWhenTheMappingStands) {
       KelData data = record("a");
       listener.handleMessage(nullptr, data);
     });
-    EXPECT_TRUE(kelThread.comesToWait());
+    EXPECT_TRUE(kelThread.comesToWaitForALock());
     WatchedThread mapper([&clients, &b] { clients.subscribeDPE(b); });
-    EXPECT_TRUE(mapper.comesToWait());  // for the lock, before the mapping is there
+    EXPECT_TRUE(mapper.comesToWaitForALock());  // for the lock, before the mapping is there
     EXPECT_FALSE(subscription.mustGetLastPubValue());
     hold.unlock();
     kelThread.join();

@@ -27,9 +27,9 @@ class InTheMiddle {
   bool secondWaits(const std::function<void()>& first, const std::function<void()>& second) {
     hold_.lock();
     WatchedThread holder(first);
-    EXPECT_TRUE(holder.comesToWait());
+    EXPECT_TRUE(holder.comesToWaitForALock());
     WatchedThread other(second);
-    const bool waited = other.comesToWait();
+    const bool waited = other.comesToWaitForALock();
     hold_.unlock();
     return waited;
   }
@@ -111,7 +111,7 @@ TEST_F(SubscriptionLock, isGivenBackBeforeTheListIsQueued) {
                       unsigned int /*flags*/) override {
       if (!kelThread) {
         kelThread.emplace([this] { subscription_.connected(nullptr); });
-        EXPECT_TRUE(kelThread->comesToWait());
+        EXPECT_TRUE(kelThread->comesToWaitForALock());
         mappings = subscription_.getNumberOfMappings();
       }
     }
@@ -191,7 +191,7 @@ TEST_F(GroupLock, isGivenBackBeforeTheGroupIsQueued) {
   kel.onCall = [&](const std::string& call) {
     if (call == "send 0") {
       changer.emplace([this] { change(); });
-      EXPECT_TRUE(changer->comesToWait());
+      EXPECT_TRUE(changer->comesToWaitForALock());
       group->updatePublication();  // would wait for ever if the change still held the group's lock
     }
   };

@@ -82,7 +82,7 @@ TEST_F(Order, sendersWaitUntilTheDrainIsOver) {
     if (!sender) {
       sender.emplace([] { queue(3); });
     }
-    waited.push_back(sender->comesToWait());
+    waited.push_back(sender->comesToWaitForALock());
   });
   plant.observe(&atEveryWrite);
   plant.clearRecords();
@@ -123,7 +123,7 @@ TEST_F(Order, updateThreadHoldsItsLockWhileAGroupIsPublished) {
   kel.onCall = [&](const std::string& call) {
     EXPECT_EQ(call, "send 0");
     adder.emplace([&] { EXPECT_TRUE(thread.addGroup(groups[1], 20)); });
-    waited = adder->comesToWait();
+    waited = adder->comesToWaitForALock();
   };
   const auto turn = thread.beginTurn();
   thread.endTurn(turn, SEvent::timedOut);

@@ -1,5 +1,6 @@
-// The switch of the mutants: KELGW_MUTANT is the number of the one that is on; KELGW_MUTANTS_REACHED names a file with
-// one byte a mutant, in which those are set that were reached, by this process or one that it starts.
+// The switch of the mutants: KELGW_MUTANT is the number of the one that is on; KELGW_MUTANTS_REACHED names a
+// file with one byte a mutant, in which those are set that were reached, by this process or one that it
+// starts.
 #include "mutants.h"
 
 #include <fcntl.h>

@@ -11,6 +11,7 @@ a mutant could not be judged, or an explanation fits nothing any more.
 
 import argparse
 import concurrent.futures
+import hashlib
 import json
 import os
 import re
@@ -258,27 +259,58 @@ def extra_files(root):
     return extra
 
 
-def check(root, options):
-    import mutate  # after the arguments: --help works without libclang
-    folder = os.path.join(root, "build", "mutants")
-    explanations = read_explanations(os.path.join(HERE, "explained.txt"))
-    started = time.monotonic()
+def fingerprint(root, paths):
+    """A hash of everything that the copy is made of and by."""
+    result = hashlib.sha256()
+    for path in [*paths, *(f"{room}/CMakeLists.txt" for room in ROOMS)]:
+        with open(os.path.join(root, path), "rb") as file:
+            result.update(path.encode() + b"\0" + file.read())
+    for name in ("check.py", "mutate.py", "mutants.h", "mutants.cpp"):
+        with open(os.path.join(HERE, name), "rb") as file:
+            result.update(file.read())
+    return result.hexdigest()
+
+
+def make_copy(root, folder):
+    """Writes the copy, unless the one that is there is of these very sources. All mutants by their numbers, and why
+    some are left out."""
+    import mutate  # only here: --help works without libclang
+    memory = os.path.join(folder, "copy.json")
+    print_of_sources = fingerprint(root, sources_of(root))
+    if os.path.exists(memory):
+        with open(memory, encoding="utf-8") as file:
+            last = json.load(file)
+        if last["fingerprint"] == print_of_sources:
+            return ({m[0]: mutate.Mutant(*m) for m in last["mutants"]},
+                    {int(number): why for number, why in last["left out"].items()})
     include = [f"-I{os.path.join(root, path)}" for path in INCLUDES]
     mutator = mutate.Mutator(root, sources_of(root), ["-std=c++20", *include])
     flags = ["-std=c++20", "-w", "-Wno-narrowing", "-Imutants", "-ISources", "-IPlatformDependant", *include[2:]]
     os.makedirs(folder, exist_ok=True)
     left_out = leave_out_what_does_not_compile(root, os.path.join(folder, "copy"), mutator, flags, extra_files(root))
-    say(f"{len(mutator.mutants)} mutants, {len(left_out)} of them do not compile; building the others")
+    with open(memory, "w", encoding="utf-8") as file:
+        json.dump({"fingerprint": print_of_sources, "left out": left_out,
+                   "mutants": [[m.number, m.path, m.line, m.function, m.kind, m.change]
+                               for m in mutator.mutants.values()]}, file)
+    return mutator.mutants, left_out
+
+
+def check(root, options):
+    folder = os.path.join(root, "build", "mutants")
+    explanations = read_explanations(os.path.join(HERE, "explained.txt"))
+    started = time.monotonic()
+    everything, left_out = make_copy(root, folder)
+    say(f"{len(everything)} mutants, {len(left_out)} of them do not compile; building the others")
     binaries = build(root, folder)
 
     at_run_time = run_time_numbers(binaries)
-    for number, mutant in mutator.mutants.items():
+    for number, mutant in everything.items():
         if number not in left_out and number not in at_run_time and mutant.kind == "number":
             left_out[number] = "a constant of the compiler"
-    mutants = [m for m in mutator.mutants.values() if m.number not in left_out]
+    mutants = [m for m in everything.values() if m.number not in left_out]
     if options.list:
         for number, why in sorted(left_out.items()):
-            mutant = mutator.mutants[number]
+            mutant = everything[number]
             print(f"left out {number} {mutant.path}:{mutant.line} {mutant.key}: {why}")
         for mutant in mutants:
             print(f"{mutant.number} {mutant.path}:{mutant.line} {mutant.key}")
@@ -294,7 +326,7 @@ def check(root, options):
     tests = [Test(binary, name) for binary in binaries for name in cases_of(binary)]
     say(f"built after {time.monotonic() - started:.0f} s; {len(tests)} tests")
     with concurrent.futures.ThreadPoolExecutor(jobs()) as pool:
-        for _ in pool.map(lambda test: note_reach(test, len(mutator.mutants), folder), tests):
+        for _ in pool.map(lambda test: note_reach(test, len(everything), folder), tests):
             pass
     say(f"every test has run after {time.monotonic() - started:.0f} s; judging {len(wanted)} mutants")
     verdicts = {}
@@ -307,11 +339,11 @@ def check(root, options):
                 say(f"{mutant.number} {mutant.key}: {verdicts[mutant.number] or 'survives'}")
             if len(verdicts) % 100 == 0:
                 say(f"{len(verdicts)} judged after {time.monotonic() - started:.0f} s")
-    return report(mutator, mutants, wanted, left_out, tests, verdicts, explanations, last, options,
+    return report(everything, mutants, wanted, left_out, tests, verdicts, explanations, last, options,
                   time.monotonic() - started)
 
 
-def report(mutator, mutants, wanted, left_out, tests, verdicts, explanations, last, options, seconds):
+def report(everything, mutants, wanted, left_out, tests, verdicts, explanations, last, options, seconds):
     reached = frozenset().union(*(t.reached for t in tests))
     explained = dict(explanations)
     survivors = [m for m in wanted if verdicts[m.number] is None]
@@ -321,7 +353,7 @@ def report(mutator, mutants, wanted, left_out, tests, verdicts, explanations, la
         print(f"{mutant.path}:{mutant.line}: survives{never}: {mutant.number}\n{mutant.key}")
     with open(last, "w", encoding="utf-8") as file:
         json.dump([m.key for m in survivors], file)
-    bad = stale(explanations, mutator.mutants.values())
+    bad = stale(explanations, everything.values())
     for key in bad:
         print(f"explained.txt: fits no mutant any more: {key}")
     whole = not (options.only or options.id or options.again)

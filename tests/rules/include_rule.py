@@ -26,6 +26,7 @@ ALLOWED = {
     "demo": {"demo"} | PUBLIC,
     "tests/support": {"tests/support"} | PUBLIC,
     "tests/rules": set(),
+    "tests/mutants": set(),
     "tests/unit/runtime": {"PlatformDependant"},
     "tests/unit/pvss": {"pvss/include", "pvss/src"},
     "tests/unit/kel": {"kel/include", "kel/src"},

@@ -1,5 +1,6 @@
 """What elements hold is published: read by mosquitto_sub and by a decoder that nobody here wrote."""
 
+import signal
 import struct
 import time
 
@@ -128,6 +129,23 @@ def test_a_group_with_an_invalid_element_is_bad_and_recovers(site):
     assert abs(bad.time_ns / 1e9 - time.time()) < 60 * harness.PATIENCE, "the time of the declaration"
     set_value(site, "P.y", "4")
     assert reader.wait("good again", lambda record: record.quality == 1).fields == {"x": ("int", 1), "y": ("int", 4)}
+
+
+def test_large_changes_are_published_each_with_its_own_value_and_in_order(site):
+    site.apply({"P.list": "dyn_text"}, {}, {"large": {"bufferTime": 0, "fields": {"v": "P.list"}}})
+    reader = Reader(site, "large")
+    gateway = site.gateway()
+    harness.wait_until(lambda: "the publication\n" + gateway.said(), lambda: "Created Publication group large" in gateway.out)
+    gateway.send_signal(signal.SIGSTOP)  # so that all of it is there when the first is looked at
+    for number in range(1, 6):
+        items = 400 * f"200:{200 * str(number)}"
+        site.redis.command("FCALL", "dp_set", "0", "test", "", str(number), str(number - 1), str(1_700_000_000_000 + number), "",
+                           "P.list", "i0v" + items)
+    gateway.send_signal(signal.SIGCONT)
+    reader.wait("the last", lambda record: record.quality == 1 and record.fields["v"][1][0][0] == "5")
+    good = [record.fields["v"][1] for record in reader.records() if record.quality == 1]
+    assert [texts[0][0] for texts in good] == ["1", "2", "3", "4", "5"]
+    assert all(texts == 400 * [200 * texts[0][0]] for texts in good)
 
 
 @pytest.mark.parametrize("before,after", [("text", "int"), ("float", "int")])

@@ -260,6 +260,28 @@ TEST_F(ClientManager, nameGivenTwiceIsOneClient) {
   EXPECT_EQ(clients->subscriptions(), Lines{"P:1"});
 }
 
+TEST_F(ClientManager, nameGivenTwiceWhoseAddressGoesInBetweenIsDropped) {
+  class TakesTheAddressAway final : public pvss::testing::ManagerObserver {
+   public:
+    explicit TakesTheAddressAway(pvss::testing::MemoryPlant& plant) : plant_(plant) {}
+    void onDpGet(const DpIdentList& /*ids*/, WaitForAnswer* /*answer*/, unsigned int /*flags*/) override {
+      if (++gets_ == 3) {  // two for the first time
+        plant_.setAddress("A.v", 0, "", "");
+      }
+    }
+
+   private:
+    pvss::testing::MemoryPlant& plant_;
+    int gets_ = 0;
+  };
+  TakesTheAddressAway takesTheAddressAway(plant);
+  plant.observe(&takesTheAddressAway);
+  apply({"A.v", "A.v"});
+  plant.observe(nullptr);
+  EXPECT_EQ(clients->clients(), Lines{});
+  EXPECT_EQ(clients->subscriptions(), Lines{});
+}
+
 using ClientManagerDeathTest = ClientManager;
 
 TEST_F(ClientManagerDeathTest, nameGivenTwiceThatIsNotValidEndsTheProcess) {

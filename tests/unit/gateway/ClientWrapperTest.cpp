@@ -61,6 +61,15 @@ TEST_F(ClientWrapper, elementWithoutAddressIsRefused) {
   EXPECT_EQ(validated(false), "ERROR: CdpeWrapper 54 Address config does not exist for A.v\n");
 }
 
+TEST_F(ClientWrapper, addressThatCannotBeReadIsEmpty) {
+  plant.addElement("A.v", DPELEMENT_INT);
+  start();
+  const CdpeWrapper wrapper("A.v");
+  CharString address("of before");
+  printedBy([&] { EXPECT_FALSE(wrapper.retriveKELAddress(address)); });
+  EXPECT_EQ(address, "");
+}
+
 TEST_F(ClientWrapper, anyTypeNumberButZeroIsAnAddress) {
   plant.addElement("A.v", DPELEMENT_INT);
   plant.setAddress("A.v", 7, "KEL", "P");

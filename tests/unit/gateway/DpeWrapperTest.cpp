@@ -249,6 +249,28 @@ TEST_F(DpeWrapper, fetchGoesOnWaitingUntilTheLastAnswerHasCome) {
             (Lines{"B.v:_original.._value = int 1", "A.v:_original.._value = int 0"}));
 }
 
+TEST_F(DpeWrapper, fetchDispatchesForAShortTimeEach) {
+  class Waits final : public pvss::testing::ManagerObserver {
+   public:
+    void onDispatch(long sec, long usec) override {
+      times.push_back(std::to_string(sec) + " " + std::to_string(usec));
+    }
+    Lines times;
+  };
+  plant.addElement("A.v", DPELEMENT_INT);
+  start();
+  DpIdentList list;
+  const std::array<CharString, 1> names{"A.v:_original.._value"};
+  ASSERT_EQ(CsimpleDPEWrapper::makeListOfDPEs(list, names.data(), 1), 1);
+  Waits waits;
+  plant.observe(&waits);
+  CdpGetCallBackHandler handler;
+  CsimpleDPEWrapper::getValuesOfDPEs(handler, list);
+  plant.observe(nullptr);
+  ASSERT_FALSE(waits.times.empty());
+  EXPECT_EQ(waits.times, Lines(waits.times.size(), "0 200"));
+}
+
 TEST_F(DpeWrapper, fetchOfNothingReturnsAtOnce) {
   start();
   CdpGetCallBackHandler handler;

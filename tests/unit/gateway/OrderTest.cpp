@@ -167,7 +167,7 @@ TEST_F(Order, firstMappingOfANewSubscriptionAsksForNoResend) {
   printedBy([&] {
     CdpeWrapper dpe("A.v");
     ASSERT_TRUE(dpe.revalidateDPE());
-    clients.subscribeDPE(dpe);
+    EXPECT_TRUE(clients.subscribeDPE(dpe));
     EXPECT_FALSE(dpe.getMapping()->getSubscription().mustGetLastPubValue());
     clients.unsubscribeDPE(dpe);
     clients.subscribeDPE(dpe);

@@ -14,7 +14,7 @@ namespace {
 /// The program with a plant in memory and a broker of its own, ended at the latest with the test.
 class Running {
  public:
-  Running() {
+  explicit Running(const char* kelUrl = "loopback:unit?group=unit") {
     std::string pattern = (std::filesystem::temp_directory_path() / "kelgw-program-XXXXXX").string();
     folder_ = mkdtemp(pattern.data());
     const std::string plant = file("plant.yaml",
@@ -31,7 +31,7 @@ class Running {
       dup2(ends[1], STDOUT_FILENO);
       close(ends[0]);
       close(ends[1]);
-      setenv("KEL_URL", "loopback:unit?group=unit", 1);
+      setenv("KEL_URL", kelUrl, 1);
       unsetenv("PVSS_STORE");
       execl(KEL_GATEWAY_PROGRAM, KEL_GATEWAY_PROGRAM, "-config", config.c_str(), nullptr);
       _exit(127);
@@ -65,6 +65,9 @@ class Running {
   /// Sends the signal and gives how the program ended: "exit 0", "signal 15".
   std::string endedBy(int signal) {
     kill(child_, signal);
+    return ended();
+  }
+  std::string ended() {
     int status = 0;
     waitpid(child_, &status, 0);
     child_ = 0;
@@ -95,6 +98,12 @@ TEST(ProgramRuns, subscribesAndEndsInOrderWithEitherSignal) {
         << program.printed();
     EXPECT_EQ(program.endedBy(signal), "exit 0");
   }
+}
+
+TEST(ProgramRuns, endsWhenTheKelLibraryCannotTakeItsAddress) {
+  Running program("nowhere:unit");
+  EXPECT_FALSE(program.prints("Created"));
+  EXPECT_EQ(program.ended(), "exit 2");
 }
 
 }  // namespace

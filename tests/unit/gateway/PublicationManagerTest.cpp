@@ -1,6 +1,7 @@
 // The publication list: its texts become groups.
 #include <pvss/IntegerVar.h>
 
+#include <cerrno>
 #include <random>
 
 #include "DelayList.h"
@@ -134,6 +135,15 @@ TEST_F(PublicationManager, bufferTimeOfATextIsItsNumber) {
   }
   EXPECT_EQ(names().size(), times.size());
   EXPECT_EQ(kel.sentCount(), 0U);
+}
+
+TEST_F(PublicationManager, errorOfAnEarlierCallIsNotTakenForOneOfTheBufferTime) {
+  const DynVar list = textList({compound({"P", "100", "A.v", "tag1"})});
+  EXPECT_EQ(printedBy([&] {
+              errno = ERANGE;
+              publications.updateConfig(&list);
+            }),
+            builtWithA);
 }
 
 TEST_F(PublicationManager, bufferTimeBeyondTheNumbersIsBadlyFormatted) {

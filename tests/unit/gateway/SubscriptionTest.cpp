@@ -255,6 +255,24 @@ TEST_F(Subscription, recordBeforeTheFirstMappingIsAskedForAgain) {
   EXPECT_TRUE(subscription->mustGetLastPubValue());
 }
 
+TEST_F(Subscription, recordThatAMappingTookIsNotAskedForAgain) {
+  mapA();
+  deliver(7);
+  mapB();
+  EXPECT_FALSE(subscription->mustGetLastPubValue());
+}
+
+TEST_F(Subscription, recordsThatOthersTakeDoNotMakeTheOneBeforeThemForgotten) {
+  deliver(7);
+  subscription->clearGetLastPubValueMark();
+  deliver(8);
+  mapA();
+  EXPECT_TRUE(subscription->mustGetLastPubValue());
+  subscription->clearGetLastPubValueMark();
+  mapB();
+  EXPECT_FALSE(subscription->mustGetLastPubValue());  // asked for once
+}
+
 TEST_F(Subscription, withoutRecordTheFirstMappingAsksForNothing) {
   connect();
   mapA();

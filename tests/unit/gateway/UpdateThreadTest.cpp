@@ -82,6 +82,14 @@ TEST_F(UpdateThread, timeOutOfATurnBegunWithAnEmptyListPublishesNothing) {
   EXPECT_EQ(published(), Lines{"0"});
 }
 
+TEST_F(UpdateThread, timeOutAfterAnOrderlyStopPublishesNothing) {
+  add(0, 5);
+  const auto turn = thread->beginTurn();
+  thread->stopInOrder();
+  thread->endTurn(turn, timedOut);
+  EXPECT_EQ(published(), Lines{});
+}
+
 TEST_F(UpdateThread, shorterGroupBecomesFirstAndTheOldFirstCountsFromIt) {
   add(0, 100);
   clock.advance(10);

@@ -9,6 +9,7 @@ function(kelgw_mutants)
     return()
   endif()
   # What the switches make of the code is not held against it, and it is built more often than it runs.
+  add_compile_definitions(KELGW_LEAK_SANITIZER _GLIBCXX_ASSERTIONS)
   add_compile_options(-w -Wno-narrowing -O0)
 endfunction()
 

@@ -24,6 +24,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOMS = ("PlatformDependant", "Sources")
 INCLUDES = ("Sources", "PlatformDependant", "pvss/include", "kel/include")
 MARK = re.compile(r"/\*<([0-9_]+)\*/|/\*([0-9_]+)>\*/")
+LONGEST = 60  # seconds: what is not over then hangs, whatever the machine is busy with
 FIRST = 6  # so many of the likeliest tests are run before all others
 
 
@@ -117,9 +118,7 @@ class Test:
 
 
 def environment(**values):
-    result = dict(os.environ, LSAN_OPTIONS=f"suppressions={HERE}/leaks.txt:print_suppressions=0")
-    result.update(values)
-    return result
+    return dict(os.environ, **values)
 
 
 def cases_of(binary):
@@ -154,6 +153,7 @@ def passes(binary, names, limit, number):
 
 
 def note_reach(test, count, folder):
+    """Notes what the test reaches and how long it takes; gives its name when it does not pass."""
     path = os.path.join(folder, f"reached.{os.path.basename(test.binary)}.{test.name}".replace("/", "_"))
     with open(path, "wb") as file:
         file.write(bytes(count + 1))
@@ -163,11 +163,12 @@ def note_reach(test, count, folder):
                           env=environment(KELGW_MUTANT="0", KELGW_MUTANTS_REACHED=path), check=False)
     test.seconds = time.monotonic() - started
     if done.returncode != 0 or b"[  PASSED  ] 1 test." not in done.stdout:
-        sys.stdout.write(done.stdout.decode(errors="replace"))
-        raise Stop(f"{test.name} fails without any change")
+        sys.stdout.write(done.stdout.decode(errors="replace")[-2000:])
+        return test.name
     with open(path, "rb") as file:
         test.reached = frozenset(i for i, byte in enumerate(file.read()) if byte)
     os.remove(path)
+    return None
 
 
 def judge(number, tests):
@@ -176,7 +177,7 @@ def judge(number, tests):
     for part in (reaching[:FIRST], reaching[FIRST:]):
         for binary in dict.fromkeys(t.binary for t in part):
             chosen = [t for t in part if t.binary == binary]
-            limit = 5 + 10 * sum(t.seconds for t in chosen)
+            limit = min(5 + 10 * sum(t.seconds for t in chosen), LONGEST)
             good, how = passes(binary, [t.name for t in chosen], limit, number)
             if not good:
                 return how
@@ -265,7 +266,7 @@ def fingerprint(root, paths):
     for path in [*paths, *(f"{room}/CMakeLists.txt" for room in ROOMS)]:
         with open(os.path.join(root, path), "rb") as file:
             result.update(path.encode() + b"\0" + file.read())
-    for name in ("check.py", "mutate.py", "mutants.h", "mutants.cpp"):
+    for name in ("mutate.py", "mutants.h", "mutants.cpp"):
         with open(os.path.join(HERE, name), "rb") as file:
             result.update(file.read())
     return result.hexdigest()
@@ -303,7 +304,8 @@ def check(root, options):
     say(f"{len(everything)} mutants, {len(left_out)} of them do not compile; building the others")
     binaries = build(root, folder)
 
-    at_run_time = run_time_numbers(binaries)
+    programs = os.path.join(folder, "bin")  # the tests and what they start
+    at_run_time = run_time_numbers(os.path.join(programs, name) for name in os.listdir(programs))
     for number, mutant in everything.items():
         if number not in left_out and number not in at_run_time and mutant.kind == "number":
             left_out[number] = "a constant of the compiler"
@@ -315,7 +317,8 @@ def check(root, options):
         for mutant in mutants:
             print(f"{mutant.number} {mutant.path}:{mutant.line} {mutant.key}")
         return 0
-    wanted = [m for m in mutants if (not options.only or m.path.endswith(options.only)) and
+    wanted = [m for m in mutants if (not options.only or m.path.startswith(options.only) or
+                                     m.path.endswith(options.only)) and
               (not options.id or m.number in options.id)]
     last = os.path.join(folder, "survivors.json")
     if options.again and os.path.exists(last):
@@ -326,16 +329,17 @@ def check(root, options):
     tests = [Test(binary, name) for binary in binaries for name in cases_of(binary)]
     say(f"built after {time.monotonic() - started:.0f} s; {len(tests)} tests")
     with concurrent.futures.ThreadPoolExecutor(jobs()) as pool:
-        for _ in pool.map(lambda test: note_reach(test, len(everything), folder), tests):
-            pass
+        failing = [name for name in pool.map(lambda test: note_reach(test, len(everything), folder), tests) if name]
+    if failing:
+        raise Stop(f"without any change fails already: {', '.join(failing)}")
     say(f"every test has run after {time.monotonic() - started:.0f} s; judging {len(wanted)} mutants")
-    verdicts = {}
+    verdicts, explained = {}, dict(explanations)
     with concurrent.futures.ThreadPoolExecutor(jobs()) as pool:
         jobs_running = {pool.submit(judge, m.number, tests): m for m in wanted}
         for done in concurrent.futures.as_completed(jobs_running):
             mutant = jobs_running[done]
             verdicts[mutant.number] = done.result()
-            if options.id:
+            if options.id or verdicts[mutant.number] is None and mutant.key not in explained:
                 say(f"{mutant.number} {mutant.key}: {verdicts[mutant.number] or 'survives'}")
             if len(verdicts) % 100 == 0:
                 say(f"{len(verdicts)} judged after {time.monotonic() - started:.0f} s")
@@ -372,7 +376,7 @@ def report(everything, mutants, wanted, left_out, tests, verdicts, explanations,
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("root")
-    parser.add_argument("--only", metavar="FILE", help="judge the mutants of this file")
+    parser.add_argument("--only", metavar="FILE", help="judge the mutants of this file, or of this folder")
     parser.add_argument("--id", metavar="NUMBER", type=int, action="append", help="judge this mutant")
     parser.add_argument("--again", action="store_true", help="judge what survived the last time")
     parser.add_argument("--list", action="store_true", help="print all mutants and judge none")

@@ -92,6 +92,43 @@ TEST_F(ClientManager, sameListAgainChangesNothing) {
   EXPECT_EQ(clients->clients(), (Lines{"A.v", "C.v"}));
 }
 
+TEST_F(ClientManager, sameListAgainAsksAConnectedSubscriptionForNothing) {
+  apply({"A.v", "B.v"});
+  kel.subscription("P")->listener->connected(nullptr);
+  kel.takeCalls();
+  apply({"A.v", "B.v"});
+  EXPECT_EQ(kel.takeCalls(), Lines{});
+}
+
+TEST_F(ClientManager, whatAnUpdateLeavesIsShownToKelThreadsAtOnceAgain) {
+  const auto shown = [this] {
+    DpIdValueList list;
+    try {
+      clients->wrapper("A.v").getMapping()->addValueValidityStatusToList(list);
+    } catch (const CdepException&) {
+      return false;
+    }
+    return true;
+  };
+  const auto goesAndComes = [&] {
+    EXPECT_TRUE(shown());
+    plant.switchOff("A.v:_original.._exp_inv");
+    settle();
+    EXPECT_FALSE(clients->wrapper("A.v").revalidateDPE());
+    EXPECT_FALSE(shown());
+    plant.switchOn("A.v:_original.._exp_inv");
+    settle();
+    EXPECT_TRUE(clients->wrapper("A.v").revalidateDPE());
+  };
+  apply({"A.v"});
+  apply({"A.v"});  // unchanged
+  goesAndComes();
+  plant.setAddress("A.v", 1, "KEL", reference("Q", "a"));
+  settle();
+  apply({"A.v"});  // moved
+  goesAndComes();
+}
+
 TEST_F(ClientManager, elementsOfOnePublicationShareASubscription) {
   EXPECT_EQ(apply({"A.v", "B.v"}),
             "Created DPEWrapper for DPE A.v\n"
@@ -261,25 +298,17 @@ TEST_F(ClientManager, nameGivenTwiceIsOneClient) {
 }
 
 TEST_F(ClientManager, nameGivenTwiceWhoseAddressGoesInBetweenIsDropped) {
-  class TakesTheAddressAway final : public pvss::testing::ManagerObserver {
-   public:
-    explicit TakesTheAddressAway(pvss::testing::MemoryPlant& plant) : plant_(plant) {}
-    void onDpGet(const DpIdentList& /*ids*/, WaitForAnswer* /*answer*/, unsigned int /*flags*/) override {
-      if (++gets_ == 3) {  // two for the first time
-        plant_.setAddress("A.v", 0, "", "");
-      }
+  kel.onCall = [this](const std::string& call) {
+    if (call == "subscribe P") {
+      plant.setAddress("A.v", 0, "", "");
+    } else if (call == "subscribe Q") {
+      settle();  // the manager learns of it
     }
-
-   private:
-    pvss::testing::MemoryPlant& plant_;
-    int gets_ = 0;
   };
-  TakesTheAddressAway takesTheAddressAway(plant);
-  plant.observe(&takesTheAddressAway);
-  apply({"A.v", "A.v"});
-  plant.observe(nullptr);
-  EXPECT_EQ(clients->clients(), Lines{});
-  EXPECT_EQ(clients->subscriptions(), Lines{});
+  apply({"A.v", "C.v", "A.v"});
+  kel.onCall = nullptr;
+  EXPECT_EQ(clients->clients(), Lines{"C.v"});
+  EXPECT_EQ(clients->subscriptions(), Lines{"Q:1"});
 }
 
 using ClientManagerDeathTest = ClientManager;

@@ -111,6 +111,35 @@ TEST_F(ClientWrapper, missingUserBitIsRefusedSilently) {
   }
 }
 
+TEST_F(ClientWrapper, resolvingStopsAtTheFirstFailure) {
+  class Asked final : public pvss::testing::ManagerObserver {
+   public:
+    void onGetId(const char* name, bool /*found*/) override { names.emplace_back(name); }
+    Lines names;
+  };
+  addClient("A.v", DPELEMENT_INT, "P", "t");
+  start();
+  const auto namesAsked = [this](const char* missing) {
+    plant.switchOff(missing);
+    settle();
+    Asked asked;
+    plant.observe(&asked);
+    validated(false);
+    plant.observe(nullptr);
+    plant.switchOn(missing);
+    settle();
+    return asked.names;
+  };
+  Lines names{"A.v:_original.._value", "A.v:_original.._exp_inv"};
+  EXPECT_EQ(namesAsked("A.v:_original.._exp_inv"), names);
+  names.insert(names.end(), {"A.v:_address.._type", "A.v:_address.._drv_ident"});
+  EXPECT_EQ(namesAsked("A.v:_address.._drv_ident"), names);
+  names.insert(names.end(), {"A.v:_address.._reference", "A.v:_original.._userbit1"});
+  EXPECT_EQ(namesAsked("A.v:_original.._userbit1"), names);
+  names.emplace_back("A.v:_original.._userbit2");
+  EXPECT_EQ(namesAsked("A.v:_original.._userbit2"), names);
+}
+
 TEST_F(ClientWrapper, missingTypeAttributeIsReportedByTheListAlone) {
   addClient("A.v", DPELEMENT_INT, "P", "t");
   plant.switchOff("A.v:_address.._type");
@@ -122,9 +151,11 @@ TEST_F(ClientWrapper, missingReferenceAttributeIsReportedTwice) {
   addClient("A.v", DPELEMENT_INT, "P", "t");
   plant.switchOff("A.v:_address.._reference");
   start();
+  plant.clearRecords();
   EXPECT_EQ(validated(false),
             "ERROR: simpleDPEWrapper 82 Failed to get dpID for A.v:_address.._reference\n"
             "ERROR: CdpeWrapper 66 Failed to build dpList to get address info for A.v\n");
+  EXPECT_EQ(plant.gets().size(), 1U);  // the type alone
 }
 
 TEST_F(ClientWrapper, unknownElementIsRefusedSilently) {

@@ -23,16 +23,20 @@ class DrivenClock {
   static void set(std::int64_t ms) { now_ = ms; }
   static void advance(std::int64_t ms) { now_ += ms; }
   [[nodiscard]] static std::int64_t now() { return now_; }
+  /// How often the clock has been read.
+  [[nodiscard]] static int reads() { return reads_; }
 
  private:
   static timeb read() {
     timeb moment{};
     const std::int64_t ms = now_;
+    ++reads_;
     moment.time = ms / 1000;
     moment.millitm = static_cast<unsigned short>(ms % 1000);
     return moment;
   }
   static inline std::atomic<std::int64_t> now_{1'700'000'000'000};
+  static inline std::atomic<int> reads_{0};
 };
 
 /// Groups named "0", "1", ... that have no elements.

@@ -144,6 +144,7 @@ Gateway::~Gateway() {
     delete group;
   }
   manager.reset();
+  ManagerUnderTest::forgetUpdates();  // what nobody looked at does not reach the next test
   testing::internal::GetCapturedStdout();
   KelApiManager::kelFactory = nullptr;
 }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FakeKel.h"
@@ -40,6 +41,14 @@ std::string compound(const std::vector<std::string>& fields);
 class ManagerUnderTest : public KelApiManager {
  public:
   using KelApiManager::writeQueuedUpdates;
+  /// How many updates wait. For who knows that nobody else is at it.
+  static std::size_t waitingUpdates() RUNTIME_NO_LOCK_ANALYSIS { return dpeUpdateQueue.size(); }
+  static void forgetUpdates() {
+    const SmutexGuard guard(dpeUpdateQueueLock);
+    for (const CpvssUpdate* const update : std::exchange(dpeUpdateQueue, {})) {
+      delete update;
+    }
+  }
 };
 
 /// The plant and a manager that is up; the Kel library is a fake unless a test puts another in place.

@@ -258,6 +258,13 @@ TEST_F(ManagerLoop, updatesQueuedByACallbackAreWrittenWithTheNextTurn) {
   EXPECT_EQ(plant.writes()[1].timeMs, 2000);
 }
 
+TEST_F(ManagerLoop, turnWritesFirstAndDispatchesThen) {
+  KelApiManager::sendListOfUpdatesToPVSS(new DpIdValueList, new TimeVar(PVSSTime(1, 0)));
+  EXPECT_EQ(run(), "");
+  EXPECT_EQ(watch.calls, (Lines{"connectToData 3 0", "dispatch 1 0", "connectToEvent 0", "dpSetTimed 1000 1",
+                                "dispatch 0 1000"}));
+}
+
 TEST_F(ManagerLoop, queuedUpdateOwnsListAndTime) {
   struct Counted : DpIdValueList {
     explicit Counted(int& liveGiven) : live(liveGiven) { ++live; }
@@ -295,6 +302,23 @@ TEST_F(ManagerLoopDeathTest, updateWithoutListOrTimeEndsTheProcess) {
                "KelApiManager:41: .*Assertion `theList' failed");
   EXPECT_DEATH(KelApiManager::sendListOfUpdatesToPVSS(new DpIdValueList, nullptr),
                "KelApiManager:42: .*Assertion `theTime' failed");
+}
+
+TEST_F(ManagerLoopDeathTest, factoryIsMadeWhenTheManagerIsConnected) {
+  class Tells final : public pvss::testing::ManagerObserver {
+   public:
+    void onConnectToEvent(unsigned int /*flags*/) override { std::fputs("connectToEvent\n", stderr); }
+  };
+  EXPECT_EXIT(
+      {
+        Tells tells;
+        plant.observe(&tells);
+        KelApiManager::kelFactory = nullptr;
+        setenv("KEL_URL", "nowhere:", 1);
+        manager.emplace();
+        manager->run();
+      },
+      testing::ExitedWithCode(2), "connectToEvent");
 }
 
 TEST_F(ManagerLoopDeathTest, interruptAndTerminationEndTheProcessWithoutDraining) {

@@ -65,11 +65,16 @@ TEST_F(Order, drainHoldsTheQueuesLockAcrossAllItsWrites) {
   const SMutex& lock = KelApiManager::dpeUpdateQueueLock;
   const int before = lock.getLockCount();
   std::vector<int> during;
-  AtEveryWrite atEveryWrite([&] { during.push_back(lock.getLockCount()); });
+  std::vector<std::size_t> waiting;
+  AtEveryWrite atEveryWrite([&] {
+    during.push_back(lock.getLockCount());
+    waiting.push_back(ManagerUnderTest::waitingUpdates());
+  });
   plant.observe(&atEveryWrite);
   ManagerUnderTest::writeQueuedUpdates();
   plant.observe(nullptr);
-  EXPECT_EQ(during, (std::vector<int>(3, before + 1)));  // locked once, and not released in between
+  EXPECT_EQ(during, (std::vector<int>(3, before + 1)));     // locked once, and not released in between
+  EXPECT_EQ(waiting, (std::vector<std::size_t>{2, 1, 0}));  // taken off the queue, then written
   EXPECT_EQ(lock.getLockCount(), before + 2);
 }
 
@@ -135,6 +140,25 @@ TEST_F(Order, updateThreadHoldsItsLockWhileAGroupIsPublished) {
   EXPECT_EQ(kel.takeSent().size(), 1U);
 }
 
+TEST_F(Order, linesOfASubscriptionFollowWhatTheyTellOf) {
+  CdpeWrapper a("A.v");
+  ASSERT_TRUE(a.revalidateDPE());
+  kel.onCall = [](const std::string& call) {
+    std::puts(call.c_str());
+    std::fflush(stdout);
+  };
+  EXPECT_EQ(printedBy([&a] {
+              CkelSubscription subscription("P");
+              subscription.createMapping("a", "P", a);
+            }),
+            "subscribe P\n"
+            "Created subscription to P\n"
+            "Created client mapping between DPE A.v and publication P\n"
+            "release P\n"
+            "Destroyed client mapping between DPE A.v and publication P\n"
+            "Destroyed subscription to P\n");
+}
+
 TEST_F(Order, handleIsReleasedBeforeTheMappingsGo) {
   CdpeWrapper a("A.v");
   ASSERT_TRUE(a.revalidateDPE());
@@ -156,9 +180,19 @@ TEST_F(Order, whatIsDroppedIsReleasedBeforeResendsAreAskedFor) {
   CkelClientManager clients;
   apply(clients, {"A.v", "C.v"});
   kel.subscription("P")->listener->connected(nullptr);
+  const auto& p = static_cast<const CkelSubscription&>(*kel.subscription("P")->listener);
   kel.takeCalls();
+  bool markedAtTheRequest = false;
+  kel.onCall = [&](const std::string& call) {
+    if (call == "resend P") {
+      markedAtTheRequest = p.mustGetLastPubValue();
+    }
+  };
   apply(clients, {"A.v", "B.v"});
+  kel.onCall = nullptr;
   EXPECT_EQ(kel.takeCalls(), (Lines{"release Q", "resend P"}));
+  EXPECT_TRUE(markedAtTheRequest);  // the mark goes after the request
+  EXPECT_FALSE(p.mustGetLastPubValue());
 }
 
 TEST_F(Order, firstMappingOfANewSubscriptionAsksForNoResend) {

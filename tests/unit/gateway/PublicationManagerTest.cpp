@@ -8,7 +8,7 @@
 #include "Gateway.h"
 #include "kelPublicationManager.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(KELGW_LEAK_SANITIZER)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -155,7 +155,7 @@ TEST_F(PublicationManager, bufferTimeBeyondTheNumbersIsBadlyFormatted) {
 }
 
 TEST_F(PublicationManager, onlyAGroupThatCannotBeBuiltIsCaught) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(KELGW_LEAK_SANITIZER)
   const __lsan::ScopedDisabler mappingsOfTheUnfinishedGroupStayAllocated;
 #endif
   kel.failing = true;
@@ -193,6 +193,17 @@ TEST_F(PublicationManager, vanishedPublicationGoesOn) {
   plant.write("A.v", IntegerVar(1), 1000);
   settle();
   EXPECT_EQ(kel.takeSent().size(), 1U);
+}
+
+TEST_F(PublicationManager, makingAPublicationSaysWhetherItWasMade) {
+  CdpeMappingTuple tuple{"A.v", "a"};
+  CvectorOfdpeMappingTuples tuples;
+  tuples.push_back(&tuple);
+  printedBy([&] { EXPECT_TRUE(publications.makePublication("P", 0, tuples)); });
+  EXPECT_EQ(names(), Lines{"P"});
+  tuple.DPEname = "No.such";
+  printedBy([&] { EXPECT_FALSE(publications.makePublication("Q", 0, tuples)); });
+  EXPECT_EQ(names(), Lines{"P"});
 }
 
 TEST_F(PublicationManager, entryThatFailedIsTriedAgainWithEveryList) {

@@ -56,10 +56,10 @@ class Configuration : public ::testing::Test {
     return path;
   }
   /// Reads command line and file as the program does.
-  void read(const std::string& text) const {
+  void read(const std::string& text) const { initWith(file("[general]\nstore = \"memory:\"\n" + text)); }
+  static void initWith(std::string path) {
     std::string program = "kel-gateway";
     std::string option = "-config";
-    std::string path = file("[general]\nstore = \"memory:\"\n" + text);
     std::array<char*, 4> argv{program.data(), option.data(), path.data(), nullptr};
     int argc = 3;
     KelApiResources::init(argc, argv.data());
@@ -116,6 +116,22 @@ TEST_F(Configuration, sectionMayComeTwiceAndBeforeTheGeneralOne) {
   read("[kel]\nclientDPList = \"a\"\n[general]\n[kel]\npubDPList = \"b\"\n");
   EXPECT_EQ(KelApiResources::clientSourceName, "a");
   EXPECT_EQ(KelApiResources::pubSourceName, "b");
+}
+
+TEST_F(Configuration, sectionMayBeGivenInTwoPartsAndBeginWithAnyKey) {
+  read("[kel]\npublisherName = \"first\"\nclientDPList = \"a\"\n[kel]\npubDPList = \"b\"\n");
+  EXPECT_EQ(KelApiResources::publisherName, "first");
+  EXPECT_EQ(KelApiResources::clientSourceName, "a");
+  EXPECT_EQ(KelApiResources::pubSourceName, "b");
+}
+
+using ConfigurationDeathTest = Configuration;
+
+TEST_F(ConfigurationDeathTest, whatThePlatformCannotUseEndsTheReading) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  unsetenv("PVSS_STORE");
+  const std::string path = file("[general]\nstore = \"nowhere\"\n");
+  EXPECT_EXIT(initWith(path), testing::ExitedWithCode(2), "nowhere");
 }
 
 TEST(Version, textIsRegisteredWithTwoBlanks) {

@@ -393,6 +393,32 @@ TEST_F(Subscription, mappingOfAnElementThatIsNotValidAddsNoValueAndRefusesTheFla
   EXPECT_EQ(list.getNumberOfItems(), 0U);
 }
 
+TEST_F(Subscription, heldStateIsShownAtTheEndOfHoldingAndFromThenOnAtOnce) {
+  mapA();
+  CkelDataMapping& mapping = *a->getMapping();
+  const auto shown = [&mapping] {
+    DpIdValueList list;
+    try {
+      mapping.addValueValidityStatusToList(list);
+    } catch (const CdepException&) {
+      return false;
+    }
+    return true;
+  };
+  a->holdShownState();
+  plant.removeElement("A.v");
+  settle();
+  EXPECT_FALSE(a->revalidateDPE());
+  EXPECT_TRUE(shown());
+  a->showState();
+  EXPECT_FALSE(shown());
+  plant.addElement("A.v", DPELEMENT_INT);
+  plant.setAddress("A.v", 1, "KEL", reference("P", "A"));
+  settle();
+  EXPECT_TRUE(a->revalidateDPE());
+  EXPECT_TRUE(shown());
+}
+
 TEST_F(Subscription, mappingIsInvalidUntilEverythingIsGood) {
   mapA();
   CkelDataMapping& mapping = *a->getMapping();

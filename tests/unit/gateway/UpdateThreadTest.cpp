@@ -161,6 +161,17 @@ TEST_F(UpdateThread, entriesBehindAPublishedOneCountFromThatMoment) {
   EXPECT_EQ(published(), Lines{"1"});
 }
 
+TEST_F(UpdateThread, timeThatPublishingTakesCountsForTheEntriesBehind) {
+  add(0, 100);
+  add(1, 300);
+  kel.onCall = [](const std::string& /*call*/) { DrivenClock::advance(50); };
+  elapseTurn();
+  kel.onCall = nullptr;
+  add(2, 1000);
+  EXPECT_EQ(elapseTurn(), 150);
+  EXPECT_EQ(published(), (Lines{"0", "1"}));
+}
+
 TEST_F(UpdateThread, signalOnlyBeginsTheNextTurn) {
   add(0, 100);
   auto turn = thread->beginTurn();
@@ -239,6 +250,26 @@ TEST_F(UpdateThread, stopsInOrderWithoutPublishingWhatWaits) {
     sched_yield();
   }
   EXPECT_EQ(published(), Lines{"0"});
+}
+
+TEST_F(UpdateThread, waitOfAnHourIsEndedByAShorterGroupAndByAStop) {
+  for (const bool shorterGroup : {true, false}) {
+    add(0, 3'600'000);
+    const int reads = DrivenClock::reads();
+    thread->start();
+    while (DrivenClock::reads() == reads) {
+      sched_yield();  // until the thread has an hour in hand
+    }
+    if (shorterGroup) {
+      add(1, 0);
+      while (kel.sentCount() < 1) {
+        sched_yield();
+      }
+      EXPECT_EQ(published(), Lines{"1"});
+    }
+    thread->stopInOrder();
+    EXPECT_FALSE(thread->isRunning());
+  }
 }
 
 TEST_F(UpdateThread, managerThatEndsStopsTheOneThread) {

@@ -87,6 +87,8 @@ class Books:
         self.publications = {index: Publication(index, kinds[index]) for index in evidence.published}
         self.forgotten = set()  # (publication, number)
         self.writes_at = []     # moments of all writes of values
+        self.written_by = {}    # writer -> moments of its writes of values
+        self.taken_along = {}   # life of a gateway that ended by itself -> [(moment at the broker, attributes)]
         self.heard = {}         # life -> moments at which anything of that publisher reached the broker
         self.ambiguous = 0      # attributes of records that may be in two columns, as far as the ledger is concerned
         self.dropped = 0        # records that the broker is said to have dropped
@@ -102,6 +104,7 @@ class Books:
                 publication.again += number in publication.written
                 publication.written.setdefault(number, write.at)
                 self.writes_at.append(write.at)
+                self.written_by.setdefault(write.writer, []).append(write.at)
         for write in seen.forgotten_writes:
             for pair in numbers_in(write, self.publications).items():
                 self.forgotten.add(pair)
@@ -172,6 +175,23 @@ class Books:
         return any(abs(moment - at) <= self.fuzz for session in self.evidence.sessions
                    for moment in (session.topics.get(publication.index), session.closed) if moment is not None)
 
+    def _rightless(self, publication, number, at):
+        """The gateway had no right to read it, or two witnesses of the moment at which it lost or got the right differ about
+        this one: then nothing of its publication was written between the two."""
+        position = bisect.bisect_left(publication.numbers, number)
+        for begin, end in self.evidence.rightless:
+            if begin <= at <= end:
+                return True
+            if not begin - self.fuzz <= at <= end + self.fuzz:
+                continue
+            near = publication.numbers[position:position + 1] if at < begin else publication.numbers[:position][-1:]
+            there = publication.reached.get(near[0]) if near else None
+            if there is None or not min(at, end) < there < max(at, begin):
+                self.boundary += 1
+                self.ambiguous += publication.attributes
+                return True
+        return False
+
     def _is_head(self, publication, number, at, session):
         """Nothing was written between the last moment at which the publisher had to be found alive anew and this record."""
         life = number // traffic.LIFE_NUMBERS
@@ -194,7 +214,7 @@ class Books:
         if self._at_the_edge(publication, at):
             self.boundary += 1
         session = self._session(publication, at)
-        if session is None:
+        if session is None or self._rightless(publication, number, at):
             return AWAY, ""
         life = number // traffic.LIFE_NUMBERS
         newer = publication.seen and publication.seen[-1] > number
@@ -217,7 +237,7 @@ class Books:
                 return COALESCED, ""
             return LOST, (f"it was at the broker at {at:.2f}, the gateway was subscribed, and number {following} was written "
                           f"at {written:.2f}")
-        return self._tail(life, session, at)
+        return self._tail(publication, life, session, at)
 
     def _after_a_stall(self, since, at):
         """The gateway had hung, with its link: what it had heard of its publishers was old when it went on."""
@@ -246,16 +266,38 @@ class Books:
         later = publication.numbers[position]
         return later if self._came_by(publication, later) is session else None
 
-    def _tail(self, life, session, at):
+    def _ended(self, session):
+        """The run of the gateway that had this session and ended by itself with it, saying what it had not written."""
+        for name in ("gateway", "gateway2"):
+            for life in self.evidence.lives.get(name, []):
+                if life.left is not None and session.closed is not None and life.born <= session.opened <= life.died and (
+                        -self.fuzz <= session.closed - life.died <= self.linger):
+                    return life
+        return None
+
+    def _writes_of(self, session):
+        """Moments of the writes of the gateway that had this session: only who has the number subscribes, and only who has it
+        writes, so the first one to write after the subscription."""
+        since = session.since() + self.fuzz
+        first = [(moments[index], moments) for moments in self.written_by.values()
+                 for index in [bisect.bisect_left(moments, since)] if index < len(moments)]
+        return min(first)[1] if first else []
+
+    def _tail(self, publication, life, session, at):
         """Nothing behind it came by this session."""
         end = session.closed
         run = self._life(life)
         if end is None and self.evidence.settled and run is not None and run.died is None:
             return LOST, f"it was at the broker at {at:.2f}, it is the newest, everything runs, and it is not written"
         limit = end if end is not None else self._end()
-        if limit - at > self.linger and not self._silent(self.writes_at, at + self.linger, limit):
+        gateway = self._ended(session)
+        writes = self.writes_at if gateway is None else self._writes_of(session)  # another one may have written meanwhile
+        if limit - at > self.linger and not self._silent(writes, at + self.linger, limit):
             return LOST, (f"it was at the broker at {at:.2f}, the gateway was subscribed until "
                           f"{'now' if end is None else f'{end:.2f}'} and wrote others after it")
+        if gateway is not None:
+            self.taken_along.setdefault(gateway, []).append((at, publication.attributes))
+            return IN_FLIGHT, ""
         died = any(other.died is not None and at <= other.died + self.fuzz and (end is None or other.died <= end + self.fuzz)
                    for name in ("gateway", "gateway2") for other in self.evidence.lives.get(name, []))
         return (IN_FLIGHT if died or end is None else GAPS), ""
@@ -300,6 +342,17 @@ class Books:
         if self.result.in_flight > most:
             self.result.contradictions.append(f"{self.result.in_flight} records were under way when {deaths} processes ended, "
                                               f"and their queues hold {most}")
+
+        for life, taken in self.taken_along.items():
+            if len(taken) - QUEUE > life.left // ATTRIBUTES:
+                self.result.contradictions.append(f"a gateway ended by itself with {life.left} values, and {len(taken)} records "
+                                                  f"would have gone with it, {QUEUE} of them in its queue")
+            # Whoever runs has handed over to the backlog what came a second ago; who hangs has not read its link.
+            due = sum(attributes for at, attributes in taken
+                      if at < life.died - self.linger and not any(since <= at + self.linger for since in life.hung))
+            if due > life.left:
+                self.result.contradictions.append(f"a gateway ended by itself and said that {life.left} values were not written; "
+                                                  f"by what was seen it had {due}")
 
     def _rows(self):
         """(publication or None, row) of the ledger for what was subscribed."""
@@ -359,7 +412,8 @@ class Books:
     def _gone_with_links(self):
         """Records that a link took along, which the gateway may have had already."""
         return sum(1 for publication in self.publications.values() for number, at in publication.reached.items()
-                   if number not in publication.written and self._session(publication, at) is not None)
+                   if number not in publication.written and self._session(publication, at) is not None
+                   and not any(begin <= at <= end for begin, end in self.evidence.rightless))
 
 
 def account(evidence):

@@ -33,6 +33,8 @@ class Life:
     def __init__(self, number, born, died=None, published=None):
         self.number, self.born, self.died = number, born, died
         self.published = published or {}  # publication -> number of its newest record when this run ended
+        self.left = None  # values that a gateway had not written when it ended by itself, as it said then
+        self.hung = []    # moments since which it was paused
 
 
 class Evidence:
@@ -56,6 +58,7 @@ class Evidence:
         self.reached = None    # publication -> {number: moment at which the broker had it}; None: nobody looked
         self.witness_away = [] # (begin, end) of times at which that witness had no link
         self.sessions = []     # links of gateways to the broker, in its own words
+        self.rightless = []    # (begin, end) of times in which gateways had no right at the broker, as it says
         self.handed = None     # when a publisher had handed over how much
         self.forgotten_writes = []  # Write that a store had confirmed and the one in its place does not know
         self.foreign = None    # number of the last record of the publisher that knows nothing of Kel

@@ -232,6 +232,8 @@ class Rig:
                 self.supervisor.names.discard(name)
             self.now[name].send_signal(number)
         if number == signal.SIGSTOP:
+            for name in names:
+                self.evidence.lives[name][-1].hung.append(self.evidence.losses[-1][0])
             return
         for name in names:
             process = self.now.pop(name)
@@ -247,8 +249,12 @@ class Rig:
         process = self.now.pop(name)
         self.sampler.look()
         code = process.wait(30)
-        self.evidence.lives[name][-1].died = time.monotonic()
-        self.evidence.lives[name][-1].published = self._published()
+        life = self.evidence.lives[name][-1]
+        life.died, life.published = time.monotonic(), self._published()
+        for at, line in process.lines(errors=True):
+            said = troubles.ENDS.search(line)
+            if said:  # it may be a while ago until somebody looks
+                life.died, life.left = at, int(said[1])
         self.story.append(f"{time.monotonic() - self.began:8.3f}  {name} has ended by itself with {code}")
         return code
 
@@ -344,7 +350,7 @@ class Rig:
         if self.arrivals:
             seen.reached = {index: dict(numbers) for index, numbers in self.arrivals.reached.copy().items()}
             seen.witness_away = self.arrivals.away()
-            seen.sessions = self._sessions()
+            seen.sessions, seen.rightless = self._sessions()
             seen.dropped = self.arrivals.dropped
         self.accounts.look()
         seen.handed = self.accounts.handed
@@ -362,12 +368,15 @@ class Rig:
         return seen
 
     def _sessions(self):
-        """Links of gateways to every broker that there was."""
-        found = []
+        """Links of gateways to every broker that there was, and when they had no rights there."""
+        found, rightless = [], []
         brokers = [process for name, process in self.past if name == "broker"]
         for life, process in zip(self.evidence.lives.get("broker", []), brokers):
-            found += witnesses.sessions_of(process.lines(errors=True), life.died, PUBLISHER_NAMES["gateway"] + "-")
-        return found
+            lines = process.lines(errors=True)
+            found += witnesses.sessions_of(lines, life.died, PUBLISHER_NAMES["gateway"] + "-")
+            orders = [allowed for of, allowed in self.broker.orders if of is process]
+            rightless += witnesses.without_rights(lines, orders, life.died)
+        return found, rightless
 
     # -------------------------------------------------------------------------------------------- statements
 

@@ -154,12 +154,14 @@ class Broker(harness.Broker):
         self.port = quiet_port()
         self.scenario = scenario
         self.acl = os.path.join(folder, "acl")
+        self.orders = []  # (process, gateways) of each time that it was told to read its rights anew
 
     def allow(self, gateways):
         """Whether gateways may do anything; everybody else, who comes without a name, may do all."""
         with open(self.acl, "w", encoding="ascii") as file:
             file.write("topic readwrite #\nuser gateway\n" + ("topic readwrite #\n" if gateways else ""))
         if self.process:
+            self.orders.append((self.process, gateways))
             self.process.send_signal(signal.SIGHUP)
 
     def start(self):

@@ -198,6 +198,98 @@ def test_nobody_takes_along_more_than_its_queue_holds(killed, monkeypatch):
         evidence.lost_at_most(killed, 0)
 
 
+@pytest.fixture
+def taken(flow):
+    """As flow, and the gateway's link to the store is silent from 9 on; another one has its number and has subscribed at 10.
+    The first hears of it at 10.5 and ends."""
+    first, second = Life(1, 6.0, 10.5), Life(1, 6.1)
+    first.left = 2 * 150 * 12
+    flow.lives["gateway"], flow.lives["gateway2"] = [first], [second]
+    flow.sessions = [session_of("aaa", 6.5, 10.5), session_of("bbb", SUBSCRIBED)]
+    flow.writes = [write for write in flow.writes if not DIED <= write.at <= SUBSCRIBED]
+    for write in flow.writes:
+        write.writer = "1.aaa" if write.at < DIED else "1.bbb"
+    return flow
+
+
+def test_what_a_gateway_had_that_ended_by_itself_went_with_it_though_another_one_wrote_meanwhile(taken):
+    found = books.account(taken)
+    assert (found.in_flight, found.lost, found.contradictions) == (200, 0, [])
+    taken.lives["gateway"][0].left = None
+    assert books.account(taken).lost > 0, "it has not said that it ended so"
+
+
+@pytest.mark.parametrize("count", [50, 300], ids=["before its link fell silent", "after another one had subscribed"])
+def test_an_end_by_itself_does_not_explain_what_is_missing_at_another_time(taken, count):
+    taken.writes = without(taken, 0, count)
+    assert books.account(taken).lost == 1
+
+
+def test_what_is_missing_long_before_the_last_write_did_not_end_with_that_gateway(taken):
+    for write in taken.writes:
+        write.at -= 0.0 if write.at < 8.5 or write.at > DIED else 0.5
+    taken.writes = [write for write in taken.writes if "L1.n" in write.elements or not 8.1 < write.at < DIED]
+    taken.writes += [write_of(9.9, 1, 150)]
+    taken.writes[-1].writer = "1.aaa"
+    taken.writes.sort(key=lambda write: write.at)
+    assert books.account(taken).lost > 40, "it wrote the other publication until 9.9"
+
+
+def test_a_gateway_that_ends_takes_no_more_along_than_it_says(taken):
+    first = taken.lives["gateway"][0]
+    first.died = taken.sessions[0].closed = 11.5
+    first.left = 2399
+    with pytest.raises(Violated, match="said that 2399 values were not written; by what was seen it had 2400"):
+        evidence.lost_at_most(taken, 0)
+    first.hung = [9.5]
+    assert books.account(taken).contradictions == [], "what came while it hung it may never have read"
+
+
+def test_nobody_who_ends_has_more_records_in_its_queue_than_that_holds(taken, monkeypatch):
+    monkeypatch.setattr(books, "QUEUE", 150)
+    first = taken.lives["gateway"][0]
+    for left, words in [(200, []), (196, ["a gateway ended by itself with 196 values, and 200 records would have gone with it, "
+                                          "150 of them in its queue"])]:
+        first.left = left
+        assert [text for text in books.account(taken).contradictions if "in its queue" in text] == words
+
+
+@pytest.fixture
+def rightless(flow):
+    """As flow, and the gateway had no right to read from 9 to 10."""
+    flow.rightless = [(9.0, 10.0)]
+    flow.writes = [write for write in flow.writes if not 9.0 < write.at < 10.01]
+    flow.ledger["subscribe"] = [row(0, gaps=101), row(1, gaps=101)]
+    return flow
+
+
+def test_what_came_while_the_gateway_had_no_right_to_read_it_was_away(rightless):
+    found = books.account(rightless)
+    assert (found.away, found.lost, found.contradictions) == (202, 0, [])
+    rightless.rightless = [(9.03, 9.98)]  # seen by another witness than the records
+    found = books.account(rightless)
+    assert (found.away, found.lost, found.contradictions) == (202, 0, [])
+
+
+@pytest.mark.parametrize("count", [50, 95, 208, 300], ids=["before", "right before", "right after", "after"])
+def test_a_right_that_is_taken_does_not_explain_what_is_missing_at_another_time(rightless, count):
+    rightless.writes = without(rightless, 0, count)
+    assert books.account(rightless).lost == 1
+
+
+def test_a_gateway_that_may_read_again_has_to_find_its_publisher_alive_anew(rightless):
+    rightless.writes = [write for write in rightless.writes if not 9.0 < write.at < moment(260)]
+    rightless.ledger["subscribe"] = [row(0, gaps=101, superseded=59), row(1, gaps=101, superseded=59)]
+    found = books.account(rightless)
+    assert (found.away + found.coalesced, found.lost, found.contradictions) == (320, 0, [])
+
+
+def test_a_ledger_that_misses_less_than_could_not_be_read_contradicts_the_witnesses(rightless):
+    rightless.ledger["subscribe"] = [row(0), row(1)]
+    with pytest.raises(Violated, match="0 records never came to the gateway, and by what was seen it is 202"):
+        evidence.lost_at_most(rightless, 0)
+
+
 def late_writes(seen, first, last, at):
     """These were written late, at `at`, but for all save the newest one of each publication."""
     for count in range(first, last + 1):

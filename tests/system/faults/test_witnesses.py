@@ -37,6 +37,13 @@ def test_a_client_that_comes_again_has_a_session_of_its_own():
     assert (first.closed, second.opened, second.closed, second.topics) == (3.0, 3.0, None, {})
 
 
+def test_the_broker_says_when_it_has_read_rights_anew():
+    lines = [*LOG, (2.0, "Reloading config."), (3.0, "Reloading config."), (4.0, "Reloading config.")]
+    assert witnesses.without_rights(lines, [False, True, False], None) == [(2.0, 3.0), (4.0, float("inf"))]
+    assert witnesses.without_rights(lines, [False, True, False], 9.0) == [(2.0, 3.0), (4.0, 9.0)]
+    assert witnesses.without_rights(LOG, [False], None) == [], "it was told, and has not done it yet"
+
+
 def test_handed_over_is_what_an_account_has_said():
     handed = witnesses.Handed()
     for at, counts in [(1.0, (0, 0)), (1.5, (3, 0)), (2.0, (5, 1))]:

@@ -4,6 +4,7 @@ verdicts.py. One of these belongs to each run; docs/faults.md has the statements
 import glob
 import json
 import os
+import re
 import struct
 import time
 
@@ -16,6 +17,8 @@ from witness import codec
 CLOCK_LIBRARY = "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"
 USER = "gateway"
 MANAGER = 1
+# What a gateway says that has lost its number and ends.
+ENDS = re.compile(r"manager number \d+ was taken by .*: this one ends, (\d+) values were not written$")
 MOVING = 4  # elements that move, over one publication less and one that nobody publishes
 SEEN_EVERY_SECONDS = 0.05
 

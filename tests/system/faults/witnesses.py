@@ -12,8 +12,8 @@ import recorders
 import traffic
 
 DROPPED = "$SYS/broker/publish/messages/dropped"
-BROKER_LOG = ("log_dest stderr\nlog_timestamp false\nlog_type error\nlog_type warning\nlog_type notice\nlog_type subscribe\n"
-              "log_type unsubscribe\nsys_interval 1\n")
+BROKER_LOG = ("log_dest stderr\nlog_timestamp false\nlog_type error\nlog_type warning\nlog_type notice\nlog_type information\n"
+              "log_type subscribe\nlog_type unsubscribe\nsys_interval 1\n")
 EVERY = 0.05  # seconds from one look at the accounts to the next
 
 
@@ -73,6 +73,10 @@ class Session:
         self.topics = {}  # publication -> moment of its subscription
         self.dropped = False
 
+    def since(self):
+        """The moment of its first subscription; infinity without one."""
+        return min(self.topics.values(), default=float("inf"))
+
     def had(self, publication, at):
         since = self.topics.get(publication)
         return since is not None and since <= at and (self.closed is None or at < self.closed)
@@ -81,6 +85,7 @@ class Session:
 CONNECTED = re.compile(r"New client connected from \S+ as (\S+) \(")
 GONE = re.compile(r"Client (\S+?) (?:disconnected|closed its connection|has exceeded timeout|already connected)")
 DROPS = re.compile(r"Outgoing messages are being dropped for client (\S+?)\.$")
+RELOADED = "Reloading config."
 TAKEN = re.compile(r"(\S+) [012] (\S+)$")
 
 
@@ -119,12 +124,28 @@ def sessions_of(lines, ended, prefix):
     return found
 
 
+def without_rights(lines, orders, ended):
+    """(begin, end) of times in which gateways had no right at this run of the broker. `orders` are what its files said (True:
+    they have it) each time that it was told to read them anew; when it did so it says itself."""
+    found, since = [], None
+    for at, allowed in zip([at for at, line in lines if line.startswith(RELOADED)], orders):
+        if not allowed and since is None:
+            since = at
+        elif allowed and since is not None:
+            found.append((since, at))
+            since = None
+    return [*found, *([(since, float("inf") if ended is None else ended)] if since is not None else [])]
+
+
 class _Everything(dict):
     """A subscription to all publications at once."""
 
     def __init__(self, at):
         super().__init__()
         self.at = at
+
+    def values(self):
+        return [self.at]
 
     def get(self, _, default=None):
         return self.at

@@ -2,6 +2,7 @@
 #include <pvss/DpElementType.h>
 
 #include <array>
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -19,23 +20,31 @@ Ereason reasonOf(void (*action)()) {
   return BADTYPE;
 }
 
-/// Asks before the registry's own unit is initialised, both tables in the order given: the answer must be
-/// there.
+/// Asks one of the tables before the registry's own unit is initialised: the answer must be there.
 struct EarlyLook {
   EarlyLook() {
     try {
-      found = TMap::findKelToDpeConverterFor(4, DPELEMENT_INT)->willConvert(4, DPELEMENT_INT) &&
-              TMap::findDpeToKelConverterFor(DPELEMENT_CHAR) != nullptr;
+      found = std::getenv(otherTable) == nullptr
+                  ? TMap::findKelToDpeConverterFor(4, DPELEMENT_INT)->willConvert(4, DPELEMENT_INT)
+                  : TMap::findDpeToKelConverterFor(DPELEMENT_CHAR) != nullptr;
     } catch (const BadTypeConversionException&) {
       found = false;
     }
   }
+  static constexpr const char* otherTable = "TYPEMAP_TEST_OTHER_TABLE";
   bool found = false;
 };
 [[gnu::init_priority(101)]] const EarlyLook earlyLook;
 
 TEST(TypeMap, isCompleteBeforeAnybodyLooks) {
   EXPECT_TRUE(earlyLook.found);
+}
+
+TEST(TypeMapDeathTest, otherTableIsCompleteBeforeAnybodyLooksToo) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process of its own, initialised anew
+  setenv(EarlyLook::otherTable, "1", 1);
+  EXPECT_EXIT(std::_Exit(earlyLook.found ? 0 : 1), testing::ExitedWithCode(0), "");
+  unsetenv(EarlyLook::otherTable);
 }
 
 TEST(TypeMap, secondRegistryAddsNothing) {

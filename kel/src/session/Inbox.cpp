@@ -1,6 +1,7 @@
 #include "session/Inbox.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "data/RecordAccess.h"
@@ -56,6 +57,12 @@ Inbox::~Inbox() = default;
 void Inbox::count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_t number) {
   addCapped(book.counters.*counter, number);
   addCapped(total_.*counter, number);
+}
+
+KelCounters Inbox::total() const {
+  KelCounters sum = total_;
+  sum.gaps = static_cast<std::int64_t>(std::min<Wide>(gaps_, std::numeric_limits<std::int64_t>::max()));
+  return sum;
 }
 
 void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
@@ -129,6 +136,7 @@ void Inbox::linkDown(std::string_view reason) {
     topic->answered.reset();
     topic->refusal.clear();
     forgetPayloads(*topic);
+    topic->books.linkDown();
     endHeld(*topic, &KelCounters::discarded);
     disconnect(*topic, reason);
     topic->last.reset();
@@ -192,7 +200,9 @@ void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record) {
   const std::string_view publisher = record->publisher;
   RunBook& book = topic.books.of(publisher);
   count(book, &KelCounters::received);
-  count(book, &KelCounters::gaps, book.arrived(publisher.empty() ? 0 : record->sequence));
+  const std::int64_t missing = book.arrived(publisher.empty() ? 0 : record->sequence);
+  addCapped(book.counters.gaps, missing);
+  gaps_ += missing;
   const bool current = topic.state == SubscriptionState::connected && topic.publisher == publisher;
   if (publisher.empty() || current || ports_.peers.alive(publisher)) {
     take(topic, book, record);
@@ -233,9 +243,12 @@ void Inbox::take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& rec
     const bool first = topic.last == nullptr || topic.last->publisher != publisher;
     if (book.taken != 0 && (record->sequence < book.taken || (record->sequence == book.taken && !first))) {
       count(book, &KelCounters::repeated);
+      if (record->sequence < book.taken) fetchSoon(topic);
       return;
     }
     book.taken = record->sequence;
+    book.onLink = true;
+    book.doubted.reset();
   }
   if (record->quality == -1) {
     disconnect(topic, *record->reason == '\0' ? "the publication has no value" : record->reason);
@@ -294,6 +307,7 @@ void Inbox::peerAlive(std::string_view peer) {
 
 void Inbox::peerGone(std::string_view peer, std::string_view reason, bool withdrawn) {
   for (auto& [filter, topic] : topics_) {
+    if (RunBook* book = topic->books.find(peer)) book->doubted.reset();
     if (topic->state == SubscriptionState::connected && topic->publisher == peer) {
       disconnect(*topic, reason);
       topic->unheard = !withdrawn;

@@ -96,7 +96,7 @@ class Inbox {
   /// `withdrawn`: it said so itself, or the broker for it; otherwise it was only not heard of in time.
   void peerGone(std::string_view peer, std::string_view reason, bool withdrawn);
 
-  [[nodiscard]] KelCounters total() const { return total_; }
+  [[nodiscard]] KelCounters total() const;
   /// Adds the receiving counters of one publication.
   void addCounters(std::string_view publication, KelCounters& counters) const;
   /// Every book as a row, by publication.
@@ -113,7 +113,9 @@ class Inbox {
   void disconnect(Topic& topic, std::string_view reason);
   void complain(Topic& topic, const std::string& error);
   [[nodiscard]] bool saysNothingNew(Topic& topic, const Record* record, const Arrival& arrival);
+  [[nodiscard]] bool refutes(Topic& topic, RunBook& book, const Record& record);
   void fetchAgain();
+  void fetchSoon(Topic& topic);
   void owe(const std::shared_ptr<SubscriptionHandle>& handle);
   void settle(SubscriptionHandle& handle);
   void tellConnected(const std::shared_ptr<SubscriptionHandle>& handle);
@@ -129,8 +131,10 @@ class Inbox {
   FirstWord firstWord_;
   std::size_t untold_ = 0;  ///< subscriptions that were told nothing so far
   std::vector<std::shared_ptr<SubscriptionHandle>> impossible_;  ///< of these, those with impossible names
-  RunBook released_;  ///< the sum of what is not subscribed any more
-  KelCounters total_;
+  RunBook released_;   ///< the sum of what is not subscribed any more
+  KelCounters total_;  ///< but for the gaps
+  __extension__ using Wide = __int128;
+  Wide gaps_ = 0;  ///< numbers are others' to give, and leaps are taken back: nothing may be cut off
 };
 
 }  // namespace kel

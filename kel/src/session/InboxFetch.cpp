@@ -2,12 +2,19 @@
 
 #include "data/Record.h"
 #include "session/InboxTopic.h"
+#include "session/Transition.h"
 
 namespace kel {
 namespace {
 
 /// Whoever has a live publisher and is fetched so often, with nothing coming at all, is closed.
 constexpr int mostUnanswered = 3;
+
+/// How long a broker must keep a record below the last one taken before that one is not believed any more. A
+/// publisher that comes back sends again what nobody acknowledged, beginning with the oldest, and for so long
+/// the kept record goes back. After an outage the broker itself may have lost the newest.
+constexpr std::chrono::seconds doubtOnLink{10};
+constexpr std::chrono::seconds doubtAfterOutage{60};
 
 }  // namespace
 
@@ -31,6 +38,26 @@ void Inbox::fetchAgain() {
   }
 }
 
+void Inbox::fetchSoon(Topic& topic) {
+  if (!topic.answered || !topic.refusal.empty()) return;
+  if (topic.asked && ports_.now - *topic.asked < Refetch::roundPause) return;
+  topic.asked = ports_.now;
+  ports_.subscribes.request(topic.topic, ports_.qos);
+}
+
+/// What the broker keeps of a process run that is alive is that run's newest. When it stays below the last
+/// one taken, that one was somebody else's, or is lost; and it must not stop the true ones for ever.
+bool Inbox::refutes(Topic& topic, RunBook& book, const Record& record) {
+  if (!ports_.peers.alive(record.publisher)) return false;
+  if (!book.doubted) book.doubted = ports_.now;
+  if (ports_.now - *book.doubted < (book.onLink ? doubtOnLink : doubtAfterOutage)) return false;
+  log(LogLevel::warn, topic.publication + ": number " + std::to_string(book.taken) + " of " + book.run +
+                          " is not believed any more, the broker keeps " + std::to_string(record.sequence) +
+                          "; who else may write " + topic.topic + "?");
+  gaps_ -= book.refuted(record.sequence);
+  return true;
+}
+
 bool Inbox::saysNothingNew(Topic& topic, const Record* record, const Arrival& arrival) {
   topic.keptBytes = arrival.bytes;
   topic.unanswered = 0;
@@ -40,9 +67,16 @@ bool Inbox::saysNothingNew(Topic& topic, const Record* record, const Arrival& ar
   if (arrival.kept) {
     topic.keeps = topic.keeps || (likeNewest && topic.newestLive);
     topic.kept = arrival.hash;
-    const RunBook* book = record == nullptr ? nullptr : topic.books.find(record->publisher);
+    RunBook* book = record == nullptr ? nullptr : topic.books.find(record->publisher);
     if (record != nullptr && record->sequence != 0) {
-      old = likeKept || (book != nullptr && record->sequence < book->taken);
+      const bool below = book != nullptr && record->sequence < book->taken;
+      if (below && refutes(topic, *book, *record)) {
+        topic.newest = arrival.hash;
+        topic.newestLive = false;
+        return false;
+      }
+      if (!below && book != nullptr) book->doubted.reset();
+      old = likeKept || below;
     } else if (record != nullptr) {
       // Without a count: who publishes without keeping leaves an old record with the broker.
       const bool older = record->hasTime && topic.last && topic.last->hasTime &&

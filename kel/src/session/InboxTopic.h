@@ -28,8 +28,9 @@ struct InboxTopic {
   std::optional<std::size_t> newest;  ///< hash of the payload that came last, on this link
   std::optional<std::size_t> kept;    ///< and of the last one that the broker had kept
   bool newestLive = false;
-  int unanswered = 0;  ///< times that it was fetched since anything came
-  bool keeps = false;  ///< what came live was kept, too
+  std::optional<PeerTable::Time> asked;  ///< fetched out of turn
+  int unanswered = 0;                    ///< times that it was fetched since anything came
+  bool keeps = false;                    ///< what came live was kept, too
   std::shared_ptr<Record> last;
   std::shared_ptr<Record> held;
   ReceiveBook books;

@@ -55,6 +55,22 @@ std::int64_t RunBook::arrived(std::int64_t number) {
   return missing;
 }
 
+std::int64_t RunBook::refuted(std::int64_t number) {
+  taken = 0;
+  doubted.reset();
+  if (number <= 0 || number >= last) return 0;
+  // What the leap counted as missing, or as gone by, has not been; above that are numbers that did arrive.
+  std::int64_t excess = last - number;
+  const std::int64_t missing = std::min(excess, counters.gaps);
+  excess -= missing;
+  const std::int64_t gone = std::min(excess, before);
+  counters.gaps -= missing;
+  before -= gone;
+  addCapped(restarted, excess - gone);
+  last = number;
+  return missing;
+}
+
 void RunBook::take(RunBook& other, Dispatcher& dispatcher) {
   runs += other.runs;
   addCapped(before, other.before);
@@ -113,7 +129,7 @@ RunBook& ReceiveBook::existing(std::string_view run) {
   return older_ && !run.empty() ? *older_ : of(run);
 }
 
-const RunBook* ReceiveBook::find(std::string_view run) const {
+RunBook* ReceiveBook::find(std::string_view run) {
   const auto at =
       std::find_if(runs_.begin(), runs_.end(), [&](const auto& book) { return book->run == run; });
   return at == runs_.end() ? nullptr : at->get();
@@ -123,6 +139,14 @@ void ReceiveBook::closed() {
   for (const auto& book : runs_) {
     book->taken = 0;
     book->closed = book->last != 0;
+    book->doubted.reset();
+  }
+}
+
+void ReceiveBook::linkDown() {
+  for (const auto& book : runs_) {
+    book->onLink = false;
+    book->doubted.reset();
   }
 }
 

@@ -6,8 +6,10 @@
 // the hand-off tallies belong to the dispatcher.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,11 +29,17 @@ struct RunBook {
   std::int64_t again = 0;
   std::int64_t taken = 0;  ///< the last number that was not a repetition: what is below it comes too late
   bool closed = false;     ///< its publisher has closed the publication since
-  KelCounters counters;    ///< but for what the dispatcher counts
+  bool onLink = false;     ///< `taken` came over the link that is up
+  /// Since when the broker is known to keep a record below `taken`.
+  std::optional<std::chrono::steady_clock::time_point> doubted;
+  KelCounters counters;  ///< but for what the dispatcher counts
   std::shared_ptr<HandOffTally> handOff = std::make_shared<HandOffTally>();
 
   /// Books the number of a record that arrived and gives how many were left out before it.
   std::int64_t arrived(std::int64_t number);
+  /// The number of a record that arrives now is the true one, and what is above it was not the publisher's.
+  /// Gives how many that were thought to be left out were not.
+  std::int64_t refuted(std::int64_t number);
   /// Takes over everything that stands in another book, what is still to come of its records too.
   void take(RunBook& other, Dispatcher& dispatcher);
   /// What the book says now.
@@ -47,9 +55,11 @@ class ReceiveBook {
   /// The book that has this run now: its own, or that of the older ones.
   RunBook& existing(std::string_view run);
   /// The own book of this run; null when it has none.
-  [[nodiscard]] const RunBook* find(std::string_view run) const;
+  [[nodiscard]] RunBook* find(std::string_view run);
   /// The publication was closed: whoever opens it may count from the beginning.
   void closed();
+  /// What the broker keeps from now on may be older than what came before.
+  void linkDown();
 
   /// Calls `visit(RunBook&)` for each, the newest run first.
   template <class Visit>

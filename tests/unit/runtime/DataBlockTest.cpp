@@ -52,6 +52,14 @@ TEST(DataBlock, growsByWhatIsNeededAndSixtyFourBytes) {
   EXPECT_EQ(stored(block), "abcdefgh");
 }
 
+TEST(DataBlock, growsIntoANewBuffer) {
+  DataBlock block("abc", 3);
+  const char* const before = block.getDataBlock();
+  block.write("d", 1);
+  EXPECT_NE(block.getDataBlock(), before);  // the old one lives until the copy is made, so it is another
+  EXPECT_EQ(stored(block), "abcd");
+}
+
 TEST(DataBlock, writeUpToTheCapacityDoesNotGrow) {
   DataBlock block(4);
   block.write("abcd", 4, 0);

@@ -9,6 +9,7 @@
 #include "data/RecordAccess.h"
 #include "session/ControlPayload.h"
 #include "session/LedgerPayload.h"
+#include "session/SessionTokens.h"
 #include "transport/MakeTransport.h"
 #include "wire/RecordCodec.h"
 #include "wire/Topics.h"
@@ -18,8 +19,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long those who are only known from what the broker kept have to answer the probe.
-constexpr std::chrono::milliseconds answerTime{400};
+/// How long those who are only known from what the broker kept have to answer the probe: who was asked often
+/// lets the next answer wait so long.
+constexpr std::chrono::milliseconds answerTime = floodPause + std::chrono::milliseconds(500);
 /// How long a look waits for the next piece of somebody's ledger.
 constexpr std::chrono::seconds ledgerTime{2};
 

@@ -26,6 +26,8 @@ void LineWriter::write(std::string line) {
     ++lost_;
     return;
   }
+  // The last line of a full stream is read before this side knows of it.
+  patient_ = patient_ || (lines_.empty() && writable());
   bytes_ += line.size();
   lines_.push_back({std::move(line), std::exchange(lost_, 0)});
   const std::uint64_t mine = ++accepted_;

@@ -26,6 +26,12 @@ class RecordingListener : public TransportListener {
     std::string payload;
     bool retained = false;
   };
+  struct TooLarge {
+    std::size_t size = 0;
+    std::size_t limit = 0;
+    bool endsLink = false;
+    bool operator==(const TooLarge&) const = default;
+  };
   /// What has been reported so far; a test reads it inside waitFor() or through snapshot().
   struct Record {
     int ups = 0;
@@ -34,6 +40,7 @@ class RecordingListener : public TransportListener {
     std::vector<Message> messages;
     std::map<std::uint64_t, std::string> published;   ///< token to failure text
     std::map<std::uint64_t, std::string> subscribed;  ///< likewise
+    std::map<std::uint64_t, TooLarge> oversized;      ///< of `published`, those refused for their size
     std::vector<std::uint64_t> publishedInOrder;
     std::uint64_t ticks = 0;
     std::chrono::milliseconds longestWithoutTick{0};
@@ -68,6 +75,14 @@ class RecordingListener : public TransportListener {
   void published(std::uint64_t token, std::string_view failure) override {
     note([&] {
       record_.published[token] = failure;
+      record_.publishedInOrder.push_back(token);
+    });
+    leave();
+  }
+  void oversize(std::uint64_t token, const Oversize& what) override {
+    note([&] {
+      record_.oversized[token] = {what.size, what.limit, what.endsLink};
+      record_.published[token] = what.failure;
       record_.publishedInOrder.push_back(token);
     });
     leave();

@@ -108,6 +108,7 @@ void Outbox::remove(PublicationHandle& handle) {
 void Outbox::removeName(Name& name) {
   claimRefusals_.forget(name.coded);
   recordRefusals_.forget(name.coded);
+  sizeRefusals_.forget(name.coded);
   if (name.claimSubscribed) ports_.subscribes.cancel(ports_.topics.claim(name.coded));
   // What is still under way keeps its handle, which has lost its name.
   closeBook(name.book);
@@ -184,16 +185,27 @@ void Outbox::send(PublicationHandle& handle, EncodedRecord record, bool isGood) 
   if (handle.name == nullptr) return;
   Name& name = *handle.name;
   SendBook& book = *name.book;
+  if (isGood) handle.everSent = true;
+  if (const std::size_t size = record.bytes.size(); size + 32 > largestPayload) {
+    count(book, &KelCounters::sends);
+    ++book.row.last;
+    count(book, &KelCounters::refused);
+    handle.lastSequence = book.row.last;
+    handle.lastOf = LastRecord::application;
+    tooLarge(handle, handle.lastSequence, {size, largestPayload, {}, false});
+  } else {
+    enqueue(handle, std::move(record), LastRecord::application);
+  }
+  pump();
+}
+
+void Outbox::enqueue(PublicationHandle& handle, EncodedRecord record, LastRecord lastOf) {
+  Name& name = *handle.name;
+  SendBook& book = *name.book;
   count(book, &KelCounters::sends);
   ++book.row.last;
-  if (record.bytes.size() + 32 > largestPayload) {
-    count(book, &KelCounters::refused);
-    tell(handle, "a record of " + std::to_string(record.bytes.size()) +
-                     " bytes is too large for publication " + name.publication);
-    return;
-  }
   appendSequence(record.bytes, book.row.last);
-  if (isGood) handle.everSent = true;
+  handle.lastOf = lastOf;
   handle.fieldsBegin = record.fieldsBegin;
   handle.fieldsEnd = record.fieldsEnd;
   handle.last = std::make_shared<const std::string>(std::move(record.bytes));
@@ -201,17 +213,21 @@ void Outbox::send(PublicationHandle& handle, EncodedRecord record, bool isGood) 
   count(book, &KelCounters::outgoingPending);
   const auto owner = handle.shared_from_this();
   const auto dropped = [&](const OutgoingRecord& old) { superseded(book, old); };
-  queue_.push(owner, {handle.last->size(), true, true, handle.lastSequence, handle.last}, dropped);
+  queue_.push(owner,
+              {handle.last->size(), true, true, handle.lastSequence, handle.last, handle.fieldsBegin,
+               handle.fieldsEnd},
+              dropped);
   const bool active = name.handles.front().get() == &handle;
   // Who does not own the name keeps its last record and nothing else.
   if (!active || name.state == PublicationState::waiting) queue_.trim(handle, 1, dropped);
-  pump();
 }
 
 void Outbox::activate(Name& name, bool resendLast) {
   const auto& handle = name.handles.front();
   if (resendLast && handle->lane.items.empty() && handle->last) {
-    queue_.push(handle, {handle->last->size(), true, false, handle->lastSequence, handle->last},
+    queue_.push(handle,
+                {handle->last->size(), true, false, handle->lastSequence, handle->last, handle->fieldsBegin,
+                 handle->fieldsEnd},
                 [](const OutgoingRecord&) {});
   }
   queue_.setReady(handle, true);
@@ -223,6 +239,10 @@ void Outbox::pump() {
     auto next = queue_.pop();
     if (!next) return;
     auto& [handle, record] = *next;
+    if (endsLinks(record)) {
+      refuseQueued(*handle, record);
+      continue;
+    }
     OutgoingMessage message;
     message.topic = handle->name->dataTopic;
     message.payload = record.payload;
@@ -250,17 +270,11 @@ void Outbox::published(std::uint64_t token, std::string_view failure) {
   entry.done = true;
   PublicationHandle& handle = *entry.handle;
   // A handle that was destroyed meanwhile has no name; its book is still there.
-  SendBook& book = *handle.book;
-  if (entry.record.counted) {
-    count(book, &KelCounters::outgoingPending, -1);
-    count(book, failure.empty() ? &KelCounters::acknowledged : &KelCounters::refused);
-  }
-  if (failure.empty()) {
-    book.row.lastAcknowledged = std::max(book.row.lastAcknowledged, entry.record.sequence);
-  }
+  settled(*handle.book, entry.record, failure.empty());
   if (handle.name != nullptr) {
     if (failure.empty()) {
       recordRefusals_.granted(handle.name->coded);
+      takenByBroker(handle, entry.record);
     } else {
       const std::string text =
           "the broker refused a record of publication " + handle.publication() + ": " + std::string(failure);
@@ -268,11 +282,23 @@ void Outbox::published(std::uint64_t token, std::string_view failure) {
         tell(handle, text);
     }
   }
+  forgetDone();
+  pump();
+}
+
+void Outbox::settled(SendBook& book, const OutgoingRecord& record, bool taken) {
+  if (record.counted) {
+    count(book, &KelCounters::outgoingPending, -1);
+    count(book, taken ? &KelCounters::acknowledged : &KelCounters::refused);
+  }
+  if (taken) book.row.lastAcknowledged = std::max(book.row.lastAcknowledged, record.sequence);
+}
+
+void Outbox::forgetDone() {
   while (!inFlight_.empty() && inFlight_.front().done) {
     inFlight_.pop_front();
     ++firstInFlight_;
   }
-  pump();
 }
 
 void Outbox::linkDown() {
@@ -281,6 +307,12 @@ void Outbox::linkDown() {
   claimRefusals_.linkDown();
   recordRefusals_.linkDown();
   firstInFlight_ += inFlight_.size();
+  std::optional<InFlight> convicted;
+  if (InFlight* const entry = convictedOfLostLinks()) {
+    entry->done = true;
+    convicted = *entry;
+    settled(*entry->handle->book, entry->record, false);
+  }
   // Back to the front, the oldest foremost.
   while (!inFlight_.empty()) {
     InFlight entry = std::move(inFlight_.back());
@@ -300,6 +332,10 @@ void Outbox::linkDown() {
     name->unheard.reset();
     transition(name->state, PublicationState::unclaimed, "publication " + name->publication, "link down");
     for (const auto& handle : name->handles) queue_.setReady(handle, false);
+  }
+  if (convicted) {
+    tooLarge(*convicted->handle, convicted->record.sequence,
+             {convicted->record.bytes, 0, "it ends the link whenever it gets this record", true});
   }
 }
 

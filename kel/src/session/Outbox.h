@@ -8,7 +8,9 @@
 #pragma once
 
 #include <deque>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -21,6 +23,7 @@
 #include "session/ControlPayload.h"
 #include "session/Refusals.h"
 #include "session/SessionPorts.h"
+#include "session/SizeRefusals.h"
 #include "wire/RecordCodec.h"
 
 namespace kel {
@@ -39,6 +42,15 @@ struct OutgoingRecord {
   bool counted = true;    ///< false for the last record that goes out again
   std::int64_t sequence = 0;
   std::shared_ptr<const std::string> payload;
+  std::size_t fieldsBegin = 0;  ///< of the fields in it
+  std::size_t fieldsEnd = 0;
+};
+
+/// Whose the last record of a publication is.
+enum class LastRecord : std::uint8_t {
+  application,
+  badInItsPlace,     ///< ours, because the broker takes none of that size; with the fields taken last
+  badWithoutFields,  ///< ours, because that one was too large as well
 };
 
 struct OutboxName;
@@ -81,6 +93,9 @@ class PublicationHandle final : public KelPublication,
   std::size_t fieldsBegin = 0;              ///< of the last sent fields in it
   std::size_t fieldsEnd = 0;
   bool everSent = false;  ///< send() was called, not only declareBad()
+  LastRecord lastOf = LastRecord::application;
+  std::optional<OutgoingRecord> taken;  ///< the last record with fields that the broker has acknowledged
+  std::string sizeReason;               ///< of the last record, when it is ours
 
  private:
   const std::string publication_;
@@ -112,6 +127,7 @@ class Outbox {
   void peerGone(std::string_view peer);
   void tick();
   void published(std::uint64_t token, std::string_view failure);
+  void oversize(std::uint64_t token, const Oversize& what);
 
   [[nodiscard]] bool idle() const { return total_.outgoingPending == 0; }
   [[nodiscard]] KelCounters total() const { return total_; }
@@ -147,6 +163,17 @@ class Outbox {
   void claimRefused(Name& name, std::string_view failure, bool reading);
   void askAgain();
   void pump();
+  void enqueue(PublicationHandle& handle, EncodedRecord record, LastRecord lastOf);
+  void settled(SendBook& book, const OutgoingRecord& record, bool taken);
+  void forgetDone();
+
+  // OutboxSize.cpp
+  void tooLarge(PublicationHandle& handle, std::int64_t sequence, const Oversize& what);
+  void declareTooLarge(PublicationHandle& handle, const Oversize& what);
+  void takenByBroker(PublicationHandle& handle, const OutgoingRecord& record);
+  [[nodiscard]] bool endsLinks(const OutgoingRecord& record) const;
+  void refuseQueued(PublicationHandle& handle, const OutgoingRecord& record);
+  InFlight* convictedOfLostLinks();
 
   SessionPorts& ports_;
   bool online_ = false;  ///< the group is known
@@ -162,6 +189,14 @@ class Outbox {
   std::unordered_map<std::uint64_t, std::string> claimTokens_;  ///< coded names of claims under way
   Refusals claimRefusals_{"the broker grants the claims that it refused"};
   Refusals recordRefusals_{"the broker takes the records that it refused"};
+  SizeRefusals sizeRefusals_;
+  /// The largest record under way when the link was lost, and how often in a row it was.
+  std::string suspect_;  ///< coded name
+  std::int64_t suspectSequence_ = 0;
+  int suspectLosses_ = 0;
+  /// Records of this size have ended a link, and are not tried again before then.
+  std::size_t endsLinks_ = std::numeric_limits<std::size_t>::max();
+  PeerTable::Time endsLinksUntil_;
   KelCounters total_;
 };
 

@@ -359,6 +359,16 @@ void Session::published(std::uint64_t token, std::string_view failure) {
   wakeFlush();
 }
 
+void Session::oversize(std::uint64_t token, const Oversize& what) {
+  if ((token & controlToken) != 0) {
+    published(token, what.failure);
+    return;
+  }
+  const MutexLock lock(mutex_);
+  outbox_.oversize(token, what);
+  wakeFlush();
+}
+
 void Session::subscribed(std::uint64_t token, std::string_view failure) {
   const MutexLock lock(mutex_);
   const std::string filter = subscribes_.answered(token);

@@ -60,6 +60,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void unreachable(std::string_view reason) override;
   void message(std::string_view topic, std::string_view payload, bool retained) override;
   void published(std::uint64_t token, std::string_view failure) override;
+  void oversize(std::uint64_t token, const Oversize& what) override;
   void subscribed(std::uint64_t token, std::string_view failure) override;
   void tick(std::chrono::steady_clock::time_point now) override;
 

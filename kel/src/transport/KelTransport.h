@@ -11,6 +11,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -27,6 +28,14 @@ struct OutgoingMessage {
   std::optional<std::uint32_t> expirySeconds;  ///< MQTT 5 message expiry interval (clause 3.3.2.3.3)
 };
 
+/// A message that the broker, or MQTT itself, takes for too large.
+struct Oversize {
+  std::size_t size = 0;      ///< of its payload, in bytes
+  std::size_t limit = 0;     ///< of a whole packet, where the broker has named it; 0: not known
+  std::string_view failure;  ///< what was said about it
+  bool endsLink = false;     ///< the broker ends the link over it; down() follows
+};
+
 class TransportListener {
  public:
   virtual ~TransportListener() = default;
@@ -41,6 +50,9 @@ class TransportListener {
   /// The broker has taken responsibility for the message (QoS 1) or it has left (QoS 0); `failure` is empty
   /// or says why the broker refused it.
   virtual void published(std::uint64_t token, std::string_view failure) = 0;
+  /// Instead of published(), when the message was refused for its size; or, when the broker ends the link
+  /// over one that it does not name, for the largest under way.
+  virtual void oversize(std::uint64_t token, const Oversize& what) { published(token, what.failure); }
   /// The broker has answered the subscription; `failure` is empty or says why it refused.
   virtual void subscribed(std::uint64_t token, std::string_view failure) = 0;
   /// Called at least every 100 ms, up or down, so that the session needs no timer thread of its own.

@@ -1,5 +1,7 @@
 // The outgoing side: what waits, what goes out again, what is counted.
 
+#include <gmock/gmock.h>
+
 #include "KelFixture.h"
 #include "session/ControlPayload.h"
 #include "wire/RecordCodec.h"
@@ -172,7 +174,13 @@ TEST_F(PublishTest, TellsOfARecordThatIsTooLarge) {
   publication->send(data, KelTimestamp(1));
   ASSERT_EQ(handler.lines(1).size(), 1U);
   EXPECT_EQ(handler.all()[0].substr(0, 18), "x: a record of 167");
+  EXPECT_THAT(handler.all()[0],
+              ::testing::HasSubstr("too large for Kel, which takes at most 16777216 bytes"));
   EXPECT_EQ(a->counters("x").refused, 1);
+  ASSERT_TRUE(a->flush(30s));
+  const DecodedRecord last = decodeRecord(broker->retained("kel/g/data/x"));
+  ASSERT_TRUE(last.record) << "it is declared bad";
+  EXPECT_EQ(last.record->quality, 0);
   EXPECT_TRUE(balanced(a->counters()));
 }
 

@@ -241,6 +241,17 @@ void LoopbackBroker::perform(Action& action) {
       break;
     case Action::Kind::publish: {
       if (client && (client->frozen || !client->linked)) break;
+      const std::size_t size = action.message.payload ? action.message.payload->size() : 0;
+      if (client && mostBytes_ != 0 && size > mostBytes_) {
+        if (sizeEndsLinks_ > 0) {
+          if (--sizeEndsLinks_ == 0) mostBytes_ = 0;
+          lose(client, "the broker closed the connection");
+        } else {
+          const Oversize what{size, 0, "too large", false};
+          callClient(client, true, [&](TransportListener& to) { to.oversize(action.token, what); });
+        }
+        break;
+      }
       const std::string refusal = client ? refusalOf(action.message.topic) : std::string();
       if (refusal.empty()) route(action.message);
       if (client)
@@ -431,6 +442,18 @@ void LoopbackBroker::refuse(const std::string& filter, const std::string& failur
   } else {
     refusals_[filter] = failure;
   }
+}
+
+void LoopbackBroker::limitSize(std::size_t bytes) {
+  const MutexLock lock(mutex_);
+  mostBytes_ = bytes;
+  sizeEndsLinks_ = 0;
+}
+
+void LoopbackBroker::endLinksOverSize(std::size_t bytes, int times) {
+  const MutexLock lock(mutex_);
+  mostBytes_ = bytes;
+  sizeEndsLinks_ = times;
 }
 
 std::string LoopbackBroker::refusalOf(std::string_view topic) const {

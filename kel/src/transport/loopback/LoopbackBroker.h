@@ -61,6 +61,10 @@ class LoopbackBroker {
   void publish(const std::string& topic, const std::string& payload, bool retain);
   /// Every later publish on topics that match is answered with this refusal; empty ends it.
   void refuse(const std::string& filter, const std::string& failure);
+  /// Every later publish with a payload of more than `bytes` is refused for its size; 0 ends it.
+  void limitSize(std::size_t bytes);
+  /// The next `times` publishes of that size each end the link of who sends them.
+  void endLinksOverSize(std::size_t bytes, int times);
   /// What is retained on the topic; empty when nothing is.
   [[nodiscard]] std::string retained(const std::string& topic);
   /// Every message of the broker's life on topics that match the filter, oldest first; recording begins here.
@@ -128,6 +132,8 @@ class LoopbackBroker {
   std::vector<std::string> unreachable_ KEL_GUARDED_BY(mutex_);
   std::vector<std::string> deaf_ KEL_GUARDED_BY(mutex_);
   std::map<std::string, std::string> refusals_ KEL_GUARDED_BY(mutex_);
+  std::size_t mostBytes_ KEL_GUARDED_BY(mutex_) = 0;
+  int sizeEndsLinks_ KEL_GUARDED_BY(mutex_) = 0;  ///< so many times more
   std::vector<std::string> recordFilters_ KEL_GUARDED_BY(mutex_);
   std::vector<std::pair<std::string, std::string>> recorded_ KEL_GUARDED_BY(mutex_);
   bool manual_ KEL_GUARDED_BY(mutex_) = false;

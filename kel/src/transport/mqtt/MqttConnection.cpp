@@ -46,6 +46,8 @@ constexpr std::chrono::seconds kShortestKeepAlive{5};
 // Bytes that wait for the far machine: less than that is only its acknowledgement that is late.
 constexpr int kMuch = 4096;
 constexpr std::size_t kMostSaid = 500;
+// Of a PUBLISH besides its payload, at least.
+constexpr std::size_t kPacketOverhead = 8;
 constexpr const char* kProbeFilter = "kel/-";
 
 // While it is on, what is written to the socket leaves together: one segment with many acknowledgements
@@ -252,7 +254,7 @@ void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token
     return;
   }
   if (payload.size() > MQTT_MAX_PAYLOAD) {
-    listener_.published(token, "payload too large for MQTT");
+    listener_.oversize(token, {payload.size(), MQTT_MAX_PAYLOAD, "payload too large for MQTT", false});
     return;
   }
   int mid = 0;
@@ -278,6 +280,10 @@ void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token
       // The link has just broken; the token becomes void with it.
       end(why(code, savedErrno));
       return;
+    case MOSQ_ERR_OVERSIZE_PACKET:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+      refusedForSize(token, payload.size(), libraryText(code, savedErrno, {}));
+      return;
     default:
       listener_.published(token, libraryText(code, savedErrno, {}));
       return;
@@ -286,7 +292,7 @@ void MqttConnection::publish(const OutgoingMessage& message, std::uint64_t token
     listener_.published(token, {});
     return;
   }
-  sent_.insert_or_assign(mid, Sent{token, message.qos > 0});
+  sent_.insert_or_assign(mid, Sent{token, payload.size(), message.qos > 0});
   inFlight_ += message.qos > 0 ? 1 : 0;
 }
 
@@ -371,6 +377,27 @@ void MqttConnection::end(std::string failure) {
   failure_ = std::move(failure);
 }
 
+void MqttConnection::refusedForSize(std::uint64_t token, std::size_t size, std::string_view failure,
+                                    bool endsLink) {
+  // A broker may take less of a payload than of a packet, and does not say how much.
+  const bool named = largestPacket_ != 0 && size + kPacketOverhead > largestPacket_;
+  listener_.oversize(token, {size, named ? largestPacket_ : 0, failure, endsLink});
+}
+
+// The broker does not say which one it means; no smaller one can be too large if the largest is not.
+void MqttConnection::blameLargest(std::string_view failure) {
+  const auto largest = std::max_element(sent_.begin(), sent_.end(), [](const auto& one, const auto& other) {
+    return one.second.size < other.second.size;
+  });
+  if (largest == sent_.end()) {
+    return;
+  }
+  const Sent sent = largest->second;
+  sent_.erase(largest);
+  inFlight_ -= sent.acknowledged ? 1 : 0;
+  refusedForSize(sent.token, sent.size, failure, true);
+}
+
 template <class Body>
 void MqttConnection::inside(Body&& body) noexcept {
   try {
@@ -398,6 +425,10 @@ void MqttConnection::onConnect(struct mosquitto* /*handle*/, void* self, int rea
         keepAlive > 0) {  // the broker has the last word, and the library pings by it
       connection.keepAlive_ = std::chrono::seconds(keepAlive);
     }
+    if (properties != nullptr) {
+      mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &connection.largestPacket_,
+                                    false);
+    }
   });
 }
 
@@ -412,6 +443,9 @@ void MqttConnection::onDisconnect(struct mosquitto* /*handle*/, void* self, int 
     if (connection.leaving_) {
       connection.end("we have left");
     } else if (reason >= 0x80) {
+      if (reason == MQTT_RC_PACKET_TOO_LARGE) {
+        connection.blameLargest(withReasonString(reasonText(reason), properties));
+      }
       connection.end(withReasonString("the broker ended the connection: " + reasonText(reason), properties));
     } else if (reason == 0) {
       connection.end(withReasonString("the broker ended the connection", properties));
@@ -445,7 +479,9 @@ void MqttConnection::onPublish(struct mosquitto* /*handle*/, void* self, int mid
     const Sent sent = found->second;
     connection.sent_.erase(found);
     connection.inFlight_ -= sent.acknowledged ? 1 : 0;
-    if (reason >= 0x80) {
+    if (reason == MQTT_RC_PACKET_TOO_LARGE) {
+      connection.refusedForSize(sent.token, sent.size, withReasonString(reasonText(reason), properties));
+    } else if (reason >= 0x80) {
       connection.listener_.published(sent.token, withReasonString(reasonText(reason), properties));
     } else {
       connection.listener_.published(sent.token, {});

@@ -32,7 +32,7 @@ class MqttConnection {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  /// `listener` gets message(), published() and subscribed(); the rest is the owner's to report.
+  /// `listener` gets message(), published(), oversize() and subscribed(); the rest is the owner's to report.
   MqttConnection(const MqttOptions& options, const TransportIdentity& identity, TransportListener& listener);
   /// Closes the socket without a DISCONNECT: the broker publishes the will.
   ~MqttConnection() = default;
@@ -73,6 +73,7 @@ class MqttConnection {
   };
   struct Sent {
     std::uint64_t token = 0;
+    std::size_t size = 0;
     bool acknowledged = false;  ///< counts in inFlight_
   };
 
@@ -85,6 +86,8 @@ class MqttConnection {
   [[nodiscard]] Mishap mishap(int code, int savedErrno) const;
   [[nodiscard]] std::string why(int code, int savedErrno) const;
   void end(std::string failure);
+  void refusedForSize(std::uint64_t token, std::size_t size, std::string_view failure, bool endsLink = false);
+  void blameLargest(std::string_view failure);
   /// Runs what the library calls: it is C, and nothing may be thrown through it.
   template <class Body>
   void inside(Body&& body) noexcept;
@@ -119,6 +122,7 @@ class MqttConnection {
   TimePoint lastSent_{};
   SocketProgress progress_;
   std::size_t inFlight_ = 0;
+  std::uint32_t largestPacket_ = 0;  ///< that the broker takes; 0: it has not said
   std::unordered_map<int, Sent> sent_;
   std::unordered_map<int, std::uint64_t> subscribing_;
 };

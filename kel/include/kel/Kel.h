@@ -26,6 +26,9 @@ struct KelOptions {
   std::size_t handOffBytes = 64U << 20U;
   std::size_t outgoingRecords = 20'000;
   std::size_t outgoingBytes = 64U << 20U;
+  /// The last record of each subscribed publication, and the one whose publisher is not known to be alive
+  /// yet. Past this bound the largest go: a resend of such a one is asked from the broker.
+  std::size_t rememberedBytes = 64U << 20U;
 };
 
 class Kel {

@@ -21,11 +21,15 @@ struct KelCounters {
       0;                      ///< replaced by a newer record of the same publication before it was delivered
   std::int64_t repeated = 0;  ///< the broker gave again what was already taken, dropped
   std::int64_t decodeErrors = 0;  ///< not a record, dropped
-  std::int64_t discarded = 0;  ///< subscription released, publication closed or broker lost before delivery
-  std::int64_t held = 0;       ///< now: waiting for a sign of life of their publisher
-  std::int64_t pending = 0;    ///< now: waiting for the listener
+  std::int64_t discarded =
+      0;  ///< subscription released, publication closed, broker lost, or no room, before delivery
+  std::int64_t held = 0;     ///< now: waiting for a sign of life of their publisher
+  std::int64_t pending = 0;  ///< now: waiting for the listener
   /// Kept records that were fetched again and brought nothing new; they are not in `received`.
   std::int64_t refetched = 0;
+  /// Last records that are remembered no more, for want of room: the broker is asked when one is wanted
+  /// again.
+  std::int64_t givenUp = 0;
   std::int64_t gaps = 0;  ///< numbers missing in the sequences of the publishers
 
   // Sending.

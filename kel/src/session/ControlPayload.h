@@ -55,6 +55,7 @@ inline constexpr CounterName counterNames[] = {
     {"pending", &KelCounters::pending},
     {"gaps", &KelCounters::gaps},
     {"refetched", &KelCounters::refetched},
+    {"givenUp", &KelCounters::givenUp},
     {"sends", &KelCounters::sends},
     {"acknowledged", &KelCounters::acknowledged},
     {"refused", &KelCounters::refused},

@@ -6,6 +6,7 @@
 
 #include "data/RecordAccess.h"
 #include "session/InboxTopic.h"
+#include "session/RecordShelf.h"
 #include "session/Transition.h"
 
 namespace kel {
@@ -51,7 +52,8 @@ void SubscriptionHandle::deliver(const Event& event) {
   }
 }
 
-Inbox::Inbox(SessionPorts& ports) : ports_(ports) {}
+Inbox::Inbox(SessionPorts& ports, std::size_t rememberedBytes)
+    : ports_(ports), shelf_(std::make_unique<RecordShelf>(rememberedBytes)) {}
 Inbox::~Inbox() = default;
 
 void Inbox::count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_t number) {
@@ -99,6 +101,7 @@ void Inbox::remove(SubscriptionHandle& handle) {
   }
   Topic& topic = *handle.topic;
   handle.topic = nullptr;
+  handle.wantsLast = false;
   std::erase_if(topic.subscriptions, [&](const auto& other) { return other.get() == &handle; });
   if (!topic.subscriptions.empty()) return;
   endHeld(topic, &KelCounters::discarded);
@@ -106,14 +109,8 @@ void Inbox::remove(SubscriptionHandle& handle) {
   refusals_.forget(topic.topic);
   ports_.subscribes.cancel(topic.topic);
   refetch_.remove(topic.place);
+  shelf_->remove(topic);
   topics_.erase(topics_.find(topic.topic));
-}
-
-void Inbox::resend(SubscriptionHandle& handle) {
-  if (handle.topic == nullptr || !handle.topic->last) return;
-  RunBook& book = handle.topic->books.existing(handle.topic->last->publisher);
-  count(book, &KelCounters::resends);
-  ports_.dispatcher.post(handle.shared_from_this(), Event::data(handle.topic->last, book.handOff));
 }
 
 void Inbox::linkUp() {
@@ -139,7 +136,8 @@ void Inbox::linkDown(std::string_view reason) {
     topic->books.linkDown();
     endHeld(*topic, &KelCounters::discarded);
     disconnect(*topic, reason);
-    topic->last.reset();
+    forgetLast(*topic);
+    topic->owed.clear();
     topic->unheard = false;
   }
 }
@@ -172,7 +170,7 @@ void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const
   if (at == topics_.end()) return;
   Topic& topic = *at->second;
   if (!arrival.kept) refetch_.live();
-  if (saysNothingNew(topic, record.get(), arrival)) return;
+  if (saysNothingNew(topic, record, arrival)) return;
   if (!error.empty()) {
     RunBook& nobody = topic.books.of({});
     nobody.arrived(0);
@@ -223,13 +221,16 @@ void Inbox::hold(Topic& topic, RunBook& book, std::shared_ptr<Record> record) {
   endHeld(topic, &KelCounters::superseded);
   count(book, &KelCounters::held);
   topic.held = std::move(record);
+  shelve(topic);
 }
 
 /// What was held, if anything, ends in this way.
 void Inbox::endHeld(Topic& topic, std::int64_t KelCounters::*counter) {
+  topic.owed.clear();
   if (!topic.held) return;
   RunBook& book = topic.books.existing(topic.held->publisher);
   topic.held.reset();
+  shelf_->weigh(topic);
   count(book, &KelCounters::held, -1);
   count(book, counter);
 }
@@ -240,7 +241,7 @@ void Inbox::take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& rec
   const SubscriptionState next = foreign ? SubscriptionState::connectedForeign : SubscriptionState::connected;
   if (!foreign && record->sequence != 0) {
     // A count that is not beyond the last one is news only when the record is the first since (re)connecting.
-    const bool first = topic.last == nullptr || topic.last->publisher != publisher;
+    const bool first = !topic.last.known || topic.last.publisher != publisher;
     if (book.taken != 0 && (record->sequence < book.taken || (record->sequence == book.taken && !first))) {
       count(book, &KelCounters::repeated);
       if (record->sequence < book.taken) fetchSoon(topic);
@@ -262,17 +263,19 @@ void Inbox::take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& rec
     }
   }
   topic.unheard = false;
-  topic.last = record;
+  forgetLast(topic);
+  topic.last.set(record);
   for (std::size_t i = 0; i < topic.subscriptions.size(); ++i) {
     if (i > 0) count(book, &KelCounters::resends);
     ports_.dispatcher.post(topic.subscriptions[i], Event::data(record, book.handOff));
   }
+  shelve(topic);
 }
 
 void Inbox::closed(Topic& topic) {
   endHeld(topic, &KelCounters::discarded);
   disconnect(topic, "the publication is closed");
-  topic.last.reset();
+  forgetLast(topic);
   topic.books.closed();
   topic.publisher.clear();
   topic.unheard = false;
@@ -286,7 +289,7 @@ void Inbox::disconnect(Topic& topic, std::string_view reason) {
     ports_.dispatcher.post(handle, Event::disconnected(std::string(reason)));
   }
   transition(topic.state, SubscriptionState::waiting, "subscription to " + topic.publication, reason);
-  topic.last.reset();
+  forgetLast(topic);
 }
 
 void Inbox::peerAlive(std::string_view peer) {
@@ -295,10 +298,12 @@ void Inbox::peerAlive(std::string_view peer) {
       const std::shared_ptr<Record> record = std::exchange(topic->held, nullptr);
       RunBook& book = topic->books.existing(peer);
       count(book, &KelCounters::held, -1);
+      shelf_->weigh(*topic);
       take(*topic, book, record);
-    } else if (topic->unheard && topic->publisher == peer) {
+    } else if ((topic->unheard && topic->publisher == peer) || topic->owed == peer) {
       // It never knew that it was taken for gone, so it will not send again: the broker has its last record.
       topic->unheard = false;
+      topic->owed.clear();
       forgetPayloads(*topic);
       ports_.subscribes.request(filter, ports_.qos);
     }
@@ -314,6 +319,7 @@ void Inbox::peerGone(std::string_view peer, std::string_view reason, bool withdr
       if (!withdrawn) forgetPayloads(*topic);
     }
     if (withdrawn && topic->publisher == peer) topic->unheard = false;
+    if (withdrawn && topic->owed == peer) topic->owed.clear();
     // When it comes back it sends its last record again; what was kept is older than that.
     if (withdrawn && topic->held && topic->held->publisher == peer) endHeld(*topic, &KelCounters::discarded);
   }

@@ -31,6 +31,7 @@ enum class SubscriptionState : std::uint8_t { waiting, connected, connectedForei
 [[nodiscard]] const char* stateName(SubscriptionState state);
 
 struct InboxTopic;
+class RecordShelf;
 
 /// How a message came.
 struct Arrival {
@@ -55,6 +56,7 @@ class SubscriptionHandle final : public KelSubscription,
   [[nodiscard]] const std::string& name() const { return name_; }
   // Under the session's lock.
   InboxTopic* topic = nullptr;  ///< null for an impossible name
+  bool wantsLast = false;       ///< asked for the last record when it had been given up
   bool untold = false;          ///< neither connected nor disconnected was told so far
   PeerTable::Time created;
 
@@ -66,7 +68,7 @@ class SubscriptionHandle final : public KelSubscription,
 
 class Inbox {
  public:
-  explicit Inbox(SessionPorts& ports);
+  Inbox(SessionPorts& ports, std::size_t rememberedBytes);
   ~Inbox();
   Inbox(const Inbox&) = delete;
   Inbox& operator=(const Inbox&) = delete;
@@ -110,9 +112,13 @@ class Inbox {
   void endHeld(Topic& topic, std::int64_t KelCounters::*counter);
   void take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& record);
   void closed(Topic& topic);
+  void shelve(Topic& topic);
+  void forgetLast(Topic& topic);
+  void giveAgain(Topic& topic, std::shared_ptr<Record> record);
   void disconnect(Topic& topic, std::string_view reason);
   void complain(Topic& topic, const std::string& error);
-  [[nodiscard]] bool saysNothingNew(Topic& topic, const Record* record, const Arrival& arrival);
+  [[nodiscard]] bool saysNothingNew(Topic& topic, const std::shared_ptr<Record>& record,
+                                    const Arrival& arrival);
   [[nodiscard]] bool refutes(Topic& topic, RunBook& book, const Record& record);
   void fetchAgain();
   void fetchSoon(Topic& topic);
@@ -126,6 +132,7 @@ class Inbox {
   TextMap<std::unique_ptr<Topic>> topics_;
   Refusals refusals_{"the broker grants the subscriptions that it refused"};
   Refetch refetch_;
+  std::unique_ptr<RecordShelf> shelf_;
   std::optional<PeerTable::Time> upSince_;
   std::optional<PeerTable::Time> groupSince_;
   FirstWord firstWord_;

@@ -58,7 +58,7 @@ bool Inbox::refutes(Topic& topic, RunBook& book, const Record& record) {
   return true;
 }
 
-bool Inbox::saysNothingNew(Topic& topic, const Record* record, const Arrival& arrival) {
+bool Inbox::saysNothingNew(Topic& topic, const std::shared_ptr<Record>& record, const Arrival& arrival) {
   topic.keptBytes = arrival.bytes;
   topic.unanswered = 0;
   const bool likeNewest = topic.newest == arrival.hash;
@@ -79,8 +79,8 @@ bool Inbox::saysNothingNew(Topic& topic, const Record* record, const Arrival& ar
       old = likeKept || below;
     } else if (record != nullptr) {
       // Without a count: who publishes without keeping leaves an old record with the broker.
-      const bool older = record->hasTime && topic.last && topic.last->hasTime &&
-                         record->time.timeNanoseconds < topic.last->time.timeNanoseconds;
+      const bool older = record->hasTime && topic.last.known && topic.last.hasTime &&
+                         record->time.timeNanoseconds < topic.last.time.timeNanoseconds;
       old = older || (likeKept && !topic.keeps);
     }
     old = old || likeNewest;
@@ -88,6 +88,10 @@ bool Inbox::saysNothingNew(Topic& topic, const Record* record, const Arrival& ar
   if (old) {
     count(topic.books.existing(record == nullptr ? std::string_view() : record->publisher),
           &KelCounters::refetched);
+    // Only the very last one: an older one that the broker keeps must not be shown as the newest.
+    const bool last = record != nullptr && topic.last.known && topic.last.publisher == record->publisher &&
+                      (record->sequence != 0 ? record->sequence == topic.last.sequence : likeNewest);
+    if (last && topic.wanted) giveAgain(topic, record);
     return true;
   }
   topic.newest = arrival.hash;

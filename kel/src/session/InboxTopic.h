@@ -6,10 +6,24 @@
 #include <string>
 #include <vector>
 
+#include "kel/KelTimestamp.h"
 #include "session/Inbox.h"
 #include "session/Refetch.h"
 
 namespace kel {
+
+/// The newest record that counted; what is said of it stays when the record itself is given up.
+struct LastRecord {
+  bool known = false;
+  std::shared_ptr<Record> record;  ///< null although known: given up, the broker has it
+  std::string publisher;
+  std::int64_t sequence = 0;
+  KelTimestamp time;
+  bool hasTime = false;
+
+  void set(const std::shared_ptr<Record>& newest);
+  void reset();
+};
 
 /// One subscribed topic.
 struct InboxTopic {
@@ -31,7 +45,10 @@ struct InboxTopic {
   std::optional<PeerTable::Time> asked;  ///< fetched out of turn
   int unanswered = 0;                    ///< times that it was fetched since anything came
   bool keeps = false;                    ///< what came live was kept, too
-  std::shared_ptr<Record> last;
+  LastRecord last;
+  bool wanted = false;     ///< the last record is to be handed out again when the broker gives it
+  std::string owed;        ///< whose held record was given up
+  std::size_t weight = 0;  ///< on the shelf
   std::shared_ptr<Record> held;
   ReceiveBook books;
   std::vector<std::shared_ptr<SubscriptionHandle>> subscriptions;

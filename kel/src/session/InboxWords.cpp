@@ -57,12 +57,12 @@ std::string Inbox::whyWaiting(const Topic& topic) const {
   if (!groupSince_) return "the broker does not say who is in the group";
   if (!topic.refusal.empty()) return "the broker refused the subscription: " + topic.refusal;
   if (!topic.answered) return "the broker does not answer the subscription";
-  if (topic.held) {
-    const auto publisher = PublisherId::parse(topic.held->publisher);
-    return "publisher " + (publisher ? publisher->name : std::string(topic.held->publisher)) +
-           " gives no sign of life";
+  if (topic.held || !topic.owed.empty()) {
+    const std::string run = topic.held ? std::string(topic.held->publisher) : topic.owed;
+    const auto publisher = PublisherId::parse(run);
+    return "publisher " + (publisher ? publisher->name : run) + " gives no sign of life";
   }
-  return topic.last ? "the publication has no value" : "nobody publishes it";
+  return topic.last.known ? "the publication has no value" : "nobody publishes it";
 }
 
 void Inbox::tellUntold() {

@@ -13,7 +13,7 @@ constexpr std::size_t rememberedRuns = 4;
 constexpr std::int64_t KelCounters::*receiving[] = {
     &KelCounters::received, &KelCounters::resends,      &KelCounters::delivered, &KelCounters::superseded,
     &KelCounters::repeated, &KelCounters::decodeErrors, &KelCounters::discarded, &KelCounters::held,
-    &KelCounters::pending,  &KelCounters::gaps,         &KelCounters::refetched};
+    &KelCounters::pending,  &KelCounters::gaps,         &KelCounters::refetched, &KelCounters::givenUp};
 
 }  // namespace
 

@@ -71,7 +71,7 @@ Session::Session(std::string publisherName, std::string incarnation, const KelUr
              url.qos,
              options.wallClockNanoseconds,
              {}},
-      inbox_(ports_),
+      inbox_(ports_, options.rememberedBytes),
       outbox_(ports_, options.outgoingRecords, options.outgoingBytes) {
   {
     const MutexLock lock(mutex_);

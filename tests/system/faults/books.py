@@ -211,9 +211,10 @@ class Books:
         if (publication.index, number) in self.forgotten:
             self.attributes += publication.attributes
             return FORGOTTEN, ""
+        session = self._session(publication, at)
         if self._at_the_edge(publication, at):
             self.boundary += 1
-        session = self._session(publication, at)
+            self.ambiguous += publication.attributes if session is None else 0  # the gateway may have had it, and held it
         if session is None or self._rightless(publication, number, at):
             return AWAY, ""
         life = number // traffic.LIFE_NUMBERS

@@ -114,6 +114,15 @@ def test_a_record_of_the_moment_of_the_subscription_may_have_come_before_it(flow
     assert books.account(flow).lost == 1
 
 
+def test_who_came_right_before_the_subscription_may_have_been_held_and_superseded(flow):
+    flow.sessions = [session_of("aaa", moment(100))]
+    flow.writes = [write for write in flow.writes if write.at > moment(103)]
+    flow.ledger["subscribe"] = [row(index, before=77, superseded=25) for index in (0, 1)]
+    assert (books.account(flow).lost, books.account(flow).contradictions) == (0, [])
+    flow.ledger["subscribe"] = [row(index, before=42, superseded=60) for index in (0, 1)]
+    assert books.account(flow).contradictions, "that was long before it"
+
+
 def test_a_record_that_never_reached_the_broker_is_lost_unless_it_waited_for_it(flow):
     del flow.reached[0][BASE + 50]
     flow.writes = without(flow, 0, 50)

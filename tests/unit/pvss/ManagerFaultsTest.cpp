@@ -316,7 +316,11 @@ TEST_F(ManagerFaultsTest, ANumberHeldByAnotherIsWaitedForAndSaidOnce) {
   EXPECT_EQ(Manager::managerState, Manager::STATE_RUNNING);
 }
 
-using ManagerFaultsDeathTest = ManagerFaultsTest;
+class ManagerFaultsDeathTest : public ManagerFaultsTest {
+ protected:
+  // What is said is written by a thread of its own.
+  ManagerFaultsDeathTest() { ::testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+};
 
 TEST_F(ManagerFaultsDeathTest, AManagerThatHasRunEndsWhenItsNumberIsAnothersAndSaysWhose) {
   start();

@@ -5,8 +5,7 @@
 // Ownership  Lives as long as the process: the thread, which the first line starts, is never ended.
 // Thread     Any.
 // Errors     Lines wait for the reader up to a bound; what is beyond it, and what a write refuses, is
-// counted,
-//            and the count is said in its place as soon as a line can be written again.
+//            counted, and the count is said in its place as soon as a line can be written again.
 #pragma once
 
 #include <sys/types.h>

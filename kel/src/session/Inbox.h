@@ -130,7 +130,7 @@ class Inbox {
 
   SessionPorts& ports_;
   TextMap<std::unique_ptr<Topic>> topics_;
-  Refusals refusals_{"the broker grants the subscriptions that it refused"};
+  Refusals refusals_{"the broker grants the subscriptions that it refused", ports_.grants};
   Refetch refetch_;
   std::unique_ptr<RecordShelf> shelf_;
   std::optional<PeerTable::Time> upSince_;

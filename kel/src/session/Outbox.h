@@ -187,8 +187,8 @@ class Outbox {
   std::uint64_t nextControl_ = 1;
   std::int64_t nextAttempt_ = 1;
   std::unordered_map<std::uint64_t, std::string> claimTokens_;  ///< coded names of claims under way
-  Refusals claimRefusals_{"the broker grants the claims that it refused"};
-  Refusals recordRefusals_{"the broker takes the records that it refused"};
+  Refusals claimRefusals_{"the broker grants the claims that it refused", ports_.grants};
+  Refusals recordRefusals_{"the broker takes the records that it refused", ports_.grants};
   SizeRefusals sizeRefusals_;
   /// The largest record under way when the link was lost, and how often in a row it was.
   std::string suspect_;  ///< coded name

@@ -10,6 +10,7 @@ bool Refusals::refused(const std::string& key, std::string sentence, std::string
   if (keys_.empty()) {
     since_ = now;
     asked_ = now;
+    heeded_ = grants_;
     sentence_ = std::move(sentence);
     right_ = std::move(right);
   }
@@ -17,7 +18,9 @@ bool Refusals::refused(const std::string& key, std::string sentence, std::string
 }
 
 void Refusals::granted(const std::string& key) {
-  if (keys_.erase(key) == 0 || !keys_.empty()) return;
+  if (keys_.erase(key) == 0) return;
+  ++grants_;
+  if (!keys_.empty()) return;
   if (std::exchange(open_, false)) log(LogLevel::info, grantedLine_);
 }
 
@@ -32,8 +35,10 @@ void Refusals::linkDown() {
 std::vector<std::string> Refusals::due(Time now, std::chrono::nanoseconds pause) {
   if (keys_.empty()) return {};
   say(now, pause);
-  if (now - asked_ < pause) return {};
+  const bool hint = heeded_ != grants_ && now - asked_ >= hintPause;
+  if (!hint && now - asked_ < pause) return {};
   asked_ = now;
+  heeded_ = grants_;
   return {keys_.begin(), keys_.end()};
 }
 

@@ -70,7 +70,8 @@ Session::Session(std::string publisherName, std::string incarnation, const KelUr
              PublisherId{std::move(publisherName), std::move(incarnation)},
              url.qos,
              options.wallClockNanoseconds,
-             {}},
+             {},
+             0},
       inbox_(ports_, options.rememberedBytes),
       outbox_(ports_, options.outgoingRecords, options.outgoingBytes) {
   {

@@ -102,7 +102,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   Condition flushed_;
   PeerTable peers_ KEL_GUARDED_BY(mutex_);
   SubscribeWindow subscribes_ KEL_GUARDED_BY(mutex_);
-  SessionPorts ports_;  ///< `now` under the mutex, the rest fixed
+  SessionPorts ports_;  ///< `now` and `grants` under the mutex, the rest fixed
   Inbox inbox_ KEL_GUARDED_BY(mutex_);
   Outbox outbox_ KEL_GUARDED_BY(mutex_);
 
@@ -120,7 +120,8 @@ class Session final : public KelFactory, private TransportListener, private Publ
   AnswerLimit presenceAnswers_ KEL_GUARDED_BY(mutex_){answersAtOnce, presencePause, floodPause};
   bool presenceTaken_ KEL_GUARDED_BY(mutex_) = false;  ///< by the broker, since the link is up
   std::chrono::steady_clock::time_point upSince_ KEL_GUARDED_BY(mutex_);
-  Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group"};
+  Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group",
+                                                 ports_.grants};
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
   bool ledgerDue_ KEL_GUARDED_BY(mutex_) = false;

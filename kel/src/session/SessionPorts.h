@@ -10,6 +10,7 @@
 #include "Log.h"
 #include "session/Dispatcher.h"
 #include "session/PeerTable.h"
+#include "session/Refusals.h"
 #include "session/SubscribeWindow.h"
 #include "transport/KelTransport.h"
 #include "wire/Topics.h"
@@ -27,6 +28,7 @@ struct SessionPorts {
   const std::function<std::int64_t()> wallClockNanoseconds;
   /// The transport's clock, as of its last tick.
   std::chrono::steady_clock::time_point now;
+  Grants grants = 0;
 };
 
 /// How long who was refused waits before it asks again.

@@ -165,6 +165,25 @@ TEST_F(PublishTest, SendsTheLastRecordAgainUntilTheBrokerTakesIt) {
   EXPECT_TRUE(balanced(a->counters()));
 }
 
+TEST_F(PublishTest, SendsTheLastRecordAgainAsSoonAsItsPresenceIsTakenAgain) {
+  auto a = factory("a", "a1");
+  KelPublication* publication = a->createPublication("x", nullptr);
+  send(publication, 1);
+  ASSERT_TRUE(a->flush(30s));
+  const std::string before = broker->retained("kel/g/data/x");
+  broker->refuse("kel/g/data/x", "not authorised");
+  broker->refuse("kel/g/publisher/a/a1", "not authorised");
+  send(publication, 2);
+  // Refused at once, so asked for again every 10 s; the presence half a keep-alive later.
+  advance(3s);
+  ASSERT_EQ(broker->retained("kel/g/data/x"), before);
+  broker->refuse("kel/g/data/x", "");
+  broker->refuse("kel/g/publisher/a/a1", "");
+  advance(3s);
+  EXPECT_NE(broker->retained("kel/g/data/x"), before);
+  EXPECT_TRUE(balanced(a->counters()));
+}
+
 TEST_F(PublishTest, TellsOfARecordThatIsTooLarge) {
   Handler& handler = newHandler();
   auto a = factory("a", "a1");

@@ -25,7 +25,8 @@ class RefusalsTest : public ::testing::Test {
   }
   static auto lines(const std::string& said) { return std::count(said.begin(), said.end(), '\n'); }
 
-  Refusals refusals_{"all is granted"};
+  Grants grants_ = 0;
+  Refusals refusals_{"all is granted", grants_};
   Refusals::Time now_ = Refusals::Time(1h);
   std::size_t asked_ = 0;
 };
@@ -53,6 +54,43 @@ TEST_F(RefusalsTest, AsksAgainForAllAfterThePause) {
   EXPECT_EQ(asked_, 2U);
   saidIn(10s);
   EXPECT_EQ(asked_, 4U);
+}
+
+TEST_F(RefusalsTest, AsksForTheRestWhenSomethingIsGranted) {
+  for (const char* key : {"a", "b", "c"}) refusals_.refused(key, key, "to read it", now_);
+  saidIn(3s);
+  ASSERT_EQ(asked_, 0U);
+  refusals_.granted("a");
+  saidIn(100ms);
+  EXPECT_EQ(asked_, 2U) << "b and c, long before the pause is over";
+  refusals_.granted("b");
+  saidIn(300ms);
+  EXPECT_EQ(asked_, 2U) << "not in every tick";
+  saidIn(300ms);
+  EXPECT_EQ(asked_, 3U);
+  saidIn(5s);
+  EXPECT_EQ(asked_, 3U) << "nothing was granted since";
+}
+
+TEST_F(RefusalsTest, TakesTheGrantOfAnotherKindForAHint) {
+  Refusals others("others are granted", grants_);
+  others.refused("z", "z", "to write z", now_);
+  refusals_.refused("a", "a", "to read a", now_);
+  saidIn(3s);
+  others.granted("y");
+  saidIn(1s);
+  EXPECT_EQ(asked_, 0U) << "y was never refused";
+  others.granted("z");
+  saidIn(100ms);
+  EXPECT_EQ(asked_, 1U);
+}
+
+TEST_F(RefusalsTest, DoesNotTakeAGrantOfBeforeForAHint) {
+  refusals_.refused("a", "a", "to read a", now_);
+  refusals_.granted("a");
+  refusals_.refused("b", "b", "to read b", now_);
+  saidIn(9s);
+  EXPECT_EQ(asked_, 0U);
 }
 
 TEST_F(RefusalsTest, SaysOnceWhenAllIsGranted) {

@@ -5,6 +5,7 @@ itself accounts for nothing; it is held against what was seen, and a difference 
 import bisect
 import math
 
+import foreign
 import traffic
 
 FUZZ = 0.25    # seconds by which two witnesses may differ about one moment
@@ -373,6 +374,7 @@ class Books:
         claimed = (store.get("coalesced") or 0) + (store.get("lost") or 0) - (store.get("restored") or 0)
         slack = self.ambiguous + self._flags()
         overtaken = 0
+        claimed -= self._given_up_of_the_foreign_one()
         for publication, row in self._rows():
             size = publication.attributes if publication else ATTRIBUTES * len(traffic.PLAIN)
             claimed += size * sum(row.get(name) or 0 for name in ("superseded", "discarded"))
@@ -404,6 +406,13 @@ class Books:
         if not least <= never_came <= most:
             result.contradictions.append(f"the ledger says that {never_came} records never came to the gateway, and by what was "
                                          f"seen it is {seen} (between {least} and {most})")
+
+    def _given_up_of_the_foreign_one(self):
+        """Attributes of the publisher that is not in the table: delivered by the Kel library, and never written."""
+        delivered = sum(row.get("delivered") or 0 for row in self.evidence.ledger["subscribe"]
+                        if row.get("publication") == foreign.PUBLICATION)
+        written = sum("F.n" in write.elements for write in self.evidence.writes)
+        return (delivered - written) * ATTRIBUTES * len(foreign.FIELDS)
 
     def _flags(self):
         """Attributes that are written besides records: flags, once or twice for each change."""

@@ -362,6 +362,17 @@ def test_a_ledger_that_counts_more_than_is_missing_contradicts_the_witnesses(flo
         evidence.lost_at_most(flow, 0)
 
 
+def test_what_is_given_up_of_the_publisher_outside_the_table_explains_nothing_in_it(flow):
+    late_writes(flow, 101, 150, moment(200))
+    flow.writes.append(Write(moment(300), 0, START_MS, "1.abc", {"F.n": {"v": "1"}, "F.text": {"v": "Größe 1"}}))
+    flow.ledger["subscribe"].append({**row(0), "publication": "foreign/0", "delivered": 21})
+    flow.ledger["store"]["coalesced"] = 12 * 98 + 8 * 20
+    found = books.account(flow)
+    assert (found.coalesced, found.lost, found.contradictions) == (98, 0, [])
+    flow.ledger["store"]["coalesced"] = 12 * 98
+    assert books.account(flow).lost == 14, "160 attributes, of which the others have had the word"
+
+
 def test_what_the_kept_record_has_overtaken_is_superseded(flow):
     late_writes(flow, 101, 150, moment(200))
     flow.ledger["subscribe"] = [row(0, gaps=49, again=49), row(1, gaps=49, again=49)]

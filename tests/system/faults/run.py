@@ -1,11 +1,12 @@
 #!/usr/bin/python3
 """Runs fault scenarios with real processes and prints one table of what was seen.
 
-usage: tests/system/faults/run.py --bin FOLDER [--repeat N] [--json] [--keep FOLDER] [SCENARIO...]
+usage: tests/system/faults/run.py --bin FOLDER [--repeat N] [--jobs N] [--json] [--keep FOLDER] [SCENARIO...]
 Exit code 0 when every run held, 1 when one did not, 2 for a mistake in a scenario or on the command line.
 """
 
 import argparse
+import concurrent.futures
 import json
 import os
 import statistics
@@ -27,6 +28,7 @@ def arguments():
     parser = argparse.ArgumentParser(description="Runs fault scenarios with real processes.")
     parser.add_argument("--bin", required=True, help="folder with kel-gateway, kelgw and load_publisher")
     parser.add_argument("--repeat", type=int, help="runs of each scenario, instead of what it says itself")
+    parser.add_argument("--jobs", type=int, default=1, help="runs side by side (1): most of the time a run waits")
     parser.add_argument("--short", action="store_true", help="only the scenarios that are run 20 times or more by themselves")
     parser.add_argument("--json", action="store_true", help="a document instead of the table")
     parser.add_argument("--keep", help="where the folders of failed runs go (default: the system's temporary folder)")
@@ -37,6 +39,8 @@ def arguments():
             parser.error(f"{given.bin} has no {program}; build first: ./dev build")
     if given.repeat is not None and given.repeat < 1:
         parser.error("--repeat takes a number from 1")
+    if given.jobs < 1:
+        parser.error("--jobs takes a number from 1")
     return given
 
 
@@ -114,15 +118,31 @@ def print_table(rows):
         print("  ".join(cells).rstrip())
 
 
+def in_rounds(scenarios, repeat):
+    """(scenario, which of its runs, of how many): every scenario once, then every one again, so that whoever stops early has
+    something of all."""
+    counts = {scenario.name: repeat or scenario.runs for scenario in scenarios}
+    for number in range(1, max(counts.values()) + 1):
+        for scenario in scenarios:
+            if number <= counts[scenario.name]:
+                yield scenario, number, counts[scenario.name]
+
+
 def repeat_all(scenarios, given, results):
-    for scenario in scenarios:
-        runs = results[scenario.name] = []
-        repeat = given.repeat or scenario.runs
-        for number in range(1, repeat + 1):
-            runs.append(one_run(scenario, given.keep))
-            one = runs[-1]
+    """Each run in a process of its own: they share nothing but the machine."""
+    results.update({scenario.name: [] for scenario in scenarios})
+    pool = concurrent.futures.ProcessPoolExecutor(given.jobs)
+    try:
+        wanted = {pool.submit(one_run, scenario, given.keep): (scenario.name, number, count)
+                  for scenario, number, count in in_rounds(scenarios, given.repeat)}
+        for run in concurrent.futures.as_completed(wanted):
+            name, number, count = wanted[run]
+            one = run.result()
+            results[name].append(one)
             said = "held" if one["passed"] else f"FAILED\n  {one['failed']}\n  {one['why']}\n  everything is in {one['folder']}"
-            print(f"{scenario.name} {number}/{repeat} {one['seconds']:.1f} s {said}", file=sys.stderr, flush=True)
+            print(f"{name} {number}/{count} {one['seconds']:.1f} s {said}", file=sys.stderr, flush=True)
+    finally:
+        pool.shutdown(cancel_futures=True)
 
 
 def main():

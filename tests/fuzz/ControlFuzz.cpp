@@ -51,9 +51,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   checkLedger(payload);
   KelPublisherInfo info;
   const bool isPresence = kel::decodePresence(payload, info);
-  const auto keepAlive = kel::presenceKeepAlive(payload);
-  require(isPresence || !keepAlive);
+  const kel::PresenceNews news = kel::presenceNews(payload);
+  const auto& keepAlive = news.keepAlive;
+  require(isPresence || (!keepAlive && news.subscribing == 0));
   require(!keepAlive || (keepAlive->count() >= 1 && keepAlive->count() <= 3600));
+  require(news.subscribing >= 0);
   if (isPresence) {
     kel::PresencePayload presence;
     presence.publisher = {"name", "1"};
@@ -61,6 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     presence.process = info.process;
     presence.startedNanoseconds = info.startedNanoseconds;
     if (keepAlive) presence.keepAlive = *keepAlive;
+    presence.subscribing = news.subscribing;
     for (const auto& [name, counter] : kel::counterNames) {
       if (const auto found = info.counters.find(name); found != info.counters.end())
         presence.counters.*counter = found->second;
@@ -70,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(kel::decodePresence(bytes, second));
     require(second.host == info.host && second.process == info.process &&
             second.startedNanoseconds == info.startedNanoseconds);
-    require(kel::presenceKeepAlive(bytes) == presence.keepAlive);
+    const kel::PresenceNews again = kel::presenceNews(bytes);
+    require(again.keepAlive == presence.keepAlive && again.subscribing == presence.subscribing);
     for (const auto& [name, counter] : kel::counterNames)
       require(second.counters.at(name) == presence.counters.*counter);
   }

@@ -1,5 +1,7 @@
 #include "session/ControlPayload.h"
 
+#include <algorithm>
+
 #include "data/RecordAccess.h"
 #include "wire/RecordCodec.h"
 
@@ -48,6 +50,7 @@ std::string encodePresence(const PresencePayload& presence, std::int64_t timesta
   putNumber(record, "process", presence.process);
   putNumber(record, "started", presence.startedNanoseconds);
   putNumber(record, "keepAlive", presence.keepAlive.count());
+  putNumber(record, "subscribing", presence.subscribing);
   for (const auto& [name, counter] : counterNames) {
     putNumber(record, "counters/" + std::string(name), presence.counters.*counter);
   }
@@ -70,11 +73,14 @@ bool decodePresence(std::string_view payload, KelPublisherInfo& info) {
   return true;
 }
 
-std::optional<std::chrono::seconds> presenceKeepAlive(std::string_view payload) {
+PresenceNews presenceNews(std::string_view payload) {
+  PresenceNews news;
   const DecodedRecord decoded = decodeRecord(payload);
-  const std::int64_t seconds = decoded.record ? numberOf(*decoded.record, "keepAlive") : 0;
-  if (seconds < 1 || seconds > 3600) return std::nullopt;
-  return std::chrono::seconds(seconds);
+  if (!decoded.record) return news;
+  const std::int64_t seconds = numberOf(*decoded.record, "keepAlive");
+  if (seconds >= 1 && seconds <= 3600) news.keepAlive = std::chrono::seconds(seconds);
+  news.subscribing = std::max<std::int64_t>(numberOf(*decoded.record, "subscribing"), 0);
+  return news;
 }
 
 }  // namespace kel

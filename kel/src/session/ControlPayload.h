@@ -30,13 +30,19 @@ struct PresencePayload {
   std::int64_t startedNanoseconds = 0;
   std::chrono::seconds keepAlive{5};  ///< it is published at least twice as often
   KelCounters counters;
+  std::int64_t subscribing = 0;  ///< data subscriptions that the broker has not answered yet on this link
 };
 [[nodiscard]] std::string encodePresence(const PresencePayload& presence, std::int64_t timestampMs);
 /// Fills what the payload says; false when it is not a presence.
 bool decodePresence(std::string_view payload, KelPublisherInfo& info);
 
-/// The keep-alive that a presence names; nothing when it names none that makes sense.
-[[nodiscard]] std::optional<std::chrono::seconds> presenceKeepAlive(std::string_view payload);
+/// What a presence says to the other members.
+struct PresenceNews {
+  std::optional<std::chrono::seconds> keepAlive;  ///< nothing when it names none that makes sense
+  std::int64_t subscribing = 0;                   ///< 0 when it does not say
+};
+/// Unpacks it once; of a payload that is no presence there is no news.
+[[nodiscard]] PresenceNews presenceNews(std::string_view payload);
 
 /// Every counter by its name in KelCounters.
 struct CounterName {

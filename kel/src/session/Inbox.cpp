@@ -83,6 +83,7 @@ void Inbox::add(const std::shared_ptr<SubscriptionHandle>& handle) {
     slot->publication = handle->name();
     slot->topic = filter;
     slot->place = refetch_.add(*slot);
+    ++subscribing_;
     ports_.subscribes.request(filter, ports_.qos);
   }
   Topic& topic = *slot;
@@ -107,6 +108,7 @@ void Inbox::remove(SubscriptionHandle& handle) {
   endHeld(topic, &KelCounters::discarded);
   topic.books.each([&](RunBook& book) { released_.take(book, ports_.dispatcher); });
   refusals_.forget(topic.topic);
+  if (!topic.answered) --subscribing_;
   ports_.subscribes.cancel(topic.topic);
   refetch_.remove(topic.place);
   shelf_->remove(topic);
@@ -129,6 +131,7 @@ void Inbox::linkDown(std::string_view reason) {
   upSince_.reset();
   groupSince_.reset();
   refusals_.linkDown();
+  subscribing_ = topics_.size();
   for (auto& [filter, topic] : topics_) {
     topic->answered.reset();
     topic->refusal.clear();
@@ -145,7 +148,10 @@ void Inbox::linkDown(std::string_view reason) {
 void Inbox::subscribed(std::string_view filter, std::string_view failure) {
   const auto at = topics_.find(filter);
   if (at == topics_.end()) return;
-  if (!at->second->answered) at->second->answered = ports_.now;
+  if (!at->second->answered) {
+    at->second->answered = ports_.now;
+    --subscribing_;
+  }
   at->second->refusal = failure;
   if (failure.empty()) {
     refusals_.granted(at->first);

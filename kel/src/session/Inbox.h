@@ -98,6 +98,8 @@ class Inbox {
   /// `withdrawn`: it said so itself, or the broker for it; otherwise it was only not heard of in time.
   void peerGone(std::string_view peer, std::string_view reason, bool withdrawn);
 
+  /// How many subscriptions the broker has not answered yet since the link came up; all while it is down.
+  [[nodiscard]] std::size_t subscribing() const { return subscribing_; }
   [[nodiscard]] KelCounters total() const;
   /// Adds the receiving counters of one publication.
   void addCounters(std::string_view publication, KelCounters& counters) const;
@@ -136,6 +138,7 @@ class Inbox {
   std::optional<PeerTable::Time> upSince_;
   std::optional<PeerTable::Time> groupSince_;
   FirstWord firstWord_;
+  std::size_t subscribing_ = 0;
   std::size_t untold_ = 0;  ///< subscriptions that were told nothing so far
   std::vector<std::shared_ptr<SubscriptionHandle>> impossible_;  ///< of these, those with impossible names
   RunBook released_;   ///< the sum of what is not subscribed any more

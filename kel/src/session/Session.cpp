@@ -136,6 +136,7 @@ void Session::releaseSubscription(KelSubscription* subscription) {
     handle = std::move(at->second);
     subscriptions_.erase(at);
     inbox_.remove(*handle);
+    sayWhenSubscribed();
   }
   dispatcher_.cancel(*handle);
 }
@@ -281,8 +282,9 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
   if (payload.empty()) {
     peerGone(peer, "publisher " + topic.name + " is gone", true);
   } else {
-    const auto keepAlive = std::min(kel::presenceKeepAlive(payload).value_or(transport_->keepAlive()),
-                                    PeerTable::longestKeepAlive);
+    const PresenceNews news = presenceNews(payload);
+    const auto keepAlive =
+        std::min(news.keepAlive.value_or(transport_->keepAlive()), PeerTable::longestKeepAlive);
     peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive));
   }
 }
@@ -376,6 +378,7 @@ void Session::subscribed(std::uint64_t token, std::string_view failure) {
   if (filter.empty() || closing_) return;
   if (ports_.topics.isData(filter)) {
     inbox_.subscribed(filter, failure);
+    sayWhenSubscribed();
   } else if (filter == ports_.topics.allPublishers() || filter == ports_.topics.probe()) {
     if (failure.empty()) {
       groupRefusals_.granted(filter);

@@ -81,6 +81,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void wantProbe() KEL_REQUIRES(mutex_);
   void probed(std::string_view payload) KEL_REQUIRES(mutex_);
   void answerProbes() KEL_REQUIRES(mutex_);
+  void sayWhenSubscribed() KEL_REQUIRES(mutex_);
   [[nodiscard]] std::chrono::seconds presenceKeepAlive() const;
   void publishLedger() KEL_REQUIRES(mutex_);
   [[nodiscard]] KelLedger ledgerLocked() const KEL_REQUIRES(mutex_);
@@ -123,6 +124,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group",
                                                  ports_.grants};
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
+  bool saidSubscribing_ KEL_GUARDED_BY(mutex_) = false;  ///< the last presence did not say 0
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
   bool ledgerDue_ KEL_GUARDED_BY(mutex_) = false;
   AnswerLimit ledgerPauses_ KEL_GUARDED_BY(mutex_){answersAtOnce, ledgerPause, floodPause};

@@ -63,6 +63,8 @@ bool Session::publishPresence(bool alive) {
     presence.startedNanoseconds = startedNanoseconds_;
     presence.keepAlive = presenceKeepAlive();
     presence.counters = countersLocked();
+    presence.subscribing = static_cast<std::int64_t>(inbox_.subscribing());
+    saidSubscribing_ = presence.subscribing != 0;
     payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
     message.expirySeconds = static_cast<std::uint32_t>(2 * presenceKeepAlive().count());
     presenceSent_ = ports_.now;
@@ -70,6 +72,12 @@ bool Session::publishPresence(bool alive) {
   }
   message.payload = std::make_shared<const std::string>(std::move(payload));
   return transport_->publish(message, alive ? presenceToken : withdrawalToken);
+}
+
+void Session::sayWhenSubscribed() {
+  // Others may be waiting for this member before they publish.
+  const bool linked = link_ == LinkState::syncing || link_ == LinkState::synced;
+  if (linked && saidSubscribing_ && inbox_.subscribing() == 0) publishPresence(true);
 }
 
 void Session::probed(std::string_view payload) {

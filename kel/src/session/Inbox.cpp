@@ -179,14 +179,14 @@ void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const
   if (saysNothingNew(topic, record, arrival)) return;
   if (!error.empty()) {
     RunBook& nobody = topic.books.of({});
-    nobody.arrived(0);
+    nobody.arrived(0, arrival.kept);
     count(nobody, &KelCounters::received);
     count(nobody, &KelCounters::decodeErrors);
     complain(topic, error);
   } else if (record == nullptr) {
     closed(topic);
   } else {
-    arrived(topic, std::move(record));
+    arrived(topic, std::move(record), arrival.kept);
   }
 }
 
@@ -200,13 +200,19 @@ void Inbox::complain(Topic& topic, const std::string& error) {
   topic.unsaid = 0;
 }
 
-void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record) {
+void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record, bool kept) {
   const std::string_view publisher = record->publisher;
   RunBook& book = topic.books.of(publisher);
   count(book, &KelCounters::received);
-  const std::int64_t missing = book.arrived(publisher.empty() ? 0 : record->sequence);
+  const std::int64_t missing = book.arrived(publisher.empty() ? 0 : record->sequence, kept);
   addCapped(book.counters.gaps, missing);
   gaps_ += missing;
+  if (missing < 0) {
+    // The newer one has the word already; but nobody knows yet that it was the publisher's.
+    count(book, &KelCounters::superseded);
+    fetchSoon(topic);
+    return;
+  }
   const bool current = topic.state == SubscriptionState::connected && topic.publisher == publisher;
   if (publisher.empty() || current || ports_.peers.alive(publisher)) {
     take(topic, book, record);

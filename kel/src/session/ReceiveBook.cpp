@@ -32,8 +32,12 @@ void addHandOff(KelCounters& sum, const HandOffTally& tally) {
   sum.pending += tally.pending;
 }
 
-std::int64_t RunBook::arrived(std::int64_t number) {
+std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
   std::int64_t missing = 0;
+  if (!kept && number >= overtakenFrom && number <= overtakenTo) {
+    overtakenFrom = number + 1;
+    return -1;
+  }
   if (number <= 0) {
     ++again;
     return 0;
@@ -42,6 +46,10 @@ std::int64_t RunBook::arrived(std::int64_t number) {
     before = number - 1;
   } else if (number > last) {
     missing = number - last - 1;
+    if (kept && missing > 0) {
+      overtakenFrom = last + 1;
+      overtakenTo = number - 1;
+    }
   } else if (closed && number < last) {
     addCapped(restarted, last);
     missing = number - 1;
@@ -58,6 +66,7 @@ std::int64_t RunBook::arrived(std::int64_t number) {
 std::int64_t RunBook::refuted(std::int64_t number) {
   taken = 0;
   doubted.reset();
+  queueEnded();
   if (number <= 0 || number >= last) return 0;
   // What the leap counted as missing, or as gone by, has not been; above that are numbers that did arrive.
   std::int64_t excess = last - number;
@@ -140,6 +149,7 @@ void ReceiveBook::closed() {
     book->taken = 0;
     book->closed = book->last != 0;
     book->doubted.reset();
+    book->queueEnded();
   }
 }
 
@@ -147,6 +157,7 @@ void ReceiveBook::linkDown() {
   for (const auto& book : runs_) {
     book->onLink = false;
     book->doubted.reset();
+    book->queueEnded();
   }
 }
 

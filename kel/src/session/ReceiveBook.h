@@ -28,15 +28,21 @@ struct RunBook {
   std::int64_t restarted = 0;
   std::int64_t again = 0;
   std::int64_t taken = 0;  ///< the last number that was not a repetition: what is below it comes too late
-  bool closed = false;     ///< its publisher has closed the publication since
-  bool onLink = false;     ///< `taken` came over the link that is up
+  /// Numbers that the broker's kept record has overtaken and that may still come out of its queue, in order.
+  std::int64_t overtakenFrom = 1;
+  std::int64_t overtakenTo = 0;
+  bool closed = false;  ///< its publisher has closed the publication since
+  bool onLink = false;  ///< `taken` came over the link that is up
   /// Since when the broker is known to keep a record below `taken`.
   std::optional<std::chrono::steady_clock::time_point> doubted;
   KelCounters counters;  ///< but for what the dispatcher counts
   std::shared_ptr<HandOffTally> handOff = std::make_shared<HandOffTally>();
 
-  /// Books the number of a record that arrived and gives how many were left out before it.
-  std::int64_t arrived(std::int64_t number);
+  /// Books the number of a record that arrived, `kept` by the broker or live, and gives how many were left
+  /// out before it; -1 when it was counted as left out itself, because a kept record has overtaken it.
+  std::int64_t arrived(std::int64_t number, bool kept);
+  /// Nothing more comes out of the broker's queue.
+  void queueEnded() { overtakenTo = 0; }
   /// The number of a record that arrives now is the true one, and what is above it was not the publisher's.
   /// Gives how many that were thought to be left out were not.
   std::int64_t refuted(std::int64_t number);

@@ -373,16 +373,11 @@ class Books:
         result, store = self.result, ledger.get("store") or {}
         claimed = (store.get("coalesced") or 0) + (store.get("lost") or 0) - (store.get("restored") or 0)
         slack = self.ambiguous + self._flags()
-        overtaken = 0
         claimed -= self._given_up_of_the_foreign_one()
         for publication, row in self._rows():
             size = publication.attributes if publication else ATTRIBUTES * len(traffic.PLAIN)
             claimed += size * sum(row.get(name) or 0 for name in ("superseded", "discarded"))
             slack += size * sum(row.get(name) or 0 for name in ("again", "resends"))
-            # Overtaken by the kept record that was fetched anew: a gap first, and then one that brought no new number.
-            late = min(row.get("gaps") or 0, row.get("again") or 0)
-            claimed += size * late
-            overtaken += late
         missing = self.attributes - claimed
         if missing > 0:
             count = math.ceil(missing / (ATTRIBUTES * len(traffic.PLAIN)))
@@ -398,10 +393,9 @@ class Books:
             result.contradictions.append(f"the ledger says of {claimed} attributes that they were superseded or forgotten, and "
                                          f"{self.attributes} are missing by what was seen (up to {slack + tails} may be "
                                          "counted twice)")
-        never_came = sum((row.get("gaps") or 0) + (row.get("before") or 0) for _, row in self._rows()) - overtaken
+        never_came = sum((row.get("gaps") or 0) + (row.get("before") or 0) for _, row in self._rows())
         seen = result.ends[GAPS] + result.ends[AWAY]
         least = seen - self.boundary - len(self.publications) * max(1, len(self.evidence.sessions)) - self._gone_with_links()
-        least -= overtaken
         most = seen + self.boundary + self.ambiguous // (ATTRIBUTES * len(traffic.PLAIN))
         if not least <= never_came <= most:
             result.contradictions.append(f"the ledger says that {never_came} records never came to the gateway, and by what was "

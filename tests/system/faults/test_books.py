@@ -373,15 +373,6 @@ def test_what_is_given_up_of_the_publisher_outside_the_table_explains_nothing_in
     assert books.account(flow).lost == 14, "160 attributes, of which the others have had the word"
 
 
-def test_what_the_kept_record_has_overtaken_is_superseded(flow):
-    late_writes(flow, 101, 150, moment(200))
-    flow.ledger["subscribe"] = [row(0, gaps=49, again=49), row(1, gaps=49, again=49)]
-    found = books.account(flow)
-    assert (found.coalesced, found.lost, found.contradictions) == (98, 0, [])
-    flow.ledger["subscribe"] = [row(0, gaps=49, again=49), row(1, gaps=49, again=48)]
-    assert books.account(flow).lost == 1
-
-
 def test_gaps_that_nobody_else_saw_contradict_the_witnesses(flow):
     flow.ledger["subscribe"] = [row(0, gaps=20), row(1)]
     with pytest.raises(Violated, match="20 records never came to the gateway, and by what was seen it is 0"):

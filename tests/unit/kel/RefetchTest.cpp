@@ -66,6 +66,45 @@ TEST_F(RefetchTest, BringsTheNewestValueThatWasDroppedBeforeASilence) {
   EXPECT_TRUE(addsUp(*subscriber));
 }
 
+TEST_F(RefetchTest, WhatTheKeptRecordHasOvertakenIsSupersededAndNoGap) {
+  send(publication, 1);
+  listener.lines(2);
+  const auto live = [&](int value) { broker->publish("kel/g/data/x", ghost(value, value), false); };
+  drop([&] { broker->publish("kel/g/data/x", ghost(9, 9), true); });
+  advance(31s);
+  ASSERT_EQ(listener.lines(3).back(), "record 9");
+  EXPECT_EQ(subscriber->counters().gaps, 7);
+  for (const int value : {2, 3, 4, 6, 7}) live(value);  // as a broker's queue gives them, one dropped
+  settle();
+  EXPECT_EQ(subscriber->counters().gaps, 2) << "5, and 8 until it comes";
+  EXPECT_EQ(subscriber->counters().superseded, 5);
+  EXPECT_EQ(subscriber->counters().repeated, 0);
+  for (const int value : {5, 6, 9, 8, 8}) live(value);
+  settle();
+  EXPECT_EQ(subscriber->counters().gaps, 1);
+  EXPECT_EQ(subscriber->counters().superseded, 6);
+  EXPECT_EQ(subscriber->counters().repeated, 4) << "what came before, and what comes out of its order";
+  live(10);
+  EXPECT_EQ(listener.lines(4), (Journal{"connected", "record 1", "record 9", "record 10"}));
+  EXPECT_TRUE(balanced(subscriber->counters()));
+  EXPECT_TRUE(addsUp(*subscriber));
+}
+
+TEST_F(RefetchTest, WhatComesOverTheNextLinkWasNotOvertaken) {
+  send(publication, 1);
+  listener.lines(2);
+  drop([&] { broker->publish("kel/g/data/x", ghost(9, 9), true); });
+  advance(31s);
+  ASSERT_EQ(listener.lines(3).back(), "record 9");
+  broker->cut("sub-s1");
+  settle();
+  broker->publish("kel/g/data/x", ghost(2, 2), false);
+  settle();
+  EXPECT_EQ(subscriber->counters().gaps, 7);
+  EXPECT_EQ(subscriber->counters().superseded, 0);
+  EXPECT_TRUE(addsUp(*subscriber));
+}
+
 TEST_F(RefetchTest, BringsTheFirstValueToo) {
   drop([&] { send(publication, 1); });
   advance(31s);

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -48,7 +47,7 @@ void DataBlock::write(const char* data, unsigned int byteCount, unsigned int off
     return;
   }
   const std::uint64_t end = std::uint64_t{offset} + byteCount;
-  if (end + growthSlack > std::numeric_limits<unsigned int>::max()) {
+  if (!std::in_range<unsigned int>(end + growthSlack)) {
     throw std::length_error("DataBlock::write() would pass the largest size");
   }
   std::unique_ptr<char[]> outgrown;  // kept until the copy is made: the data may come from this very block

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,6 +18,12 @@ namespace {
 // cannot know, as with files), it is rather the machine that is slow.
 constexpr auto moment = std::chrono::milliseconds(100);
 constexpr int moments = 10;
+
+/// Waits at most `ms` milliseconds, without limit when negative; 0 when a write would still have to wait.
+int awaitRoom(int descriptor, int ms) {
+  std::array asked{pollfd{descriptor, POLLOUT, 0}};
+  return ::poll(asked.data(), asked.size(), ms);
+}
 
 }  // namespace
 
@@ -35,10 +42,7 @@ void LineWriter::write(std::string line) {
 
   const auto settled = [this, mine] { return settled_ >= mine; };
   for (int i = 0; i < moments && patient_; ++i) {
-    if (settledOne_.wait_for(lock, moment, settled)) {
-      return;
-    }
-    if (!writable()) {
+    if (settledOne_.wait_for(lock, moment, settled) || !writable()) {
       break;
     }
   }
@@ -66,35 +70,38 @@ bool LineWriter::haveThread() {
 
 void LineWriter::run() {
   unsigned long unsaid = 0;
-  std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    something_.wait(lock, [this] { return !lines_.empty() || lost_ != 0; });
-    Line line;
-    const bool last = lines_.empty();
-    if (last) {
-      line.lostBefore = std::exchange(lost_, 0);
-    } else {
-      line = std::move(lines_.front());
-      lines_.pop_front();
-    }
-    lock.unlock();
-
+    const Line line = next();
     unsaid += line.lostBefore;
     if (unsaid != 0 && put(lossLine_(unsaid))) {
       unsaid = 0;
     }
-    if (!last && !put(line.text)) {
-      ++unsaid;
-    }
-
-    lock.lock();
-    if (!last) {
-      bytes_ -= line.text.size();
-      ++settled_;
-      patient_ = patient_ || lines_.empty();
-      settledOne_.notify_all();
+    if (line.text) {
+      if (!put(*line.text)) {
+        ++unsaid;
+      }
+      settle(line.text->size());
     }
   }
+}
+
+LineWriter::Line LineWriter::next() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  something_.wait(lock, [this] { return !lines_.empty() || lost_ != 0; });
+  if (lines_.empty()) {
+    return {std::nullopt, std::exchange(lost_, 0)};
+  }
+  Line line = std::move(lines_.front());
+  lines_.pop_front();
+  return line;
+}
+
+void LineWriter::settle(std::size_t bytes) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  bytes_ -= bytes;
+  ++settled_;
+  patient_ = patient_ || lines_.empty();
+  settledOne_.notify_all();
 }
 
 bool LineWriter::put(std::string_view text) {
@@ -108,8 +115,7 @@ bool LineWriter::put(std::string_view text) {
       rest.remove_prefix(static_cast<std::size_t>(written));
       torn_ = !rest.empty();
     } else if (errno == EAGAIN) {
-      pollfd awaited{descriptor, POLLOUT, 0};
-      ::poll(&awaited, 1, -1);
+      awaitRoom(descriptor, -1);
     } else if (errno != EINTR) {
       return false;
     }
@@ -118,6 +124,5 @@ bool LineWriter::put(std::string_view text) {
 }
 
 bool LineWriter::writable() const {
-  pollfd asked{fileno(stream_), POLLOUT, 0};
-  return ::poll(&asked, 1, 0) != 0;
+  return awaitRoom(fileno(stream_), 0) != 0;
 }

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -37,12 +38,14 @@ class LineWriter {
 
  private:
   struct Line {
-    std::string text;              ///< empty: only the count is to be said
-    unsigned long lostBefore = 0;  ///< lines that found no place just before this one
+    std::optional<std::string> text;  ///< none: only the count is to be said
+    unsigned long lostBefore;         ///< lines that found no place just before this one
   };
 
   bool haveThread();
   void run();
+  Line next();
+  void settle(std::size_t bytes);
   bool put(std::string_view text);
   [[nodiscard]] bool writable() const;
 
@@ -53,12 +56,12 @@ class LineWriter {
   std::condition_variable something_;
   std::condition_variable settledOne_;
   std::deque<Line> lines_;
-  std::size_t bytes_ = 0;       ///< of the lines that wait and of the one being written
-  unsigned long lost_ = 0;      ///< found no place since the last line that did
-  std::uint64_t accepted_ = 0;  ///< lines that found a place
-  std::uint64_t settled_ = 0;   ///< of these, written or refused
-  bool patient_ = true;         ///< callers wait for their line
-  pid_t threadOf_ = 0;          ///< the process that has the thread; a child of it has none
+  std::size_t bytes_ = 0;          ///< of the lines that wait and of the one being written
+  unsigned long lost_ = 0;         ///< found no place since the last line that did
+  std::uint64_t accepted_ = 0;     ///< lines that found a place
+  std::uint64_t settled_ = 0;      ///< of these, written or refused
+  bool patient_ = true;            ///< callers wait for their line
+  std::optional<pid_t> threadOf_;  ///< the process that has the thread; a child of it has none
 
   bool torn_ = false;  ///< the thread's own: a line was refused in its middle
 };

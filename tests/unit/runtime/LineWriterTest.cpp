@@ -13,73 +13,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
+
+#include "LinePipe.h"
 
 namespace {
 
-std::string lossLine(unsigned long lines) {
-  return std::to_string(lines) + " lost\n";
-}
-
-/// Its thread never ends, so neither may the writer and its stream.
-LineWriter* writerTo(std::FILE* stream) {
-  static auto* const all = new std::vector<LineWriter*>;
-  all->push_back(new LineWriter(stream, &lossLine));
-  return all->back();
-}
-
-/// A pipe, a stream on its writing end, and a writer of lines that lives as long as the process.
-class Pipe {
- public:
-  Pipe() {
-    EXPECT_EQ(pipe(ends_.data()), 0);
-    writer_ = writerTo(fdopen(ends_[1], "w"));
-  }
-  ~Pipe() { closeReader(); }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  void write(const std::string& line) { writer_->write(line); }
-  void closeReader() {
-    if (ends_[0] >= 0) {
-      close(ends_[0]);
-      ends_[0] = -1;
-    }
-  }
-  /// Fills the pipe to the last byte.
-  void fill() const {
-    const int flags = fcntl(ends_[1], F_GETFL);
-    fcntl(ends_[1], F_SETFL, flags | O_NONBLOCK);
-    const std::string block(4096, '#');
-    std::size_t size = block.size();
-    while (size != 0) {
-      if (::write(ends_[1], block.data(), size) < 0) size /= 2;
-    }
-    fcntl(ends_[1], F_SETFL, flags);
-  }
-  /// Everything up to and with `end`, without what fill() has put there.
-  [[nodiscard]] std::string readUpTo(const std::string& end) const {
-    std::string seen;
-    std::array<char, 4096> some{};
-    while (seen.find(end) == std::string::npos) {
-      const ssize_t count = read(ends_[0], some.data(), some.size());
-      if (count <= 0) return seen + "<end>";
-      for (ssize_t i = 0; i < count; ++i) {
-        if (some[static_cast<std::size_t>(i)] != '#') seen += some[static_cast<std::size_t>(i)];
-      }
-    }
-    return seen;
-  }
-
- private:
-  std::array<int, 2> ends_{};
-  LineWriter* writer_ = nullptr;
-};
+using test_support::Pipe;
+using test_support::writerTo;
 
 TEST(LineWriter, aLineIsThereWhenWriteReturns) {
-  Pipe reader;
-  reader.write("one\n");
-  EXPECT_EQ(reader.readUpTo("\n"), "one\n");
+  for (int i = 0; i < 20; ++i) {
+    Pipe reader;
+    reader.write("one\n");
+    EXPECT_EQ(reader.readWhatIsThere(), "one\n");
+  }
 }
 
 TEST(LineWriter, aReaderWhoDoesNotReadStopsNobodyAndGetsEverythingLater) {
@@ -111,6 +58,40 @@ TEST(LineWriter, aLineOfAnySizeHasAPlaceWhenNothingWaits) {
   const std::string wide(2 * LineWriter::waitingBytes, 'x');
   reader.write(wide + "\n");
   EXPECT_EQ(reader.readUpTo("\n"), wide + "\n");
+}
+
+TEST(LineWriter, whatWaitsMayBeAsLongAsTheBoundAndNoLonger) {
+  Pipe reader;
+  reader.fill();
+  reader.write("x");
+  const std::string rest(LineWriter::waitingBytes - 1, 'y');
+  reader.write(rest);  // just fits
+  reader.write("z");
+  EXPECT_TRUE(reader.readUpTo("lost\n") == "x" + rest + "1 lost\n");  // nobody wants to see them
+}
+
+TEST(LineWriter, oneByteThatWaitsLeavesNoRoomForALineAsLongAsTheBound) {
+  Pipe reader;
+  reader.fill();
+  reader.write("x");
+  reader.write(std::string(LineWriter::waitingBytes, 'y'));
+  EXPECT_EQ(reader.readUpTo("lost\n"), "x1 lost\n");
+}
+
+TEST(LineWriter, theBoundIsForWhatWaitsAndNotForWhatWasWritten) {
+  Pipe reader;
+  const std::string line(LineWriter::waitingBytes / 16 - 1, 'x');
+  for (int i = 0; i < 40; ++i) {
+    reader.write(line + "\n");
+    EXPECT_EQ(reader.readUpTo("\n"), line + "\n");
+  }
+}
+
+TEST(LineWriter, aLineWithoutACharacterIsNoLossEither) {
+  Pipe reader;
+  reader.write("");
+  reader.write("one\n");
+  EXPECT_EQ(reader.readUpTo("\n"), "one\n");
 }
 
 TEST(LineWriter, aReaderWhoHasGoneEndsNobody) {

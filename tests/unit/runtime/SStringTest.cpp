@@ -38,6 +38,10 @@ TEST(SString, isBuiltFromEveryKindOfText) {
   EXPECT_STREQ(SString(static_cast<const char*>(nullptr)).getString(), "");
 }
 
+TEST(SString, ofSomeCharactersStoresThemAndOneTerminator) {
+  EXPECT_EQ(SString("abcdef", 3).storage().getNumBytesStored(), 3U + 1U);
+}
+
 TEST(SString, shorterTextKeepsTheBufferAndTheStoredBytes) {
   SString text("a long enough text");
   const char* const buffer = text.getString();

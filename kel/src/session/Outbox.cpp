@@ -234,8 +234,13 @@ void Outbox::activate(Name& name, bool resendLast) {
   pump();
 }
 
+void Outbox::hold(bool on) {
+  held_ = on;
+  pump();
+}
+
 void Outbox::pump() {
-  while (online_ && inFlight_.size() < mostInFlight) {
+  while (online_ && !held_ && inFlight_.size() < mostInFlight) {
     auto next = queue_.pop();
     if (!next) return;
     auto& [handle, record] = *next;

@@ -120,6 +120,10 @@ class Outbox {
   /// Everybody in the group is known; these others came earlier under this publisher's name.
   void groupKnown(const std::vector<std::string>& earlierUnderName);
   void linkDown();
+  /// While it is on, no record leaves, neither new nor old: one that overtook those that wait would make them
+  /// repetitions. Names are claimed, and publications closed, all the same.
+  void hold(bool on);
+  [[nodiscard]] bool held() const { return held_; }
   void claimMessage(std::string_view publication, std::string_view payload, bool retained);
   /// The broker has answered the subscription to this topic; `failure` is empty or says why not.
   void subscribed(std::string_view topic, std::string_view failure);
@@ -177,6 +181,7 @@ class Outbox {
 
   SessionPorts& ports_;
   bool online_ = false;  ///< the group is known
+  bool held_ = false;
   std::set<std::string, std::less<>> earlierUnderName_;
   TextMap<std::unique_ptr<Name>> names_;          ///< by coded name
   std::deque<std::shared_ptr<SendBook>> closed_;  ///< of names that went, the newest last

@@ -83,6 +83,15 @@ bool PeerTable::anyUnconfirmed() const {
                      [](const auto& entry) { return entry.second.state == PeerState::unconfirmed; });
 }
 
+std::vector<std::string> PeerTable::everybodyAlive() const {
+  std::vector<std::string> result;
+  for (const auto& [peer, entry] : peers_) {
+    if (entry.state == PeerState::alive) result.push_back(peer);
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
 std::string PeerTable::complaint(Time now) {
   constexpr std::chrono::minutes pause{1};
   if (refused_ == 0 || (complained_ && now - *complained_ < pause)) return {};

@@ -56,6 +56,8 @@ class PeerTable {
   [[nodiscard]] bool alive(std::string_view peer) const { return state(peer) == PeerState::alive; }
   [[nodiscard]] bool known(std::string_view peer) const { return state(peer) != PeerState::gone; }
   [[nodiscard]] bool anyUnconfirmed() const;
+  /// Everybody who is alive, in order.
+  [[nodiscard]] std::vector<std::string> everybodyAlive() const;
   /// What to say about presences beyond mostPeers: at most once a minute, else empty.
   std::string complaint(Time now);
   /// Everybody known under this publisher's name.

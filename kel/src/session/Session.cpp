@@ -208,6 +208,8 @@ void Session::up() {
   upSince_ = ports_.now;
   presenceTaken_ = false;
   peers_.clear("link up");
+  reunion_.linkUp(ports_.now);
+  outbox_.hold(reunion_.waiting());
   subscribes_.linkUp();
   subscribes_.request(ports_.topics.allPublishers(), 1);
   subscribes_.request(ports_.topics.probe(), 1);
@@ -222,6 +224,7 @@ void Session::down(std::string_view reason) {
   if (link_ == LinkState::connecting) return;
   subscribes_.linkDown();
   groupRefusals_.linkDown();
+  reunion_.linkDown(peers_.everybodyAlive());
   peers_.clear("link down");
   inbox_.linkDown("the link to the broker is lost: " + std::string(reason));
   outbox_.linkDown();
@@ -280,12 +283,17 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
   }
   const std::string peer = topic.name + "/" + topic.incarnation;
   if (payload.empty()) {
+    reunion_.withdrawn(peer, peers_.alive(peer), ports_.now);
     peerGone(peer, "publisher " + topic.name + " is gone", true);
   } else {
     const PresenceNews news = presenceNews(payload);
     const auto keepAlive =
         std::min(news.keepAlive.value_or(transport_->keepAlive()), PeerTable::longestKeepAlive);
     peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive));
+    if (!retained && reunion_.waiting()) {
+      reunion_.seen(peer, news.subscribing);
+      sendAgain();
+    }
   }
 }
 
@@ -403,6 +411,7 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
     presenceSent_ += pause;
   } else if (pause > longestTick) {
     peers_.forgive(pause);
+    reunion_.forgive(pause);
     inbox_.forgive(pause);
     inbox_.stalled();
   }
@@ -424,6 +433,7 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
     outbox_.peerGone(peer);
   }
   if (probeDue_ && probes_.may(now)) publishProbe();
+  waitForOthers();
   inbox_.tick();
   outbox_.tick();
   askForGroupAgain();

@@ -18,6 +18,7 @@
 #include "session/Inbox.h"
 #include "session/Outbox.h"
 #include "session/PeerTable.h"
+#include "session/Reunion.h"
 #include "session/SessionPorts.h"
 #include "session/SessionTokens.h"
 #include "session/SubscribeWindow.h"
@@ -82,6 +83,8 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void probed(std::string_view payload) KEL_REQUIRES(mutex_);
   void answerProbes() KEL_REQUIRES(mutex_);
   void sayWhenSubscribed() KEL_REQUIRES(mutex_);
+  void waitForOthers() KEL_REQUIRES(mutex_);
+  void sendAgain() KEL_REQUIRES(mutex_);
   [[nodiscard]] std::chrono::seconds presenceKeepAlive() const;
   void publishLedger() KEL_REQUIRES(mutex_);
   [[nodiscard]] KelLedger ledgerLocked() const KEL_REQUIRES(mutex_);
@@ -102,6 +105,7 @@ class Session final : public KelFactory, private TransportListener, private Publ
   mutable Mutex mutex_;
   Condition flushed_;
   PeerTable peers_ KEL_GUARDED_BY(mutex_);
+  Reunion reunion_ KEL_GUARDED_BY(mutex_);
   SubscribeWindow subscribes_ KEL_GUARDED_BY(mutex_);
   SessionPorts ports_;  ///< `now` and `grants` under the mutex, the rest fixed
   Inbox inbox_ KEL_GUARDED_BY(mutex_);

@@ -80,6 +80,25 @@ void Session::sayWhenSubscribed() {
   if (linked && saidSubscribing_ && inbox_.subscribing() == 0) publishPresence(true);
 }
 
+void Session::waitForOthers() {
+  const std::vector<std::string> missing = reunion_.tick(ports_.now);
+  if (!missing.empty() && !outbox_.idle()) {
+    log(LogLevel::info, std::to_string(missing.size()) +
+                            " of those who were there before the link was lost, as " + missing.front() +
+                            ", have not come back in " + std::to_string(Reunion::limit.count()) +
+                            " s; records go out without them");
+  }
+  sendAgain();
+}
+
+void Session::sendAgain() {
+  if (!outbox_.held() || reunion_.waiting()) return;
+  // Who has just come back may only know what the broker had kept of this publisher, and as long as it does
+  // not know it alive it holds the newest record of each publication and no other.
+  if (!publications_.empty()) publishPresence(true);
+  outbox_.hold(false);
+}
+
 void Session::probed(std::string_view payload) {
   if (payload.ends_with(ledgerWanted)) {
     ledgerDue_ = true;

@@ -28,6 +28,11 @@ TEST(DataBlock, ofDataHoldsACopyAndStandsAtItsEnd) {
   EXPECT_EQ(block.getCurrentOffset(), 3U);
 }
 
+TEST(DataBlock, ofOneByteHoldsIt) {
+  const DataBlock block("a", 1);
+  EXPECT_EQ(stored(block), "a");
+}
+
 TEST(DataBlock, writeWithoutOffsetGoesBehindTheLastWrite) {
   DataBlock block(8);
   block.write("ab", 2);

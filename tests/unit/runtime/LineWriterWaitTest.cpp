@@ -88,6 +88,27 @@ TEST(LineWriterWait, aReaderWhoHasMadeRoomIsWaitedForBeforeTheWriterKnows) {
   EXPECT_EQ(reader.readUpTo("three\n"), "1 lost\ntwo\nthree\n");
 }
 
+TEST(LineWriterWait, aLineThatFindsNoPlaceMakesNobodyWaitForTheNext) {
+  long fewest = mostMoments;
+  for (int i = 0; i < 3; ++i) {
+    Pipe reader;
+    HoldAtLoss hold;
+    reader.fill();
+    reader.write(wide);
+    reader.write(wide);  // finds no place
+    reader.write("two\n");
+    EXPECT_TRUE(reader.readUpTo(wide) == wide);
+    EXPECT_NE(hold.awaitHeld(), 0);  // before the second line, the last
+    reader.write(
+        std::string(LineWriter::waitingBytes, 'x'));  // finds no place, though the reader has made room
+    reader.fill();
+    fewest = std::min(fewest, waitsToWrite(reader, "three\n"));
+    hold.release();
+    EXPECT_EQ(reader.readUpTo("three\n"), "1 lost\ntwo\n1 lost\nthree\n");
+  }
+  EXPECT_EQ(fewest, 0);
+}
+
 TEST(LineWriterWait, whereThereIsRoomItIsTheMachineThatIsSlowAndIsWaitedFor) {
   Pipe reader;
   {

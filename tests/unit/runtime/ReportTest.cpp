@@ -46,6 +46,13 @@ TEST(Report, noticeIsPlain) {
   EXPECT_EQ(printedBy([] { runtime::inform(plain, "P"); }), "Created subscription to P\n");
 }
 
+TEST(Report, noticeMayBeOfOneCharacterOrNone) {
+  constexpr runtime::Notice<> newLine{"Unit", "\n"};
+  constexpr runtime::Notice<> nothing{"Unit", ""};
+  EXPECT_EQ(printedBy([&newLine] { runtime::inform(newLine); }), "\n");
+  EXPECT_EQ(printedBy([&nothing] { runtime::inform(nothing); }), "");
+}
+
 TEST(Report, argumentsAreNotTakenForTexts) {
   EXPECT_EQ(printedBy([] { runtime::inform(plain, "%s%n"); }), "Created subscription to %s%n\n");
 }
@@ -201,6 +208,20 @@ TEST(Clock, canBeReplacedAndPutBack) {
   EXPECT_EQ(runtime::wallClockNow().millitm, 567);
   EXPECT_EQ(runtime::setWallClock(before), &fixedClock);
   EXPECT_GT(runtime::wallClockNow().time, 1'600'000'000);
+}
+
+long long milliseconds(time_t seconds, long fraction) {
+  return static_cast<long long>(seconds) * 1000 + fraction;
+}
+
+TEST(Clock, isTheSystemsToTheMillisecond) {
+  timespec before{};
+  timespec after{};
+  clock_gettime(CLOCK_REALTIME, &before);
+  const timeb now = runtime::wallClockNow();
+  clock_gettime(CLOCK_REALTIME, &after);
+  EXPECT_GE(milliseconds(now.time, now.millitm), milliseconds(before.tv_sec, before.tv_nsec / 1'000'000));
+  EXPECT_LE(milliseconds(now.time, now.millitm), milliseconds(after.tv_sec, after.tv_nsec / 1'000'000));
 }
 
 TEST(Clock, nullPutsTheSystemsClockBack) {

@@ -53,6 +53,7 @@ class Worker final : public SThread {
 TEST(Thread, doesNotRunBeforeStart) {
   const Worker worker;
   EXPECT_FALSE(worker.isRunning());
+  EXPECT_FALSE(worker.stopRequested());
 }
 
 TEST(Thread, runsItsBodyUntilStopped) {
@@ -99,6 +100,7 @@ TEST(Thread, bodyThatEndsAtOnceLeavesNoHandleBehind) {
     worker.start();
     worker.awaitEnd();
     EXPECT_EQ(worker.runs, 1);
+    EXPECT_TRUE(worker.stopRequested());
   }
 }
 

@@ -10,9 +10,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <deque>
+#include <list>
 #include <memory>
+#include <new>
 #include <optional>
 #include <set>
+#include <type_traits>
 #include <utility>
 
 namespace kel {
@@ -43,9 +46,9 @@ class FairQueue {
   void push(const std::shared_ptr<Owner>& owner, Item item, Dropped&& dropped) {
     Lane<Item>& lane = owner->lane;
     const Before before(*this, lane);
-    count(lane, item, true);
-    if (item.droppable) lane.newestBytes = item.bytes;
-    lane.items.push_back(std::move(item));
+    const Item& added = lane.items.emplace_back(std::move(item));
+    count(lane, added, true);
+    if (added.droppable) lane.newestBytes = added.bytes;
     before.settle();
     while (overfull() && !heavy_.empty()) dropOldest(*heavy_.rbegin()->second, dropped);
     schedule(owner);
@@ -62,20 +65,28 @@ class FairQueue {
     schedule(owner);
   }
 
-  /// The next item in turn, with the owner of its lane.
-  std::optional<std::pair<std::shared_ptr<Owner>, Item>> pop() {
+  /// The next item in turn, with the owner of its lane. Takes no memory, so it cannot fail.
+  std::optional<std::pair<std::shared_ptr<Owner>, Item>> pop() noexcept {
+    static_assert(std::is_nothrow_move_constructible_v<Item>);
     while (!turns_.empty()) {
-      std::shared_ptr<Owner> owner = std::move(turns_.front());
-      turns_.pop_front();
+      std::shared_ptr<Owner> owner = turns_.front();
       Lane<Item>& lane = owner->lane;
-      lane.scheduled = false;
-      if (!lane.ready || lane.items.empty()) continue;
+      if (!lane.ready || lane.items.empty()) {
+        lane.scheduled = false;
+        turns_.pop_front();
+        continue;
+      }
       const Before before(*this, lane);
       Item item = std::move(lane.items.front());
       lane.items.pop_front();
       count(lane, item, false);
       before.settle();
-      schedule(owner);
+      lane.scheduled = !lane.items.empty();
+      if (lane.scheduled) {
+        turns_.splice(turns_.end(), turns_, turns_.begin());
+      } else {
+        turns_.pop_front();
+      }
       return std::pair(std::move(owner), std::move(item));
     }
     return std::nullopt;
@@ -128,15 +139,24 @@ class FairQueue {
    public:
     Before(FairQueue& queue, Lane<Item>& lane)
         : queue_(queue), lane_(lane), items_(spareItems(lane)), bytes_(spareBytes(lane)) {}
-    void settle() const {
+    void settle() const noexcept {
       const std::size_t items = spareItems(lane_);
       const std::size_t bytes = spareBytes(lane_);
       queue_.spareItems_ += items - items_;
       queue_.spareBytes_ += bytes - bytes_;
       const std::size_t weight = items == 0 ? 0 : items * queue_.itemWeight_ + bytes;
       if (weight == lane_.weight) return;
-      if (lane_.weight != 0) queue_.heavy_.erase({lane_.weight, &lane_});
-      if (weight != 0) queue_.heavy_.emplace(weight, &lane_);
+      auto place = queue_.heavy_.extract({lane_.weight, &lane_});
+      if (weight != 0 && place) {
+        place.value().first = weight;
+        queue_.heavy_.insert(std::move(place));
+      } else if (weight != 0) {
+        try {
+          queue_.heavy_.emplace(weight, &lane_);
+        } catch (const std::bad_alloc&) {
+          return;  // it gives nothing before it changes again
+        }
+      }
       lane_.weight = weight;
     }
 
@@ -171,8 +191,8 @@ class FairQueue {
   void schedule(const std::shared_ptr<Owner>& owner) {
     Lane<Item>& lane = owner->lane;
     if (!lane.ready || lane.scheduled || lane.items.empty()) return;
-    lane.scheduled = true;
     turns_.push_back(owner);
+    lane.scheduled = true;
   }
 
   const std::size_t mostItems_;
@@ -183,7 +203,7 @@ class FairQueue {
   std::size_t spareItems_ = 0;
   std::size_t spareBytes_ = 0;
   std::set<std::pair<std::size_t, Lane<Item>*>> heavy_;  ///< the lanes that have something to give
-  std::deque<std::shared_ptr<Owner>> turns_;
+  std::list<std::shared_ptr<Owner>> turns_;
 };
 
 }  // namespace kel

@@ -62,14 +62,16 @@ void Outbox::subscribed(std::string_view topic, std::string_view failure) {
     publishClaim(*at->second, false);
     return;
   }
-  claimRefused(*at->second, failure, true);
+  claimRefused(*at->second, refusedClaim(*at->second, failure),
+               "to read " + ports_.topics.claim(at->second->coded));
 }
 
-void Outbox::claimRefused(Name& name, std::string_view failure, bool reading) {
-  const std::string text =
-      "the broker refused the claim on publication " + name.publication + ": " + std::string(failure);
-  const std::string right = (reading ? "to read " : "to write ") + ports_.topics.claim(name.coded);
-  const bool news = claimRefusals_.refused(name.coded, text, right, ports_.now);
+std::string Outbox::refusedClaim(const Name& name, std::string_view failure) {
+  return "the broker refused the claim on publication " + name.publication + ": " + std::string(failure);
+}
+
+void Outbox::claimRefused(Name& name, const std::string& text, std::string right) {
+  const bool news = claimRefusals_.refused(name.coded, text, std::move(right), ports_.now);
   if (news && !name.handles.empty()) tell(*name.handles.front(), text);
 }
 
@@ -81,7 +83,8 @@ void Outbox::askAgain() {
       continue;
     }
     name->claimTaken = false;
-    claimRefused(*name, "it was taken and does not come back", true);
+    claimRefused(*name, refusedClaim(*name, "it was taken and does not come back"),
+                 "to read " + ports_.topics.claim(coded));
   }
   for (const std::string& coded : claimRefusals_.due(ports_.now, pause)) {
     const auto at = names_.find(coded);

@@ -151,17 +151,22 @@ std::uint64_t Outbox::publishControl(const std::string& topic, std::string paylo
   return token;
 }
 
-void Outbox::claimPublished(std::uint64_t token, std::string_view failure) {
+Outbox::Name* Outbox::claimed(std::uint64_t token) {
   const auto at = claimTokens_.find(token);
-  if (at == claimTokens_.end()) return;
+  if (at == claimTokens_.end()) return nullptr;
   const auto name = names_.find(at->second);
   claimTokens_.erase(at);
-  if (name == names_.end()) return;
+  return name == names_.end() ? nullptr : name->second.get();
+}
+
+void Outbox::claimPublished(std::uint64_t token, std::string_view failure) {
+  Name* const name = claimed(token);
+  if (name == nullptr) return;
   if (failure.empty()) {
-    name->second->claimTaken = true;
-    name->second->claimTakenAt = ports_.now;
+    name->claimTaken = true;
+    name->claimTakenAt = ports_.now;
   } else {
-    claimRefused(*name->second, failure, false);
+    claimRefused(*name, refusedClaim(*name, failure), "to write " + ports_.topics.claim(name->coded));
   }
 }
 

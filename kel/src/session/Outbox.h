@@ -163,8 +163,12 @@ class Outbox {
   void activate(Name& name, bool resendLast);
   void publishClosed(Name& name);
   std::uint64_t publishControl(const std::string& topic, std::string payload);
+  /// Whose claim it was that the broker has answered; null when it is nobody's any more.
+  Name* claimed(std::uint64_t token);
   void claimPublished(std::uint64_t token, std::string_view failure);
-  void claimRefused(Name& name, std::string_view failure, bool reading);
+  static std::string refusedClaim(const Name& name, std::string_view failure);
+  /// `right` is the one that may be missing; empty when it is none.
+  void claimRefused(Name& name, const std::string& text, std::string right);
   void askAgain();
   void pump();
   void enqueue(PublicationHandle& handle, EncodedRecord record, LastRecord lastOf);

@@ -18,17 +18,32 @@ constexpr std::size_t leastSuspect = 16U << 10U;
 /// For how long no record is tried that is as large as one that ended a link.
 constexpr auto linkEndingRemembered = 10min;
 
-/// An empty failure: nobody was asked, it is our own limit.
-std::string tooLargeText(const std::string& of, const Oversize& what) {
-  const char* const taker = what.failure.empty() ? "Kel" : "the broker";
-  return "a record of " + std::to_string(what.size) + " bytes" + of + " is too large for " + taker +
-         (what.limit == 0 ? std::string(", which does not say how much it takes")
-                          : ", which takes at most " + std::to_string(what.limit) + " bytes");
-}
+/// What a record is called.
+constexpr const char* aRecord = "a record";
 
 }  // namespace
 
+// An empty failure: nobody was asked, it is our own limit.
+std::string tooLargeText(const std::string& what, const std::string& of, const Oversize& size) {
+  const char* const taker = size.failure.empty() ? "Kel" : "the broker";
+  return what + " of " + std::to_string(size.size) + " bytes" + of + " is too large for " + taker +
+         (size.limit == 0 ? std::string(", which does not say how much it takes")
+                          : ", which takes at most " + std::to_string(size.limit) + " bytes");
+}
+
+std::string tooLargeAsSaid(const std::string& what, const std::string& of, const Oversize& size) {
+  std::string text = tooLargeText(what, of, size);
+  if (!size.failure.empty()) text.append(": ").append(size.failure);
+  return text;
+}
+
 void Outbox::oversize(std::uint64_t token, const Oversize& what) {
+  if ((token & controlToken) != 0) {
+    if (Name* const name = claimed(token)) {
+      claimRefused(*name, tooLargeAsSaid("the claim", " on publication " + name->publication, what), {});
+    }
+    return;
+  }
   if (token < firstInFlight_ || token - firstInFlight_ >= inFlight_.size()) return;
   InFlight& entry = inFlight_[token - firstInFlight_];
   if (entry.done) return;
@@ -46,8 +61,7 @@ void Outbox::tooLarge(PublicationHandle& handle, std::int64_t sequence, const Ov
     endsLinksUntil_ = ports_.now + linkEndingRemembered;
   }
   if (handle.name == nullptr) return;
-  std::string text = tooLargeText(" of publication " + handle.publication(), what);
-  if (!what.failure.empty()) text.append(": ").append(what.failure);
+  const std::string text = tooLargeAsSaid(aRecord, " of publication " + handle.publication(), what);
   const std::string line = text + "; it is declared bad until a record fits";
   if (sizeRefusals_.refused(handle.name->coded, line, ports_.now)) tell(handle, text);
   // What was sent after it has the last word.
@@ -56,16 +70,16 @@ void Outbox::tooLarge(PublicationHandle& handle, std::int64_t sequence, const Ov
 
 void Outbox::declareTooLarge(PublicationHandle& handle, const Oversize& what) {
   if (handle.lastOf == LastRecord::badWithoutFields) {
-    sizeRefusals_.say(
-        LogLevel::warn,
-        "publication " + handle.publication() + " cannot even be declared bad: " + tooLargeText({}, what),
-        ports_.now);
+    sizeRefusals_.say(LogLevel::warn,
+                      "publication " + handle.publication() +
+                          " cannot even be declared bad: " + tooLargeText(aRecord, {}, what),
+                      ports_.now);
     return;
   }
   std::string_view fields;
   LastRecord next = LastRecord::badWithoutFields;
   if (handle.lastOf == LastRecord::application) {
-    handle.sizeReason = tooLargeText({}, what);
+    handle.sizeReason = tooLargeText(aRecord, {}, what);
     if (handle.taken && handle.taken->bytes < what.size) {
       next = LastRecord::badInItsPlace;
       fields = std::string_view(*handle.taken->payload)

@@ -49,8 +49,9 @@ void Refusals::say(Time now, std::chrono::nanoseconds pause) {
   told_ = now;
   std::string line = sentence_;
   if (keys_.size() > 1) line += " (and " + std::to_string(keys_.size() - 1) + " more like it)";
-  line += "; has this user the right " + right_ + "? Asking again every " +
-          std::to_string(std::chrono::duration_cast<std::chrono::seconds>(pause).count()) + " s";
+  line += right_.empty() ? "; asking again every "
+                         : "; has this user the right " + right_ + "? Asking again every ";
+  line += std::to_string(std::chrono::duration_cast<std::chrono::seconds>(pause).count()) + " s";
   log(LogLevel::warn, line);
 }
 

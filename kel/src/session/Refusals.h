@@ -31,8 +31,8 @@ class Refusals {
   /// shared by all kinds.
   Refusals(std::string granted, Grants& grants) : grantedLine_(std::move(granted)), grants_(grants) {}
 
-  /// `sentence` says what is refused and why, `right` the right that may be missing ("to read TOPIC").
-  /// True when `key` was not refused so far.
+  /// `sentence` says what is refused and why, `right` the right that may be missing ("to read TOPIC"); empty
+  /// when it is none. True when `key` was not refused so far.
   bool refused(const std::string& key, std::string sentence, std::string right, Time now);
   void granted(const std::string& key);
   /// Nobody asks for it any more.

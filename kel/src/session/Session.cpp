@@ -371,12 +371,17 @@ void Session::published(std::uint64_t token, std::string_view failure) {
 }
 
 void Session::oversize(std::uint64_t token, const Oversize& what) {
-  if ((token & controlToken) != 0) {
-    published(token, what.failure);
-    return;
-  }
   const MutexLock lock(mutex_);
-  outbox_.oversize(token, what);
+  if (token == withdrawalToken) {
+    withdrawn_ = true;
+  } else if (token == presenceToken) {
+    groupRefusals_.refused(
+        ports_.topics.publisher(codedName_, ports_.self.incarnation),
+        tooLargeAsSaid("the presence", " of this publisher", what) + "; without it nothing can be published",
+        {}, ports_.now);
+  } else {
+    outbox_.oversize(token, what);
+  }
   wakeFlush();
 }
 

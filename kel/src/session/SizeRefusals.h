@@ -1,4 +1,4 @@
-// SizeRefusals: whose records a broker takes for too large, said in a bounded number of lines.
+// SizeRefusals: what a broker takes for too large, and whose records, said in a bounded number of lines.
 //
 // Each publication is said when it begins and when a record of it fits again. Not thread-safe: under the
 // session's lock.
@@ -10,8 +10,15 @@
 #include <string>
 
 #include "Log.h"
+#include "transport/KelTransport.h"
 
 namespace kel {
+
+/// "WHAT of 2000 bytes OF is too large for the broker, which takes at most 1000 bytes".
+[[nodiscard]] std::string tooLargeText(const std::string& what, const std::string& of, const Oversize& size);
+/// The same with the broker's own words behind it.
+[[nodiscard]] std::string tooLargeAsSaid(const std::string& what, const std::string& of,
+                                         const Oversize& size);
 
 class SizeRefusals {
  public:

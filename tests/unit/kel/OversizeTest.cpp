@@ -11,6 +11,8 @@ namespace kel {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
 using testing::Handler;
 using ::testing::HasSubstr;
 using testing::KelFixture;
@@ -149,6 +151,57 @@ TEST_F(OversizeTest, SaysTheSizeInOneLineAndAsksForNoRight) {
   EXPECT_THAT(said, HasSubstr("of publication x is too large for the broker"));
   EXPECT_THAT(said, Not(HasSubstr("right")));
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+}
+
+TEST_F(OversizeTest, OfAClaimIsSaidWithItsSizeAndAsksForNoRight) {
+  Handler& handler = newHandler();
+  auto a = factory("a", "a1");
+  broker->limitSize(20);
+  ::testing::internal::CaptureStderr();
+  KelPublication* publication = a->createPublication("x", &handler);
+  send(publication, 1);
+  advance(2s);  // before the presence is due again
+  std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(said,
+              ContainsRegex("the claim of [0-9]+ bytes on publication x is too large for the broker, which "
+                            "does not say how much it takes: too large; asking again every 10 s"));
+  EXPECT_THAT(said, Not(HasSubstr("right")));
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+  EXPECT_THAT(handler.lines(1),
+              ElementsAre(ContainsRegex("^x: the claim of [0-9]+ bytes on publication x is too")));
+  EXPECT_EQ(broker->retained("kel/g/data/x"), "") << "nothing may be published yet";
+
+  ::testing::internal::CaptureStderr();
+  broker->limitSize(0);
+  advance(11s);
+  ASSERT_TRUE(a->flush(30s));
+  said = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(shown().value, 1);
+  EXPECT_THAT(said, HasSubstr("the broker grants the claims that it refused"));
+}
+
+TEST_F(OversizeTest, OfAPresenceIsSaidWithItsSizeAndAsksForNoRight) {
+  broker->limitSize(20);
+  ::testing::internal::CaptureStderr();
+  auto a = factory("a", "a1");
+  KelPublication* publication = a->createPublication("x", nullptr);
+  send(publication, 1);
+  advance(15s);
+  std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(
+      said, ContainsRegex("the presence of [0-9]+ bytes of this publisher is too large for the broker, which "
+                          "does not say how much it takes: too large; without it nothing can be published; "
+                          "asking again every 10 s"));
+  EXPECT_THAT(said, Not(HasSubstr("right")));
+  EXPECT_EQ(broker->retained("kel/g/data/x"), "");
+
+  ::testing::internal::CaptureStderr();
+  broker->limitSize(0);
+  advance(11s);
+  ASSERT_TRUE(a->flush(30s));
+  said = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(shown().value, 1);
+  EXPECT_THAT(said, HasSubstr("the broker lets this process take part in its group"));
 }
 
 TEST_F(OversizeTest, EndsTheLoopOfALinkThatTheBrokerClosesOverARecord) {

@@ -23,7 +23,8 @@ std::uint8_t differences(const ElementState& left, const ElementState& right) {
   if (left.valueTimeMs != right.valueTimeMs || !sameShared(left.attributes.value, right.attributes.value)) {
     bits |= attributeValue;
   }
-  if (left.attributes.invalid != right.attributes.invalid) {
+  if (left.attributes.invalid != right.attributes.invalid ||
+      left.attributes.unreadable != right.attributes.unreadable) {
     bits |= attributeInvalid;
   }
   if (left.attributes.userBit1 != right.attributes.userBit1) {
@@ -258,8 +259,12 @@ bool Followers::apply(Follower& follower, std::uint32_t slotIndex, const Element
                       std::int64_t timeMs, std::uint64_t sequence) {
   Slot& slot = follower.slots[slotIndex];
   ElementAttributes& mine = slot.state.attributes;
+  std::uint8_t touched = attributes.mask;
   slot.sequence = sequence;
   if ((attributes.mask & attributeValue) != 0) {
+    if (std::exchange(mine.unreadable, attributes.unreadable) != attributes.unreadable) {
+      touched |= attributeInvalid;  // it is shown as invalid, whatever the flag says
+    }
     mine.value = attributes.value;
     slot.bytes = mine.value ? sizeOf(*mine.value) : 0;
     slot.state.valueTimeMs = timeMs;
@@ -276,7 +281,7 @@ bool Followers::apply(Follower& follower, std::uint32_t slotIndex, const Element
   if ((attributes.mask & attributeUserBit2) != 0) {
     mine.userBit2 = attributes.userBit2;
   }
-  return (attributes.mask & slot.wanted) != 0;
+  return (touched & slot.wanted) != 0;
 }
 
 void Followers::changed(const Change& change) {
@@ -365,15 +370,17 @@ void Followers::sayChange(ElementId element, DpElementType before, DpElementType
 }
 
 Standing Followers::standing(const Follower& follower, const Slot& slot) const {
-  if (!follower.isConnect) {
-    return Standing::sound;  // a read takes the element as it is
+  const ElementAttributes& mine = slot.state.attributes;
+  if (follower.isConnect) {  // a read takes the element as it is
+    if (catalogue_.typeOf(mine.element) != slot.type ||
+        (mine.value && mine.value->isA() != variableTypeOf(slot.type))) {
+      return Standing::gone;
+    }
+    if (mine.unreadable && !follower.list) {
+      return Standing::gone;  // a list of names is not to pass for an empty one
+    }
   }
-  const SharedValue& value = slot.state.attributes.value;
-  if (catalogue_.typeOf(slot.state.attributes.element) != slot.type ||
-      (value && value->isA() != variableTypeOf(slot.type))) {
-    return Standing::gone;
-  }
-  return follower.distrusted ? Standing::unsure : Standing::sound;
+  return mine.unreadable || follower.distrusted ? Standing::unsure : Standing::sound;
 }
 
 std::size_t Followers::distrust() {

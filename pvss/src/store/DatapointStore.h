@@ -40,6 +40,7 @@ struct ElementAttributes {
   bool userBit1 = false;
   bool userBit2 = false;
   std::shared_ptr<const Variable> value;
+  bool unreadable = false;  ///< of what was read: there is a value, but not one of the element's type
 };
 
 /// One dpSetTimed call: applied whole, with one time and one notification, or not at all.

@@ -79,7 +79,7 @@ void RedisStore::takeState(ReplyCursor& reply, ElementState& state) {
   ElementAttributes& attributes = state.attributes;
   attributes.mask = attributeValue | attributeInvalid | attributeUserBit1 | attributeUserBit2;
   attributes.value.reset();
-  bool readable = true;
+  attributes.unreadable = false;
   reply.array();
   if (reply.isNil()) {
     reply.skip();
@@ -90,12 +90,12 @@ void RedisStore::takeState(ReplyCursor& reply, ElementState& state) {
       std::string error;
       attributes.value = parseValueText(type, text, error);
       if (!attributes.value) {
-        readable = false;
+        attributes.unreadable = true;
         sayUnreadable(directory_->nameOf(attributes.element), error);
       }
     }
   }
-  attributes.invalid = reply.text() != "0" || !readable;
+  attributes.invalid = reply.text() != "0";
   attributes.userBit1 = reply.text() == "1";
   attributes.userBit2 = reply.text() == "1";
   state.valueTimeMs = reply.integer();
@@ -270,8 +270,7 @@ void RedisStore::takeWritten(std::string_view name, std::string_view text) {
   std::string error;
   attributes.value = parseValueText(type, view.value, error);
   if (!attributes.value) {
-    attributes.mask |= attributeInvalid;  // nobody is to take the default for what was written
-    attributes.invalid = true;
+    attributes.unreadable = true;
     sayUnreadable(name, error);
   }
 }

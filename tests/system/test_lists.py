@@ -133,3 +133,25 @@ def test_lists_of_a_thousand_elements_change_under_traffic_without_losing_a_reco
 
     harness.wait_until(lambda: f"the newest record in every mapped element, not {dict(list(not_there().items())[:5])}\n"
                        + gateway.said(), lambda: not not_there(), 60)
+
+
+def test_a_list_of_another_type_from_the_start_is_said_in_one_line_and_followed_once_it_is_a_list(site):
+    site.apply({"A.x": "int"}, {"p1": {"t": "A.x"}})
+    site.broker.publish("p1", codec.encode({"t": ("int", 5)}, time_ns=NS))
+    site.redis.command("FCALL", "dp_put", "0", "hand", harness.LIST, "text")
+    site.done("dp", "set", harness.LIST, "A.x")
+    gateway = site.gateway()
+
+    def said():
+        return [line for line in gateway.err if harness.LIST in line]
+
+    harness.wait_until(lambda: "the line\n" + gateway.said(), said)
+    harness.holds_for("nothing loaded", lambda: not gateway.out and gateway.running(), 1)
+    (line,) = said()
+    assert "is of type text, not dyn_text" in line, line
+
+    site.apply({"A.x": "int"}, {"p1": {"t": "A.x"}})
+    harness.wait_until(lambda: "the value\n" + gateway.said(), lambda: value(site, "A.x") == (5, False))
+    assert gateway.out == ["Created DPEWrapper for DPE A.x", "Created subscription to p1",
+                           "Created client mapping between DPE A.x and publication p1\x1at"]
+    assert len(said()) == 2 and "dyn_text" in said()[1], said()

@@ -333,8 +333,12 @@ void Followers::catalogueChanged(ElementId element) {
     Slot& slot = follower.slots[interest.slot];
     const bool otherType = now != slot.typeSeen;
     if (otherType) {
+      const bool putRight = isLateList(follower, slot, now);
+      if (putRight) {
+        slot.type = now;
+      }
       if (!std::exchange(said, true)) {
-        sayChange(element, slot.typeSeen, now);
+        sayChange(element, slot.typeSeen, now, putRight);
       }
       slot.typeSeen = now;
       take(slot, ElementState());  // the store has dropped it too
@@ -353,8 +357,17 @@ void Followers::catalogueChanged(ElementId element) {
   }
 }
 
-void Followers::sayChange(ElementId element, DpElementType before, DpElementType now) const {
+// Connected by itself is what a list of names is, and those who wait for one take no other value.
+bool Followers::isLateList(const Follower& follower, const Slot& slot, DpElementType now) {
+  return !follower.list && slot.type != DPELEMENT_DYNTEXT && now == DPELEMENT_DYNTEXT;
+}
+
+void Followers::sayChange(ElementId element, DpElementType before, DpElementType now, bool putRight) const {
   const std::string& name = catalogue_.nameOf(element);
+  if (putRight) {
+    log::info("pvss", "{} is of type {} now: it is taken for a list of names", name, typeWord(now));
+    return;
+  }
   if (now == DPELEMENT_NOELEMENT) {
     log::warn("pvss", "{} was deleted: whoever follows it gets no value of it any more", name);
   } else if (before == DPELEMENT_NOELEMENT) {

@@ -111,7 +111,8 @@ class Followers {
   void checked(const FollowerPtr& follower, std::uint64_t sequence, ElementState* states);
   static void take(Slot& slot, ElementState state);
   void checkAgain(const FollowerPtr& follower);
-  void sayChange(ElementId element, DpElementType before, DpElementType now) const;
+  void sayChange(ElementId element, DpElementType before, DpElementType now, bool putRight) const;
+  [[nodiscard]] static bool isLateList(const Follower& follower, const Slot& slot, DpElementType now);
   [[nodiscard]] Standing standing(const Follower& follower, const Slot& slot) const;
   bool apply(Follower& follower, std::uint32_t slot, const ElementAttributes& attributes, std::int64_t timeMs,
              std::uint64_t sequence);

@@ -12,6 +12,7 @@ class KelPublicationErrorHandler {
   virtual ~KelPublicationErrorHandler() = default;
   /// Once for each time that the publication cannot work: another live publisher owns it or this publisher's
   /// name, its name is impossible, or the broker refused a record. The publication takes over by itself when
-  /// the other one is gone.
+  /// the other one is gone. Not when this process gives way to another one of its name because all of its
+  /// own records are bad: the library's log says so, once for all publications.
   virtual void handleException(KelPublication* publication, KelException& exception) = 0;
 };

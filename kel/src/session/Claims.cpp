@@ -193,19 +193,24 @@ void Outbox::becomeOwner(Name& name) {
 }
 
 void Outbox::lose(Name& name, std::string_view winner, bool confirmed, std::string_view cause) {
+  if (setWaiting(name, winner, confirmed, cause)) tellLoss(name);
+}
+
+/// False when the name was only here to be closed, and is no more.
+bool Outbox::setWaiting(Name& name, std::string_view winner, bool confirmed, std::string_view cause) {
   transition(name.state, PublicationState::waiting, "publication " + name.publication, cause);
   name.rival = winner;
   name.rivalIsOwner = confirmed;
   name.waitingSince = ports_.now;
   if (name.handles.empty()) {
     removeName(name);  // destroyed, and somebody else's now
-    return;
+    return false;
   }
   name.mustClose = false;
   const auto& active = name.handles.front();
   queue_.setReady(active, false);
   queue_.trim(*active, 1, [&](const OutgoingRecord& record) { superseded(*name.book, record); });
-  tellLoss(name);
+  return true;
 }
 
 void Outbox::tellLoss(Name& name) {
@@ -250,6 +255,7 @@ void Outbox::peerGone(std::string_view peer) {
 
 void Outbox::tick() {
   askAgain();
+  watchQuality();
   if (!online_ || !earlierUnderName_.empty()) return;
   std::vector<Name*> again;
   for (auto& [coded, name] : names_) {

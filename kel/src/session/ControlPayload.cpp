@@ -51,6 +51,8 @@ std::string encodePresence(const PresencePayload& presence, std::int64_t timesta
   putNumber(record, "started", presence.startedNanoseconds);
   putNumber(record, "keepAlive", presence.keepAlive.count());
   putNumber(record, "subscribing", presence.subscribing);
+  putNumber(record, "publishing", presence.publishing);
+  putNumber(record, "gaveWay", presence.gaveWay);
   for (const auto& [name, counter] : counterNames) {
     putNumber(record, "counters/" + std::string(name), presence.counters.*counter);
   }
@@ -80,6 +82,8 @@ PresenceNews presenceNews(std::string_view payload) {
   const std::int64_t seconds = numberOf(*decoded.record, "keepAlive");
   if (seconds >= 1 && seconds <= 3600) news.keepAlive = std::chrono::seconds(seconds);
   news.subscribing = std::max<std::int64_t>(numberOf(*decoded.record, "subscribing"), 0);
+  news.publishing = std::max<std::int64_t>(numberOf(*decoded.record, "publishing"), 0);
+  news.gaveWay = std::max<std::int64_t>(numberOf(*decoded.record, "gaveWay"), 0);
   return news;
 }
 

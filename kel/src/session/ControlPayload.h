@@ -31,6 +31,8 @@ struct PresencePayload {
   std::chrono::seconds keepAlive{5};  ///< it is published at least twice as often
   KelCounters counters;
   std::int64_t subscribing = 0;  ///< data subscriptions that the broker has not answered yet on this link
+  std::int64_t publishing = 0;   ///< publications whose last record was sent as good
+  std::int64_t gaveWay = 0;      ///< how often it went behind the others of its name
 };
 [[nodiscard]] std::string encodePresence(const PresencePayload& presence, std::int64_t timestampMs);
 /// Fills what the payload says; false when it is not a presence.
@@ -40,6 +42,8 @@ bool decodePresence(std::string_view payload, KelPublisherInfo& info);
 struct PresenceNews {
   std::optional<std::chrono::seconds> keepAlive;  ///< nothing when it names none that makes sense
   std::int64_t subscribing = 0;                   ///< 0 when it does not say
+  std::int64_t publishing = 0;                    ///< likewise
+  std::int64_t gaveWay = 0;                       ///< likewise
 };
 /// Unpacks it once; of a payload that is no presence there is no news.
 [[nodiscard]] PresenceNews presenceNews(std::string_view payload);

@@ -190,7 +190,11 @@ void Outbox::send(PublicationHandle& handle, EncodedRecord record, bool isGood) 
   if (handle.name == nullptr) return;
   Name& name = *handle.name;
   SendBook& book = *name.book;
-  if (isGood) handle.everSent = true;
+  handle.good = isGood;
+  if (isGood) {
+    handle.everSent = true;
+    badSince_.reset();
+  }
   if (const std::size_t size = record.bytes.size(); size + 32 > largestPayload) {
     count(book, &KelCounters::sends);
     ++book.row.last;

@@ -93,6 +93,7 @@ class PublicationHandle final : public KelPublication,
   std::size_t fieldsBegin = 0;              ///< of the last sent fields in it
   std::size_t fieldsEnd = 0;
   bool everSent = false;  ///< send() was called, not only declareBad()
+  bool good = false;      ///< send() was called last
   LastRecord lastOf = LastRecord::application;
   std::optional<OutgoingRecord> taken;  ///< the last record with fields that the broker has acknowledged
   std::string sizeReason;               ///< of the last record, when it is ours
@@ -105,6 +106,9 @@ class PublicationHandle final : public KelPublication,
 
 class Outbox {
  public:
+  /// For how long all publications have to be bad before others may have their names.
+  static constexpr std::chrono::seconds badPatience{2};
+
   Outbox(SessionPorts& ports, std::size_t mostRecords, std::size_t mostBytes);
   ~Outbox();
   Outbox(const Outbox&) = delete;
@@ -130,6 +134,17 @@ class Outbox {
   void peerAlive(std::string_view peer);
   void peerGone(std::string_view peer);
   void tick();
+  /// This process was not running for so long.
+  void forgive(std::chrono::nanoseconds pause);
+
+  // GiveWay.cpp
+  /// Of how many publications the application's last word is a good record, whoever may publish them.
+  [[nodiscard]] std::int64_t publishing() const;
+  /// Whether names are kept here from others of this publisher's name for nothing: what was sent has been
+  /// bad, all of it, for longer than badPatience.
+  [[nodiscard]] bool keepsNamesForNothing() const;
+  /// Gives every name up, as if these others had come earlier under this publisher's name.
+  void giveWay(const std::vector<std::string>& earlierUnderName);
   void published(std::uint64_t token, std::string_view failure);
   void oversize(std::uint64_t token, const Oversize& what);
 
@@ -157,6 +172,7 @@ class Outbox {
   void decide(Name& name);
   void becomeOwner(Name& name);
   void lose(Name& name, std::string_view winner, bool confirmed, std::string_view cause);
+  bool setWaiting(Name& name, std::string_view winner, bool confirmed, std::string_view cause);
   void otherClaim(Name& name, const ClaimPayload& claim);
   void tellLoss(Name& name);
   void tell(const PublicationHandle& handle, const std::string& text);
@@ -183,6 +199,9 @@ class Outbox {
   void refuseQueued(PublicationHandle& handle, const OutgoingRecord& record);
   InFlight* convictedOfLostLinks();
 
+  // GiveWay.cpp
+  void watchQuality();
+
   SessionPorts& ports_;
   bool online_ = false;  ///< the group is known
   bool held_ = false;
@@ -206,6 +225,7 @@ class Outbox {
   /// Records of this size have ended a link, and are not tried again before then.
   std::size_t endsLinks_ = std::numeric_limits<std::size_t>::max();
   PeerTable::Time endsLinksUntil_;
+  std::optional<PeerTable::Time> badSince_;  ///< that all publications are
   KelCounters total_;
 };
 

@@ -21,16 +21,17 @@ const char* stateName(PeerState state) {
 }
 
 PeerTable::Change PeerTable::sawPresence(std::string_view peer, bool retained, Time now,
-                                         std::chrono::nanoseconds limit) {
+                                         std::chrono::nanoseconds limit, std::int64_t gaveWay) {
   auto at = peers_.find(peer);
   if (at == peers_.end()) {
     if (peers_.size() >= mostPeers || peer.size() > longestPublisher) {
       ++refused_;
       return {};
     }
-    at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now, {}}).first;
+    at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now, {}, 0}).first;
   }
   Peer& entry = at->second;
+  entry.gaveWay = gaveWay;
   if (!retained || entry.state != PeerState::alive) {
     const std::chrono::nanoseconds most = retained ? unconfirmedLimit : longestLimit;
     entry.limit = std::min(limit, most);
@@ -44,6 +45,11 @@ PeerTable::Change PeerTable::sawPresence(std::string_view peer, bool retained, T
     changed = transition(entry.state, PeerState::unconfirmed, "publisher " + at->first, "kept presence");
   }
   return {entry.state, changed};
+}
+
+bool PeerTable::gaveWayBefore(std::string_view peer, std::int64_t gaveWay) const {
+  const auto at = peers_.find(peer);
+  return at != peers_.end() && gaveWay > at->second.gaveWay;
 }
 
 bool PeerTable::remove(std::string_view peer, std::string_view cause) {

@@ -42,7 +42,10 @@ class PeerTable {
     PeerState state = PeerState::gone;
     bool changed = false;
   };
-  Change sawPresence(std::string_view peer, bool retained, Time now, std::chrono::nanoseconds limit);
+  Change sawPresence(std::string_view peer, bool retained, Time now, std::chrono::nanoseconds limit,
+                     std::int64_t gaveWay = 0);
+  /// It has gone behind the others of its name since its last presence, if it says so many times now.
+  [[nodiscard]] bool gaveWayBefore(std::string_view peer, std::int64_t gaveWay) const;
   /// Its presence was withdrawn. False when it was not known.
   bool remove(std::string_view peer, std::string_view cause);
   void clear(std::string_view cause);
@@ -68,6 +71,7 @@ class PeerTable {
     PeerState state = PeerState::gone;
     Time heard;
     std::chrono::nanoseconds limit{};
+    std::int64_t gaveWay = 0;  ///< times, by its last presence
   };
   TextMap<Peer> peers_;
   std::int64_t refused_ = 0;  ///< presences beyond mostPeers since they were last spoken of

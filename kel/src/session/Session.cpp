@@ -289,11 +289,15 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
     const PresenceNews news = presenceNews(payload);
     const auto keepAlive =
         std::min(news.keepAlive.value_or(transport_->keepAlive()), PeerTable::longestKeepAlive);
-    peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive));
+    // A withdrawal that was dropped on its way: two that each wait for the other would wait for ever.
+    if (peers_.gaveWayBefore(peer, news.gaveWay))
+      peerGone(peer, "publisher " + topic.name + " gives way to another", true);
+    peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive, news.gaveWay));
     if (!retained && reunion_.waiting()) {
       reunion_.seen(peer, news.subscribing);
       sendAgain();
     }
+    if (!retained && topic.name == ports_.self.name && news.publishing > 0) giveWayTo(peer);
   }
 }
 
@@ -418,6 +422,7 @@ void Session::noteStall(std::chrono::steady_clock::time_point now) {
     peers_.forgive(pause);
     reunion_.forgive(pause);
     inbox_.forgive(pause);
+    outbox_.forgive(pause);
     inbox_.stalled();
   }
   ports_.now = now;
@@ -441,6 +446,7 @@ void Session::tick(std::chrono::steady_clock::time_point now) {
   waitForOthers();
   inbox_.tick();
   outbox_.tick();
+  askForSuccessor();
   askForGroupAgain();
 }
 

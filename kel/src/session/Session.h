@@ -78,6 +78,10 @@ class Session final : public KelFactory, private TransportListener, private Publ
   void peerGone(const std::string& peer, std::string_view reason, bool withdrawn) KEL_REQUIRES(mutex_);
   void groupKnown() KEL_REQUIRES(mutex_);
   bool publishPresence(bool alive) KEL_REQUIRES(mutex_);
+  bool sendPresence(std::string payload, std::optional<std::uint32_t> expirySeconds, std::uint64_t token)
+      KEL_REQUIRES(mutex_);
+  void giveWayTo(const std::string& peer) KEL_REQUIRES(mutex_);
+  void askForSuccessor() KEL_REQUIRES(mutex_);
   void publishProbe() KEL_REQUIRES(mutex_);
   void wantProbe() KEL_REQUIRES(mutex_);
   void probed(std::string_view payload) KEL_REQUIRES(mutex_);
@@ -130,6 +134,9 @@ class Session final : public KelFactory, private TransportListener, private Publ
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
   bool saidSubscribing_ KEL_GUARDED_BY(mutex_) = false;  ///< the last presence did not say 0
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
+  std::int64_t gaveWay_ KEL_GUARDED_BY(mutex_) = 0;  ///< times
+  bool successorSought_ KEL_GUARDED_BY(mutex_) =
+      false;  ///< a probe went out for one that publishes good records
   bool ledgerDue_ KEL_GUARDED_BY(mutex_) = false;
   AnswerLimit ledgerPauses_ KEL_GUARDED_BY(mutex_){answersAtOnce, ledgerPause, floodPause};
   std::int64_t ledgerAnswers_ KEL_GUARDED_BY(mutex_) = 0;

@@ -52,26 +52,31 @@ KelCounters Session::counters(const char* publication) const {
 }
 
 bool Session::publishPresence(bool alive) {
+  if (!alive) return sendPresence({}, {}, withdrawalToken);
+  PresencePayload presence;
+  presence.publisher = ports_.self;
+  presence.host = host_;
+  presence.process = getpid();
+  presence.startedNanoseconds = startedNanoseconds_;
+  presence.keepAlive = presenceKeepAlive();
+  presence.counters = countersLocked();
+  presence.subscribing = static_cast<std::int64_t>(inbox_.subscribing());
+  saidSubscribing_ = presence.subscribing != 0;
+  presence.publishing = outbox_.publishing();
+  presence.gaveWay = gaveWay_;
+  presenceSent_ = ports_.now;
+  presenceDue_ = false;
+  return sendPresence(encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000),
+                      static_cast<std::uint32_t>(2 * presenceKeepAlive().count()), presenceToken);
+}
+
+bool Session::sendPresence(std::string payload, std::optional<std::uint32_t> expirySeconds,
+                           std::uint64_t token) {
   OutgoingMessage message;
   message.topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
-  std::string payload;
-  if (alive) {
-    PresencePayload presence;
-    presence.publisher = ports_.self;
-    presence.host = host_;
-    presence.process = getpid();
-    presence.startedNanoseconds = startedNanoseconds_;
-    presence.keepAlive = presenceKeepAlive();
-    presence.counters = countersLocked();
-    presence.subscribing = static_cast<std::int64_t>(inbox_.subscribing());
-    saidSubscribing_ = presence.subscribing != 0;
-    payload = encodePresence(presence, ports_.wallClockNanoseconds() / 1'000'000);
-    message.expirySeconds = static_cast<std::uint32_t>(2 * presenceKeepAlive().count());
-    presenceSent_ = ports_.now;
-    presenceDue_ = false;
-  }
   message.payload = std::make_shared<const std::string>(std::move(payload));
-  return transport_->publish(message, alive ? presenceToken : withdrawalToken);
+  message.expirySeconds = expirySeconds;
+  return transport_->publish(message, token);
 }
 
 void Session::sayWhenSubscribed() {

@@ -10,6 +10,7 @@
 
 namespace {
 
+using storetest::countOf;
 using storetest::name;
 using storetest::prepare;
 using storetest::RedisServer;
@@ -114,6 +115,48 @@ TEST(RedisFlow, ValueTooLargeForTheLogArrivesInItsPlace) {
   EXPECT_NE(probe.changes[1].elements.at(0).value, nullptr);
   EXPECT_EQ(StoreProbe::textOf(probe.changes[2].elements.at(0)).size(), 20U);
   EXPECT_TRUE(probe.gaps.empty());
+}
+
+TEST(RedisFlow, AChangeOfThousandsOfElementsArrivesWholeAndAsItWasThen) {
+  RedisServer server;
+  prepare(server);
+  constexpr int elements = 3001;
+  std::vector<pvss::StoreElement> all(elements);
+  for (int i = 0; i < elements; ++i) {
+    all[static_cast<std::size_t>(i)].name = "N." + std::to_string(i);
+    all[static_cast<std::size_t>(i)].type = DPELEMENT_FLOAT;
+  }
+  pvss::StoreAdmin(server.address()).putElements(all);
+  StoreProbe writer(server.address(), "7.a");
+  ASSERT_TRUE(writer.untilUp());
+  StoreProbe reader(server.address(), "8.b", {}, 8);
+  ASSERT_TRUE(reader.untilUp());
+
+  // All of it is in the store before the reader looks at the first.
+  for (int round = 1; round <= 3; ++round) {
+    pvss::WriteBatch large = writer.batch(static_cast<std::uint64_t>(round), round, all[0].name, round);
+    for (std::size_t i = 1; i < all.size(); ++i) {
+      large.elements.push_back(
+          writer.batch(0, 0, all[i].name, round + static_cast<double>(i) * 10).elements[0]);
+    }
+    if (round == 2) large.elements.resize(10);  // an ordinary one between them
+    ASSERT_TRUE(writer.until([&] { return writer.store().write(large); }));
+  }
+  ASSERT_TRUE(writer.until([&] { return writer.confirmations.size() == 3; }));
+  EXPECT_EQ(countOf(server.cli({"XRANGE", "dp:log", "-", "+"}), "\nS\n"), 2U);
+
+  ASSERT_TRUE(reader.until([&] { return reader.changes.size() == 3; }));
+  EXPECT_TRUE(reader.gaps.empty());
+  for (int round = 1; round <= 3; ++round) {
+    const pvss::Change& change = reader.changes[static_cast<std::size_t>(round - 1)];
+    EXPECT_EQ(change.timeMs, round);
+    ASSERT_EQ(change.elements.size(), round == 2 ? 10U : all.size());
+    for (std::size_t i = 0; i < change.elements.size(); ++i) {
+      ASSERT_EQ(reader.nameOf(change.elements[i].element), all[i].name);
+      ASSERT_EQ(StoreProbe::textOf(change.elements[i]), std::to_string(round + 10 * i)) << all[i].name;
+      ASSERT_FALSE(change.elements[i].invalid);
+    }
+  }
 }
 
 TEST(RedisFlow, ALargeChangeWhoseValuesTheLinkTookAlongIsNotLost) {

@@ -131,6 +131,32 @@ def test_a_group_with_an_invalid_element_is_bad_and_recovers(site):
     assert reader.wait("good again", lambda record: record.quality == 1).fields == {"x": ("int", 1), "y": ("int", 4)}
 
 
+def test_a_change_of_thousands_of_elements_and_a_list_is_taken_whole_and_as_it_was_then(site):
+    count = 3001  # more than one entry of the log takes
+    elements = {f"P.e{i}": "int" for i in range(count)}
+    site.apply({**elements, "A.x": "int"}, {"p1": {"t": "A.x"}},
+               {"wide": {"bufferTime": 0, "fields": {f"t{i}": f"P.e{i}" for i in range(count)}}})
+    site.done("dp", "set", harness.LIST, "[]")
+    reader = Reader(site, "wide")
+    gateway = site.gateway()
+    harness.wait_until(lambda: "the publication\n" + gateway.said(), lambda: "Created Publication group wide" in gateway.out)
+    gateway.send_signal(signal.SIGSTOP)  # so that all of it is there when the first is looked at
+    for number in range(1, 4):
+        pairs = [word for i in range(count) for word in (f"P.e{i}", f"i0v{number * count + i}")]
+        names = [harness.LIST, "i0v3:A.x" if number == 1 else "i0v"]
+        site.redis.command("FCALL", "dp_set", "0", "hand", "", str(number), str(number - 1), str(number), "", *pairs, *names)
+    assert [fields[0] for _, fields in site.redis.command("XREVRANGE", "dp:log", "+", "-", "COUNT", "3")] == [b"S"] * 3
+    gateway.send_signal(signal.SIGCONT)
+    reader.wait("the last of them", lambda record: record.quality == 1 and record.time_ns == 3_000_000)
+    seen = [record for record in reader.records() if record.quality == 1]
+    assert [record.time_ns for record in seen] == [1_000_000, 2_000_000, 3_000_000]
+    for number, record in enumerate(seen, 1):
+        assert record.fields == {f"t{i}": ("int", number * count + i) for i in range(count)}, number
+    mapped = [line for line in gateway.out if "client mapping" in line]
+    assert mapped == ["Created client mapping between DPE A.x and publication p1\x1at",
+                      "Destroyed client mapping between DPE A.x and publication p1\x1at"]
+
+
 def test_large_changes_are_published_each_with_its_own_value_and_in_order(site):
     site.apply({"P.list": "dyn_text"}, {}, {"large": {"bufferTime": 0, "fields": {"v": "P.list"}}})
     reader = Reader(site, "large")

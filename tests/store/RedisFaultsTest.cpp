@@ -1,12 +1,8 @@
 // What the Redis store does when servers, functions and rivals do not do what one would wish.
 #include <gmock/gmock.h>
-#include <netdb.h>
-
-#include <array>
 
 #include "RedisProbe.h"
 #include "pvss/Manager.h"
-#include "store/redis/Endpoint.h"
 #include "store/redis/Functions.h"
 
 namespace {
@@ -68,75 +64,6 @@ TEST(RedisFaults, HostIsReachedByNumberAndByName) {
     ASSERT_TRUE(probe.untilUp()) << host;
     EXPECT_EQ(probe.greetings[0].address, "redis://" + std::string(host) + ":" + port);
   }
-}
-
-/// A name with two addresses, of which the first takes no connection and never says so.
-class TwoAddresses : public testing::Test {
- protected:
-  static constexpr const char* host = "two.addresses";
-  TwoAddresses() : kept_(pvss::redis::resolveHost()) {
-    pvss::redis::resolveHost() = resolve;
-    server.start({"--port", port, "--bind", "127.0.0.1"});
-    sockaddr_in address = at("127.0.0.2", std::stoi(port));
-    swallows_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(::bind(swallows_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(::listen(swallows_, 0), 0);
-    // With its queue full, the system drops what knocks.
-    for (int& knock : knocks_) {
-      knock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      ::connect(knock, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    }
-  }
-  ~TwoAddresses() override {
-    pvss::redis::resolveHost() = kept_;
-    for (const int knock : knocks_) ::close(knock);
-    ::close(swallows_);
-  }
-  static sockaddr_in at(const char* number, int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    ::inet_pton(AF_INET, number, &address.sin_addr);
-    return address;
-  }
-  static int resolve(const std::string& wanted, int number, int flags,
-                     std::vector<pvss::redis::Endpoint>& out) {
-    if (wanted != host || (flags & AI_NUMERICHOST) != 0) return EAI_NONAME;
-    for (const char* text : {"127.0.0.2", "127.0.0.1"}) {
-      const sockaddr_in address = at(text, number);
-      pvss::redis::Endpoint& endpoint = out.emplace_back();
-      std::memcpy(&endpoint.address, &address, sizeof address);
-      endpoint.size = sizeof address;
-    }
-    return 0;
-  }
-  static pvss::redis::RedisStoreOptions quick() {
-    pvss::redis::RedisStoreOptions options;
-    options.limits.connect = std::chrono::milliseconds(1000);
-    return options;
-  }
-
-  RedisServer server{RedisServer::Keep::nothing, false};
-  const std::string port = RedisServer::freePort();
-
- private:
-  pvss::redis::ResolveHost kept_;
-  int swallows_ = -1;
-  std::array<int, 8> knocks_{};
-};
-
-TEST_F(TwoAddresses, TheSecondIsReachedWhenTheFirstSwallowsEverything) {
-  prepare(server);
-  StoreProbe probe("redis://" + std::string(host) + ":" + port, "7.a", quick());
-  EXPECT_TRUE(probe.until([&] { return !probe.greetings.empty(); }, std::chrono::seconds(10)));
-}
-
-TEST_F(TwoAddresses, TheSecondOfASentinelIsReachedToo) {
-  testing::internal::CaptureStderr();
-  StoreProbe probe("redis+sentinel://" + std::string(host) + ":" + port + "/plant", "7.a", quick());
-  probe.during(std::chrono::seconds(3));
-  const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_THAT(said, HasSubstr("it is no sentinel")) << "an ordinary server was asked";
 }
 
 TEST(RedisFaults, ServerThatHangsIsLeftAfterTheLimitAndTakenUpAgainWithoutAGap) {

@@ -38,7 +38,8 @@ TEST(SString, isBuiltFromEveryKindOfText) {
   EXPECT_STREQ(SString(static_cast<const char*>(nullptr)).getString(), "");
 }
 
-TEST(SString, ofSomeCharactersStoresThemAndOneTerminator) {
+TEST(SString, storesItsCharactersAndOneTerminator) {
+  EXPECT_EQ(SString("abc").storage().getNumBytesStored(), 3U + 1U);
   EXPECT_EQ(SString("abcdef", 3).storage().getNumBytesStored(), 3U + 1U);
 }
 

@@ -4,6 +4,7 @@ import os
 import subprocess
 import tempfile
 import unittest
+import unittest.mock
 
 import check
 import mutate
@@ -155,6 +156,18 @@ class Sample(unittest.TestCase):
 
     def test_a_test_that_hangs_has_noticed(self):
         self.assertEqual(self.verdict("drop", "n -= step;", "countDown"), "hangs")
+
+    def on_a_machine_that_needs(self, seconds):
+        """The verdict on a change that is not noticed, when the tests take so long with it and without."""
+        number = self.numbers("drop", "tell();", "sign")[0]
+        with unittest.mock.patch.object(check, "passes", lambda binary, names, limit, number:
+                                        (limit > seconds, "" if limit > seconds else "hangs")):
+            return check.judge(number, self.tests)
+
+    def test_a_machine_that_is_slow_is_not_a_hang(self):
+        self.assertIsNone(self.on_a_machine_that_needs(30))
+        with self.assertRaises(check.Stop):
+            self.on_a_machine_that_needs(3600)
 
     def test_a_test_that_ends_the_process_with_success_has_noticed(self):
         self.assertEqual(self.verdict("negate", "not: wanted", "endWhen"), "ends early")

@@ -232,6 +232,7 @@ def build(root, folder):
         # What is built more often than it runs is neither optimised nor debugged.
         run(["cmake", "-S", root, "-B", folder, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O0 -g0",
              "-DKELGW_BENCH=OFF", f"-DKELGW_MUTATED={folder}/copy"])
+    run(["ninja", "-C", folder, "build.ninja"])  # the list of tests may be of an earlier build
     with open(os.path.join(folder, "mutant-tests.txt"), encoding="utf-8") as file:
         tests = [line.split("\t") for line in file.read().splitlines() if line]
     run(["ninja", "-C", folder, "-j", str(jobs()), "--quiet", *(name for name, _ in tests)])

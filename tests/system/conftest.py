@@ -13,6 +13,18 @@ def pytest_configure(config):
         raise pytest.UsageError("KELGW_BIN must name the folder with kel-gateway and kelgw")
 
 
+def pytest_collection_modifyitems(config, items):
+    """Every so manieth test from the K-th on, when KELGW_PART is "K/N": N runs of one file share its tests."""
+    if "KELGW_PART" not in os.environ:
+        return
+    part, parts = map(int, os.environ["KELGW_PART"].split("/"))
+    if not 1 <= part <= parts:
+        raise pytest.UsageError(f"KELGW_PART is {part}/{parts}: there is no such part")
+    left_out = [item for position, item in enumerate(items) if position % parts != part - 1]
+    items[:] = items[part - 1::parts]
+    config.hook.pytest_deselected(items=left_out)
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     outcome = yield

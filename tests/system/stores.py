@@ -213,6 +213,12 @@ class FailoverStore:
         except OSError:  # Sentinel closes every connection of the server that it promotes
             return False
 
+    def agreed(self):
+        """Whether every sentinel names the promoted server. One that has not heard of it yet sends a tool, which asks once, to
+        the dead one."""
+        return all(self._sentinel(port, "SENTINEL", "GET-MASTER-ADDR-BY-NAME", self.NAME) == [b"127.0.0.1", str(self.ports[1]).encode()]
+                   for port in self.sentinel_ports)
+
     def command(self, *words):
         return self.servers[1 if self.servers[0].process is None else 0].command(*words)
 

@@ -92,6 +92,7 @@ def test_a_failover_to_a_replica_that_lags_ends_with_the_newest_values_and_the_l
     # While nobody is the master values go on coming, but not for everything.
     publish(site, 31)
     gateway.wait_for("the line about the master", lambda: any("the master is now" in line for line in gateway.err))
+    harness.wait_until("every sentinel to say so", site.redis.agreed)
     gateway.wait_for("the newest values", lambda: (value(site), value(site, "A.z"), value(site, "A.y")) == (31, 99, "text 31"))
     for element, stime in (("A.x", 31), ("A.y", 31), ("A.z", 0)):
         assert (reading(site, element)["stimeMs"], reading(site, element)["invalid"]) == (NS // 1_000_000 + stime, False)
@@ -131,6 +132,7 @@ def test_a_planned_change_of_the_master_is_followed_without_loss(replicated):
     for number in range(6, 26):
         publish(site, number)
     gateway.wait_for("the new master", lambda: any("the master is now" in line for line in gateway.err))
+    harness.wait_until("every sentinel to say so", site.redis.agreed)
     publish(site, 26)
     gateway.wait_for("the newest value", lambda: value(site) == 26 and value(site, "A.y") == "text 26")
     harness.wait_until("the old master to follow",
@@ -156,6 +158,7 @@ def test_everything_over_tls(bare_site, folder):
     site.redis.kill_master()
     publish(site, 2)
     gateway.wait_for("the line about the master", lambda: any("the master is now" in line for line in gateway.err))
+    harness.wait_until("every sentinel to say so", site.redis.agreed)
     gateway.wait_for("the newest value", lambda: value(site) == 2)
     # Without the authority neither a sentinel nor the server is believed, and plain text gets nowhere.
     url = site.redis.url_of("watcher")

@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool isPresence = kel::decodePresence(payload, info);
   const kel::PresenceNews news = kel::presenceNews(payload);
   const auto& keepAlive = news.keepAlive;
-  require(isPresence || (!keepAlive && news.subscribing == 0));
+  require(isPresence || (!keepAlive && news.subscribing == 0 && news.subscriptions == 0));
   require(!keepAlive || (keepAlive->count() >= 1 && keepAlive->count() <= 3600));
   require(news.subscribing >= 0);
   if (isPresence) {
@@ -63,6 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     presence.process = info.process;
     presence.startedNanoseconds = info.startedNanoseconds;
     if (keepAlive) presence.keepAlive = *keepAlive;
+    presence.subscriptions = news.subscriptions;
     presence.subscribing = news.subscribing;
     for (const auto& [name, counter] : kel::counterNames) {
       if (const auto found = info.counters.find(name); found != info.counters.end())

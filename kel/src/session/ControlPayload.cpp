@@ -50,6 +50,7 @@ std::string encodePresence(const PresencePayload& presence, std::int64_t timesta
   putNumber(record, "process", presence.process);
   putNumber(record, "started", presence.startedNanoseconds);
   putNumber(record, "keepAlive", presence.keepAlive.count());
+  putNumber(record, "subscriptions", presence.subscriptions);
   putNumber(record, "subscribing", presence.subscribing);
   putNumber(record, "publishing", presence.publishing);
   putNumber(record, "gaveWay", presence.gaveWay);
@@ -81,6 +82,7 @@ PresenceNews presenceNews(std::string_view payload) {
   if (!decoded.record) return news;
   const std::int64_t seconds = numberOf(*decoded.record, "keepAlive");
   if (seconds >= 1 && seconds <= 3600) news.keepAlive = std::chrono::seconds(seconds);
+  news.subscriptions = std::max<std::int64_t>(numberOf(*decoded.record, "subscriptions"), 0);
   news.subscribing = std::max<std::int64_t>(numberOf(*decoded.record, "subscribing"), 0);
   news.publishing = std::max<std::int64_t>(numberOf(*decoded.record, "publishing"), 0);
   news.gaveWay = std::max<std::int64_t>(numberOf(*decoded.record, "gaveWay"), 0);

@@ -30,9 +30,10 @@ struct PresencePayload {
   std::int64_t startedNanoseconds = 0;
   std::chrono::seconds keepAlive{5};  ///< it is published at least twice as often
   KelCounters counters;
-  std::int64_t subscribing = 0;  ///< data subscriptions that the broker has not answered yet on this link
-  std::int64_t publishing = 0;   ///< publications whose last record was sent as good
-  std::int64_t gaveWay = 0;      ///< how often it went behind the others of its name
+  std::int64_t subscribing = 0;    ///< data subscriptions that the broker has not answered yet on this link
+  std::int64_t publishing = 0;     ///< publications whose last record was sent as good
+  std::int64_t gaveWay = 0;        ///< how often it went behind the others of its name
+  std::int64_t subscriptions = 0;  ///< to data, answered or not
 };
 [[nodiscard]] std::string encodePresence(const PresencePayload& presence, std::int64_t timestampMs);
 /// Fills what the payload says; false when it is not a presence.
@@ -41,6 +42,7 @@ bool decodePresence(std::string_view payload, KelPublisherInfo& info);
 /// What a presence says to the other members.
 struct PresenceNews {
   std::optional<std::chrono::seconds> keepAlive;  ///< nothing when it names none that makes sense
+  std::int64_t subscriptions = 0;                 ///< 0 when it does not say
   std::int64_t subscribing = 0;                   ///< 0 when it does not say
   std::int64_t publishing = 0;                    ///< likewise
   std::int64_t gaveWay = 0;                       ///< likewise

@@ -98,7 +98,9 @@ class Inbox {
   /// `withdrawn`: it said so itself, or the broker for it; otherwise it was only not heard of in time.
   void peerGone(std::string_view peer, std::string_view reason, bool withdrawn);
 
-  /// How many subscriptions the broker has not answered yet since the link came up; all while it is down.
+  /// Different publications subscribed to.
+  [[nodiscard]] std::size_t subscriptions() const { return topics_.size(); }
+  /// How many of them the broker has not answered yet since the link came up; all while it is down.
   [[nodiscard]] std::size_t subscribing() const { return subscribing_; }
   [[nodiscard]] KelCounters total() const;
   /// Adds the receiving counters of one publication.

@@ -89,10 +89,19 @@ bool PeerTable::anyUnconfirmed() const {
                      [](const auto& entry) { return entry.second.state == PeerState::unconfirmed; });
 }
 
-std::vector<std::string> PeerTable::everybodyAlive() const {
+void PeerTable::subscribes(std::string_view peer, bool does) {
+  if (const auto at = peers_.find(peer); at != peers_.end()) at->second.subscribes = does;
+}
+
+bool PeerTable::subscribesAlive(std::string_view peer) const {
+  const auto at = peers_.find(peer);
+  return at != peers_.end() && at->second.state == PeerState::alive && at->second.subscribes;
+}
+
+std::vector<std::string> PeerTable::subscribersAlive() const {
   std::vector<std::string> result;
   for (const auto& [peer, entry] : peers_) {
-    if (entry.state == PeerState::alive) result.push_back(peer);
+    if (entry.state == PeerState::alive && entry.subscribes) result.push_back(peer);
   }
   std::sort(result.begin(), result.end());
   return result;

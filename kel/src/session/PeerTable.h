@@ -59,8 +59,11 @@ class PeerTable {
   [[nodiscard]] bool alive(std::string_view peer) const { return state(peer) == PeerState::alive; }
   [[nodiscard]] bool known(std::string_view peer) const { return state(peer) != PeerState::gone; }
   [[nodiscard]] bool anyUnconfirmed() const;
-  /// Everybody who is alive, in order.
-  [[nodiscard]] std::vector<std::string> everybodyAlive() const;
+  /// Whether it has subscriptions, by its last live presence.
+  void subscribes(std::string_view peer, bool does);
+  [[nodiscard]] bool subscribesAlive(std::string_view peer) const;
+  /// Everybody who is alive and has subscriptions, in order.
+  [[nodiscard]] std::vector<std::string> subscribersAlive() const;
   /// What to say about presences beyond mostPeers: at most once a minute, else empty.
   std::string complaint(Time now);
   /// Everybody known under this publisher's name.
@@ -72,6 +75,7 @@ class PeerTable {
     Time heard;
     std::chrono::nanoseconds limit{};
     std::int64_t gaveWay = 0;  ///< times, by its last presence
+    bool subscribes = false;
   };
   TextMap<Peer> peers_;
   std::int64_t refused_ = 0;  ///< presences beyond mostPeers since they were last spoken of

@@ -24,10 +24,10 @@ void Reunion::await(std::string peer) {
   if (awaited_.size() < PeerTable::mostPeers) awaited_.try_emplace(std::move(peer));
 }
 
-void Reunion::linkDown(const std::vector<std::string>& alive) {
+void Reunion::linkDown(const std::vector<std::string>& subscribers) {
   // Those still awaited from the link before stay so.
   for (auto& [peer, entry] : awaited_) entry.withdrawn.reset();
-  for (const std::string& peer : alive) await(peer);
+  for (const std::string& peer : subscribers) await(peer);
   for (auto& [when, peer] : leaving_) await(std::move(peer));
   leaving_.clear();
   back_.clear();
@@ -39,15 +39,15 @@ void Reunion::linkUp(Time now) {
   if (state_ == ReunionState::apart) transition(state_, ReunionState::waiting, "reunion", "link up");
 }
 
-void Reunion::seen(std::string_view peer, std::int64_t subscribing) {
+void Reunion::seen(std::string_view peer, const PresenceNews& news) {
   if (!waiting()) return;
   auto at = awaited_.find(peer);
-  if (subscribing != 0) {
+  if (news.subscribing != 0) {
     if (at != awaited_.end()) at->second.withdrawn.reset();
     return;
   }
   if (at == awaited_.end()) {
-    if (back_.contains(peer)) return;
+    if (news.subscriptions == 0 || back_.contains(peer)) return;
     const std::string_view name = peer.substr(0, peer.rfind('/') + 1);
     at = std::find_if(awaited_.lower_bound(name), awaited_.end(), [&](const auto& entry) {
       return !entry.first.starts_with(name) || entry.first.rfind('/') + 1 == name.size();
@@ -59,10 +59,10 @@ void Reunion::seen(std::string_view peer, std::int64_t subscribing) {
   endWhenComplete("all are back");
 }
 
-void Reunion::withdrawn(std::string_view peer, bool wasAlive, Time now) {
+void Reunion::withdrawn(std::string_view peer, bool subscribed, Time now) {
   if (const auto at = awaited_.find(peer); at != awaited_.end()) {
     if (!at->second.withdrawn) at->second.withdrawn = now;
-  } else if (wasAlive) {
+  } else if (subscribed) {
     leaving_.emplace_back(now, peer);
     if (leaving_.size() > PeerTable::mostPeers) leaving_.pop_front();
   }

@@ -1,10 +1,10 @@
 // Reunion: for whom a publisher waits after a lost link before it sends records again.
 //
 // Links begin clean, so a broker that comes back has nothing for who has not subscribed again: of all that a
-// publisher sends before, only the newest of each publication arrives. So whoever was alive when the link was
-// lost is awaited, until it says live that all its subscriptions are answered, but never for longer than
-// `limit`. An incarnation that comes in the place of an awaited one of its name counts for that one.
-// A withdrawal may be the broker's own: one that ends in order publishes everybody's will, and one that is
+// publisher sends before, only the newest of each publication arrives. So every subscriber that was alive
+// when the link was lost is awaited, until it says live that all its subscriptions are answered, but never
+// for longer than `limit`. Another incarnation of its name that subscribes counts for an awaited one. A
+// withdrawal may be the broker's own: one that ends in order publishes everybody's will, and one that is
 // alive publishes the will of a lost link when the next one of that member begins. So it counts only when
 // the member does not show itself again. Not thread-safe: under the session's lock.
 #pragma once
@@ -19,6 +19,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "session/ControlPayload.h"
 
 namespace kel {
 
@@ -38,13 +40,13 @@ class Reunion {
   /// Who was withdrawn and has not shown itself for so long is gone.
   static constexpr std::chrono::seconds grace{1};
 
-  /// `alive`: every other member ("name/incarnation") that was.
-  void linkDown(const std::vector<std::string>& alive);
+  /// `subscribers`: those other members ("name/incarnation") that were alive and had subscriptions.
+  void linkDown(const std::vector<std::string>& subscribers);
   void linkUp(Time now);
   /// A live presence.
-  void seen(std::string_view peer, std::int64_t subscribing);
-  /// An empty presence; of nobody who was alive it says nothing.
-  void withdrawn(std::string_view peer, bool wasAlive, Time now);
+  void seen(std::string_view peer, const PresenceNews& news);
+  /// An empty presence; `subscribed`: of an alive subscriber.
+  void withdrawn(std::string_view peer, bool subscribed, Time now);
   /// Ends what has taken too long, and gives who was awaited in vain.
   std::vector<std::string> tick(Time now);
   /// This process was not running for so long: nobody could be heard.

@@ -224,7 +224,7 @@ void Session::down(std::string_view reason) {
   if (link_ == LinkState::connecting) return;
   subscribes_.linkDown();
   groupRefusals_.linkDown();
-  reunion_.linkDown(peers_.everybodyAlive());
+  reunion_.linkDown(peers_.subscribersAlive());
   peers_.clear("link down");
   inbox_.linkDown("the link to the broker is lost: " + std::string(reason));
   outbox_.linkDown();
@@ -283,7 +283,7 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
   }
   const std::string peer = topic.name + "/" + topic.incarnation;
   if (payload.empty()) {
-    reunion_.withdrawn(peer, peers_.alive(peer), ports_.now);
+    reunion_.withdrawn(peer, peers_.subscribesAlive(peer), ports_.now);
     peerGone(peer, "publisher " + topic.name + " is gone", true);
   } else {
     const PresenceNews news = presenceNews(payload);
@@ -293,8 +293,9 @@ void Session::presenceMessage(const ParsedTopic& topic, std::string_view payload
     if (peers_.gaveWayBefore(peer, news.gaveWay))
       peerGone(peer, "publisher " + topic.name + " gives way to another", true);
     peerSeen(peer, peers_.sawPresence(peer, retained, ports_.now, 2 * keepAlive, news.gaveWay));
-    if (!retained && reunion_.waiting()) {
-      reunion_.seen(peer, news.subscribing);
+    if (!retained) {
+      peers_.subscribes(peer, news.subscriptions > 0);
+      reunion_.seen(peer, news);
       sendAgain();
     }
     if (!retained && topic.name == ports_.self.name && news.publishing > 0) giveWayTo(peer);

@@ -132,7 +132,8 @@ class Session final : public KelFactory, private TransportListener, private Publ
   Refusals groupRefusals_ KEL_GUARDED_BY(mutex_){"the broker lets this process take part in its group",
                                                  ports_.grants};
   bool presenceDue_ KEL_GUARDED_BY(mutex_) = false;
-  bool saidSubscribing_ KEL_GUARDED_BY(mutex_) = false;  ///< the last presence did not say 0
+  bool saidSubscriptions_ KEL_GUARDED_BY(mutex_) = false;  ///< the last presence did not say 0
+  bool saidSubscribing_ KEL_GUARDED_BY(mutex_) = false;    ///< likewise
   bool probeDue_ KEL_GUARDED_BY(mutex_) = false;
   std::int64_t gaveWay_ KEL_GUARDED_BY(mutex_) = 0;  ///< times
   bool successorSought_ KEL_GUARDED_BY(mutex_) =

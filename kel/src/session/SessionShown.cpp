@@ -61,7 +61,9 @@ bool Session::publishPresence(bool alive) {
   presence.keepAlive = presenceKeepAlive();
   presence.counters = countersLocked();
   presence.subscribing = static_cast<std::int64_t>(inbox_.subscribing());
+  presence.subscriptions = static_cast<std::int64_t>(inbox_.subscriptions());
   saidSubscribing_ = presence.subscribing != 0;
+  saidSubscriptions_ = presence.subscriptions != 0;
   presence.publishing = outbox_.publishing();
   presence.gaveWay = gaveWay_;
   presenceSent_ = ports_.now;
@@ -80,9 +82,10 @@ bool Session::sendPresence(std::string payload, std::optional<std::uint32_t> exp
 }
 
 void Session::sayWhenSubscribed() {
-  // Others may be waiting for this member before they publish.
+  // Others may be waiting for this member before they publish, or will have to one day.
   const bool linked = link_ == LinkState::syncing || link_ == LinkState::synced;
-  if (linked && saidSubscribing_ && inbox_.subscribing() == 0) publishPresence(true);
+  if (!linked || inbox_.subscribing() != 0) return;
+  if (saidSubscribing_ || (!saidSubscriptions_ && inbox_.subscriptions() != 0)) publishPresence(true);
 }
 
 void Session::waitForOthers() {

@@ -53,6 +53,19 @@ TEST_F(SubscribingTest, AMemberWithoutSubscriptionsSaysItOnce) {
   EXPECT_EQ(said(), Numbers{0});
 }
 
+TEST_F(SubscribingTest, TheFirstSubscriptionIsSaidAtOnce) {
+  network->to->tick(t0);
+  network->to->up();
+  session->createSubscription("x", &listener);
+  EXPECT_EQ(said().size(), 1U);
+  answer("x");
+  EXPECT_EQ(said(), (Numbers{0, 0}));
+  EXPECT_EQ(presenceNews(network->published.back().second).subscriptions, 1);
+  session->createSubscription("y", &listener);
+  answer("y");
+  EXPECT_EQ(said().size(), 2U) << "one more is no news";
+}
+
 TEST_F(SubscribingTest, EveryLinkBeginsAnew) {
   for (const char* name : {"x", "y"}) session->createSubscription(name, &listener);
   network->to->tick(t0);
@@ -97,15 +110,19 @@ TEST_F(SubscribingTest, WhatIsFetchedAgainDoesNotCount) {
   EXPECT_EQ(said().size(), numbers.size());
 }
 
-TEST(PresenceNews, ReadsTwoNumbersAndNothingElse) {
+TEST(PresenceNews, ReadsNumbersThatMakeSense) {
   PresencePayload presence;
   presence.publisher = {"a", "a1"};
   presence.keepAlive = 7s;
+  presence.subscriptions = 4;
   presence.subscribing = 3;
+  EXPECT_EQ(presenceNews(encodePresence(presence, 1)).subscriptions, 4);
   EXPECT_EQ(presenceNews(encodePresence(presence, 1)).keepAlive, 7s);
   EXPECT_EQ(presenceNews(encodePresence(presence, 1)).subscribing, 3);
   presence.keepAlive = 0s;
+  presence.subscriptions = -1;
   presence.subscribing = -1;
+  EXPECT_EQ(presenceNews(encodePresence(presence, 1)).subscriptions, 0);
   EXPECT_FALSE(presenceNews(encodePresence(presence, 1)).keepAlive);
   EXPECT_EQ(presenceNews(encodePresence(presence, 1)).subscribing, 0);
   EXPECT_EQ(presenceNews("").subscribing, 0);
@@ -155,6 +172,7 @@ struct ReunionTest : ScriptedSession {
     const auto slash = peer.rfind('/');
     PresencePayload said;
     said.publisher = {peer.substr(0, slash), peer.substr(slash + 1)};
+    said.subscriptions = subscriptions;
     said.subscribing = subscribing;
     network->to->message("kel/g/publisher/" + peer, encodePresence(said, 1), kept);
   }
@@ -177,6 +195,7 @@ struct ReunionTest : ScriptedSession {
 
   KelPublication* publication = nullptr;
   std::size_t before = 0;
+  std::int64_t subscriptions = 3;  ///< that others say they have
   std::chrono::steady_clock::time_point now = t0;
 };
 
@@ -315,6 +334,39 @@ TEST_F(ReunionTest, AnotherIncarnationOfTheNameCountsForOneThatIsAwaited) {
   presence("a/gw/3", 0, true);
   EXPECT_EQ(left(), Numbers{});
   alive("a/gw/3");
+  EXPECT_EQ(left(), Numbers{1});
+}
+
+TEST_F(ReunionTest, WhoSubscribesToNothingIsNotAwaited) {
+  subscriptions = 0;
+  alive("pub/p1");
+  outage();
+  EXPECT_EQ(left(), Numbers{1});
+  subscriptions = 1;
+  alive("pub/p1");
+  subscriptions = 0;
+  alive("pub/p1");
+  withdrawal("pub/p1");
+  outage();
+  EXPECT_EQ(left(), Numbers{1}) << "not any more either";
+}
+
+TEST_F(ReunionTest, ANewIncarnationCountsOnceItHasSubscribed) {
+  alive("gw/1");
+  outage();
+  subscriptions = 0;
+  alive("gw/2");
+  EXPECT_EQ(left(), Numbers{}) << "it has not come to that yet";
+  subscriptions = 1;
+  alive("gw/2");
+  EXPECT_EQ(left(), Numbers{1});
+}
+
+TEST_F(ReunionTest, WhoComesBackWithoutSubscriptionsIsBack) {
+  alive("gw/1");
+  outage();
+  subscriptions = 0;
+  alive("gw/1");
   EXPECT_EQ(left(), Numbers{1});
 }
 

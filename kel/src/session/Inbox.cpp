@@ -135,6 +135,7 @@ void Inbox::linkDown(std::string_view reason) {
   for (auto& [filter, topic] : topics_) {
     topic->answered.reset();
     topic->refusal.clear();
+    topic->unreadable = false;
     forgetPayloads(*topic);
     topic->books.linkDown();
     endHeld(*topic, &KelCounters::discarded);
@@ -183,6 +184,10 @@ void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const
     count(nobody, &KelCounters::received);
     count(nobody, &KelCounters::decodeErrors);
     complain(topic, error);
+    // It says something newer than what is shown, and nobody knows what.
+    topic.unreadable = true;
+    endHeld(topic, &KelCounters::discarded);
+    disconnect(topic, "its newest record cannot be read: " + error);
   } else if (record == nullptr) {
     closed(topic);
   } else {
@@ -203,6 +208,7 @@ void Inbox::complain(Topic& topic, const std::string& error) {
 void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record, bool kept) {
   const std::string_view publisher = record->publisher;
   RunBook& book = topic.books.of(publisher);
+  topic.unreadable = false;
   count(book, &KelCounters::received);
   const std::int64_t missing = book.arrived(publisher.empty() ? 0 : record->sequence, kept);
   addCapped(book.counters.gaps, missing);
@@ -285,6 +291,7 @@ void Inbox::take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& rec
 }
 
 void Inbox::closed(Topic& topic) {
+  topic.unreadable = false;
   endHeld(topic, &KelCounters::discarded);
   disconnect(topic, "the publication is closed");
   forgetLast(topic);

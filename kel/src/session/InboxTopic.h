@@ -34,6 +34,7 @@ struct InboxTopic {
   SubscriptionState state = SubscriptionState::waiting;
   std::string publisher;                    ///< who it is connected through; stays when disconnected
   bool silent = true;                       ///< nothing has come since the link is up
+  bool unreadable = false;                  ///< what came last is no record
   bool unheard = false;                     ///< disconnected because `publisher` was not heard of in time
   std::optional<PeerTable::Time> answered;  ///< the broker has taken the subscription, on this link
   std::string refusal;                      ///< or why it has not

@@ -57,6 +57,7 @@ std::string Inbox::whyWaiting(const Topic& topic) const {
   if (!groupSince_) return "the broker does not say who is in the group";
   if (!topic.refusal.empty()) return "the broker refused the subscription: " + topic.refusal;
   if (!topic.answered) return "the broker does not answer the subscription";
+  if (topic.unreadable) return "its newest record cannot be read";
   if (topic.held || !topic.owed.empty()) {
     const std::string run = topic.held ? std::string(topic.held->publisher) : topic.owed;
     const auto publisher = PublisherId::parse(run);

@@ -7,6 +7,13 @@
 #include "wire/RecordCodec.h"
 
 namespace kel {
+namespace {
+
+std::string_view nameOf(std::string_view peer) {
+  return peer.substr(0, peer.rfind('/'));
+}
+
+}  // namespace
 
 const char* stateName(PeerState state) {
   switch (state) {
@@ -20,14 +27,22 @@ const char* stateName(PeerState state) {
   return "?";
 }
 
+bool PeerTable::room(std::string_view peer) const {
+  if (peers_.size() >= mostPeers || peer.size() > longestPublisher) return false;
+  const auto at = names_.find(nameOf(peer));
+  return at == names_.end() || at->second < mostOfOneName;
+}
+
 PeerTable::Change PeerTable::sawPresence(std::string_view peer, bool retained, Time now,
                                          std::chrono::nanoseconds limit, std::int64_t gaveWay) {
   auto at = peers_.find(peer);
   if (at == peers_.end()) {
-    if (peers_.size() >= mostPeers || peer.size() > longestPublisher) {
+    if (!room(peer)) {
       ++refused_;
+      refusedName_ = nameOf(peer).substr(0, 100);
       return {};
     }
+    ++names_[std::string(nameOf(peer))];
     at = peers_.emplace(std::string(peer), Peer{PeerState::gone, now, {}, 0}).first;
   }
   Peer& entry = at->second;
@@ -56,6 +71,8 @@ bool PeerTable::remove(std::string_view peer, std::string_view cause) {
   const auto at = peers_.find(peer);
   if (at == peers_.end()) return false;
   transition(at->second.state, PeerState::gone, "publisher " + at->first, cause);
+  const auto name = names_.find(nameOf(peer));
+  if (--name->second == 0) names_.erase(name);
   peers_.erase(at);
   return true;
 }
@@ -63,6 +80,7 @@ bool PeerTable::remove(std::string_view peer, std::string_view cause) {
 void PeerTable::clear(std::string_view cause) {
   for (auto& [name, peer] : peers_) transition(peer.state, PeerState::gone, "publisher " + name, cause);
   peers_.clear();
+  names_.clear();
 }
 
 std::vector<std::string> PeerTable::expire(Time now) {
@@ -112,9 +130,9 @@ std::string PeerTable::complaint(Time now) {
   if (refused_ == 0 || (complained_ && now - *complained_ < pause)) return {};
   complained_ = now;
   return std::to_string(std::exchange(refused_, 0)) +
-         " presences of publishers are passed over: " + std::to_string(peers_.size()) +
-         " are known, and no more than " + std::to_string(mostPeers) + ", of at most " +
-         std::to_string(longestPublisher) + " bytes, are taken; who publishes them?";
+         " presences of publishers are passed over, the last one of '" + refusedName_ + "': no more than " +
+         std::to_string(mostPeers) + " are taken, " + std::to_string(mostOfOneName) +
+         " of one name, of at most " + std::to_string(longestPublisher) + " bytes; who publishes them?";
 }
 
 std::vector<std::string> PeerTable::named(std::string_view name) const {

@@ -4,7 +4,8 @@
 // `unconfirmed` until a presence arrives live. Unconfirmed and alive peers alike are gone when no live
 // presence has arrived for the time limit. What a presence says of its own limit is believed within bounds:
 // up to longestLimit for who is alive, up to unconfirmedLimit for who is not confirmed, for it answers a
-// probe at once if it lives. So many peers are known and no more. Not thread-safe: under the session's lock.
+// probe at once if it lives. So many peers are known and no more, and so many of one name: whoever may write
+// presences below one name cannot keep others out. Not thread-safe: under the session's lock.
 #pragma once
 
 #include <chrono>
@@ -33,6 +34,7 @@ class PeerTable {
   using Time = std::chrono::steady_clock::time_point;
 
   static constexpr std::size_t mostPeers = 10'000;
+  static constexpr std::size_t mostOfOneName = 100;
   static constexpr std::chrono::seconds longestKeepAlive{60};  ///< that a presence may name
   static constexpr std::chrono::seconds longestLimit = 2 * longestKeepAlive;
   static constexpr std::chrono::seconds unconfirmedLimit{10};
@@ -77,8 +79,12 @@ class PeerTable {
     std::int64_t gaveWay = 0;  ///< times, by its last presence
     bool subscribes = false;
   };
+  [[nodiscard]] bool room(std::string_view peer) const;
+
   TextMap<Peer> peers_;
-  std::int64_t refused_ = 0;  ///< presences beyond mostPeers since they were last spoken of
+  TextMap<std::size_t> names_;  ///< how many are known of each name
+  std::string refusedName_;     ///< of the last presence beyond the bounds
+  std::int64_t refused_ = 0;    ///< presences beyond mostPeers since they were last spoken of
   std::optional<Time> complained_;
 };
 

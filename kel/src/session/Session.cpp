@@ -9,6 +9,7 @@
 #include "data/RecordAccess.h"
 #include "session/SessionTokens.h"
 #include "session/Transition.h"
+#include "transport/MakeTransport.h"
 #include "wire/RecordCodec.h"
 
 namespace kel {
@@ -79,7 +80,9 @@ Session::Session(std::string publisherName, std::string incarnation, const KelUr
     transition(link_, LinkState::connecting, "link", "created");
   }
   TransportIdentity identity;
-  identity.clientId = codedName_.substr(0, 100) + "-" + ports_.self.incarnation;
+  // Everybody in the group reads the incarnation, and who has a client identifier can take the link from its
+  // owner.
+  identity.clientId = codedName_.substr(0, 100) + "-" + ports_.self.incarnation + "-" + randomIncarnation();
   identity.will.topic = ports_.topics.publisher(codedName_, ports_.self.incarnation);
   identity.will.payload = std::make_shared<const std::string>();
   transport_->start(*this, identity);
@@ -119,7 +122,7 @@ KelSubscription* Session::createSubscription(const char* publication, KelSubscri
   auto handle =
       std::make_shared<SubscriptionHandle>(name, listener, [this](SubscriptionHandle& subscription) {
         const MutexLock lock(mutex_);
-        inbox_.resend(subscription);
+        inbox_.ask(subscription);
       });
   const MutexLock lock(mutex_);
   subscriptions_.emplace(handle.get(), handle);

@@ -195,7 +195,7 @@ def _dead_incarnations(evidence):
         # Whose link the broker still had, and who said something new by it, was another one, beside the one that ended.
         died = found.get(message.incarnation)
         if died is not None and not message.retained and message.at > died + 1 and any(
-                session.client.endswith("-" + message.incarnation) and (session.closed is None or session.closed > message.at)
+                f"-{message.incarnation}-" in session.client and (session.closed is None or session.closed > message.at)
                 for session in evidence.sessions):
             found.pop(message.incarnation)
     return found

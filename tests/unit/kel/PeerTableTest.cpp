@@ -80,21 +80,37 @@ TEST(PeerTable, GivesWhoIsConfirmedItsWholeTime) {
 TEST(PeerTable, KnowsSoManyAndSaysOnceAMinuteThatThereAreMore) {
   PeerTable peers;
   for (std::size_t i = 0; i < PeerTable::mostPeers; ++i) {
-    peers.sawPresence("n/" + std::to_string(i), true, t0, 10s);
+    peers.sawPresence("n" + std::to_string(i) + "/1", true, t0, 10s);
   }
   EXPECT_EQ(peers.complaint(t0), "");
   EXPECT_EQ(peers.sawPresence("more/1", false, t0, 10s).state, PeerState::gone);
   peers.sawPresence("more/2", true, t0, 10s);
   EXPECT_FALSE(peers.known("more/1"));
-  EXPECT_TRUE(peers.sawPresence("n/1", false, t0, 10s).changed) << "who is known stays known";
+  EXPECT_TRUE(peers.sawPresence("n1/1", false, t0, 10s).changed) << "who is known stays known";
   const std::string line = peers.complaint(t0);
-  EXPECT_TRUE(line.starts_with("2 presences of publishers are passed over: 10000 are known")) << line;
+  EXPECT_TRUE(line.starts_with("2 presences of publishers are passed over, the last one of 'more'")) << line;
   peers.sawPresence("more/3", true, t0, 10s);
   EXPECT_EQ(peers.complaint(t0 + 59s), "");
   EXPECT_TRUE(peers.complaint(t0 + 60s).starts_with("1 presences"));
   peers.expire(t0 + 10s);
   EXPECT_TRUE(peers.sawPresence("more/1", false, t0 + 10s, 10s).changed);
   EXPECT_FALSE(peers.sawPresence(std::string(1000, 'x') + "/1", false, t0 + 10s, 10s).changed);
+}
+
+TEST(PeerTable, OneNameCannotTakeTheRoomOfOthers) {
+  PeerTable peers;
+  for (std::size_t i = 0; i < 2 * PeerTable::mostPeers; ++i) {
+    peers.sawPresence("flood/" + std::to_string(i), false, t0, 10s);
+  }
+  EXPECT_EQ(peers.named("flood").size(), PeerTable::mostOfOneName);
+  EXPECT_TRUE(peers.sawPresence("other/1", false, t0, 10s).changed);
+  const std::string line = peers.complaint(t0);
+  EXPECT_NE(line.find("the last one of 'flood'"), std::string::npos) << line;
+  EXPECT_TRUE(peers.remove("flood/0", "withdrawn"));
+  EXPECT_TRUE(peers.sawPresence("flood/again", false, t0, 10s).changed) << "one has made room";
+  EXPECT_FALSE(peers.sawPresence("flood/more", false, t0, 10s).changed);
+  peers.clear("link down");
+  EXPECT_TRUE(peers.sawPresence("flood/more", false, t0, 10s).changed);
 }
 
 TEST(PeerTable, FindsEverybodyUnderAName) {

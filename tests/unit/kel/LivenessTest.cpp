@@ -229,7 +229,6 @@ TEST_F(ScriptedSession, AsksAgainInRotationForWhatHasComeAndWhatHasNot) {
 }
 
 TEST_F(ScriptedSession, AsksForAllAgainAfterItWasStoppedItself) {
-  Listener listener;
   for (int i = 0; i < 100; ++i) session->createSubscription(("x" + std::to_string(i)).c_str(), &listener);
   network->to->tick(t0);
   network->to->up();
@@ -265,7 +264,6 @@ TEST_F(ScriptedSession, SaysThatItsPresenceDoesNotComeBackAndAsksForItAgain) {
 }
 
 TEST_F(ScriptedSession, TellsOfAClaimThatTheBrokerRefuses) {
-  testing::Handler handler;
   KelPublication* publication = session->createPublication("x", &handler);
   network->to->tick(t0);
   network->to->up();
@@ -279,7 +277,6 @@ TEST_F(ScriptedSession, TellsOfAClaimThatTheBrokerRefuses) {
 }
 
 TEST_F(ScriptedSession, DoesNotTakeEverybodyForGoneAfterItWasStoppedItself) {
-  Listener listener;
   session->createSubscription("x", &listener);
   network->to->tick(t0);
   network->to->up();
@@ -297,7 +294,6 @@ TEST_F(ScriptedSession, DoesNotTakeEverybodyForGoneAfterItWasStoppedItself) {
 }
 
 TEST_F(ScriptedSession, SubscribesToManyTopicsWithoutFloodingTheBroker) {
-  Listener listener;
   for (int i = 0; i < 500; ++i) session->createSubscription(("x" + std::to_string(i)).c_str(), &listener);
   network->to->tick(t0);
   network->to->up();

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "KelFixture.h"
 #include "session/Session.h"
 
 namespace kel::testing {
@@ -67,6 +68,8 @@ struct ScriptedSession : ::testing::Test {
     }
   }
 
+  Listener listener;  ///< and what else is told by the session's thread: before it, so that it ends later
+  Handler handler;
   ScriptedTransport* network = nullptr;
   std::unique_ptr<Session> session;
   std::size_t answered = 0;

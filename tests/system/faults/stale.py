@@ -182,15 +182,20 @@ def shown_now(evidence):
 
 
 def _dead_incarnations(evidence):
-    """incarnation of a gateway -> its end"""
+    """incarnation of a gateway -> its end. Each run has one, and who is heard for the first time while two of them run is the
+    one that had not been heard yet."""
+    silent = sorted((life for name in ("gateway", "gateway2") for life in evidence.lives.get(name, [])), key=lambda life: life.born)
+    first = {}
+    for message in evidence.messages:
+        if message.incarnation and not message.retained:
+            first.setdefault(message.incarnation, message.at)
     found = {}
-    for name in ("gateway", "gateway2"):
-        for life in evidence.lives.get(name, []):
-            if life.died is None:
-                continue
-            for message in evidence.messages:
-                if message.incarnation and not message.retained and life.born <= message.at <= life.died:
-                    found.setdefault(message.incarnation, life.died)
+    for incarnation, at in first.items():
+        life = next((life for life in silent if life.born <= at and (life.died is None or at <= life.died)), None)
+        if life is not None:
+            silent.remove(life)
+            if life.died is not None:
+                found[incarnation] = life.died
     for message in evidence.messages:
         # Whose link the broker still had, and who said something new by it, was another one, beside the one that ended.
         died = found.get(message.incarnation)

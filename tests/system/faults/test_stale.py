@@ -38,9 +38,9 @@ def out_write(at, seen, publication, number):
         for tag, text in traffic.out_texts(kind, number).items()})
 
 
-def record(at, publication, number, quality=1):
-    return at, {"event": "record", "publication": f"out/{publication}", "publisher": "KelGateway/aaa", "sequence": number - BASE,
-                "quality": quality, "fields": {"x": {"type": "int", "value": number}}}
+def record(at, publication, number, quality=1, incarnation="aaa"):
+    return at, {"event": "record", "publication": f"out/{publication}", "publisher": f"KelGateway/{incarnation}",
+                "sequence": number - BASE, "quality": quality, "fields": {"x": {"type": "int", "value": number}}}
 
 
 def told(at, publication, what):
@@ -156,6 +156,20 @@ def test_a_dead_gateways_publication_is_seen(seen):
     seen.lives["gateway"][0].died = 3.0
     found = stale.publications(seen, ALLOWED, 0.1)
     assert len(found) == len(seen.out_kinds()) and "of a gateway killed at 3.00" in found[0]
+
+
+def test_of_two_gateways_at_once_the_one_that_ended_is_told_from_the_other(seen):
+    seen.lives["gateway2"] = [Life(1, 0.4)]
+    for index, kind in enumerate(seen.out_kinds()):
+        seen.messages.append(Message(2.0, False, f"out/{index}", "bbb", 1, 1, traffic.out_values(kind, BASE + 1), 0))
+    seen.lives["gateway"][0].died = 3.0
+    found = stale.publications(seen, ALLOWED, 0.1)
+    assert len(found) == len(seen.out_kinds()) and "of a gateway killed at 3.00" in found[0]
+    seen.events += [record(2.0, index, BASE + 1, incarnation="bbb") for index in range(len(seen.out_kinds()))]
+    assert stale.publications(seen, ALLOWED, 0.1) == []
+    seen.lives["gateway2"][0].died = 3.5
+    found = stale.publications(seen, ALLOWED, 0.1)
+    assert len(found) == len(seen.out_kinds()) and "of a gateway killed at 3.50" in found[0]
 
 
 def test_where_nobody_looked_nothing_is_called_good(seen):

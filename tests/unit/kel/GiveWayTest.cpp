@@ -252,34 +252,64 @@ TEST_F(GiveWayTest, WhatSomebodyElseClaimedMeanwhileIsHis) {
   }
 }
 
-using PausedTest = testing::ScriptedSession;
+/// One that owns its only publication, which is bad; the test is the network and the clock.
+struct BadOwnerTest : testing::ScriptedSession {
+  BadOwnerTest() {
+    KelPublication* publication = session->createPublication("x", nullptr);
+    network->to->tick(t0);
+    network->to->up();
+    answerAll();
+    network->to->message(own, network->published.back().second, false);
+    answerAll();
+    network->to->message("kel/g/claim/x", network->published.back().second, false);
+    publication->declareBad("store away");
+    network->to->tick(now += 100ms);
+  }
+  void run(std::chrono::milliseconds span) {
+    for (const auto end = now + span; now < end;) network->to->tick(now += 400ms);
+  }
+  /// Another one of the name says that it has good records.
+  void other(bool kept = false) {
+    PresencePayload good;
+    good.publisher = {"me", "m2"};
+    good.publishing = 1;
+    network->to->message("kel/g/publisher/me/m2", encodePresence(good, 1), kept);
+  }
+  bool gaveWay() const {
+    return std::any_of(network->published.begin(), network->published.end(),
+                       [&](const auto& message) { return message.first == own && message.second.empty(); });
+  }
 
-TEST_F(PausedTest, TimeInWhichTheProcessDidNotRunIsNoTimeInWhichItWasBad) {
   const std::string own = "kel/g/publisher/me/m1";
-  const std::string ofOther = encodePresence({{"me", "m2"}, "h", 1, 1, 5s, {}, 0, 1}, 1);
-  const auto other = [&](bool kept = false) { network->to->message("kel/g/publisher/me/m2", ofOther, kept); };
-  KelPublication* publication = session->createPublication("x", nullptr);
-  network->to->tick(t0);
-  network->to->up();
-  answerAll();
-  network->to->message(own, network->published.back().second, false);
-  answerAll();
-  network->to->message("kel/g/claim/x", network->published.back().second, false);
-  publication->declareBad("store away");
+  std::chrono::steady_clock::time_point now = t0;
+};
+
+TEST_F(BadOwnerTest, TimeInWhichTheProcessDidNotRunIsNoTimeInWhichItWasBad) {
   ASSERT_EQ(network->published.back().first, "kel/g/data/x");
-  auto now = t0 + 100ms;
-  network->to->tick(now);
   network->to->tick(now += 5s);
   other();
-  network->to->tick(now += 400ms);
-  EXPECT_EQ(network->published.back().first, own);
-  EXPECT_NE(network->published.back().second, "") << "it could not hear that all is well again";
-  for (int i = 0; i < 5; ++i) network->to->tick(now += 400ms);
-  other(true);
-  EXPECT_NE(network->published.back().second, "") << "what the broker kept may be of before";
+  run(400ms);
+  EXPECT_FALSE(gaveWay()) << "it could not hear that all is well again";
+  run(2s);
   other();
-  EXPECT_EQ(network->published.back().first, own);
-  EXPECT_EQ(network->published.back().second, "");
+  EXPECT_TRUE(gaveWay());
+}
+
+TEST_F(BadOwnerTest, WhatTheBrokerKeptMayBeOfBefore) {
+  other();
+  run(3s);
+  other(true);
+  EXPECT_FALSE(gaveWay());
+  other();
+  EXPECT_TRUE(gaveWay());
+}
+
+TEST_F(BadOwnerTest, WhoIsOneTooManyToBeKnownIsNobodyToGiveWayTo) {
+  run(3s);
+  for (std::size_t i = 0; i < PeerTable::mostPeers; ++i)
+    network->to->message("kel/g/publisher/p" + std::to_string(i) + "/1", encodePresence({}, 1), false);
+  other();
+  EXPECT_FALSE(gaveWay());
 }
 
 TEST_F(GiveWayTest, AWaitingOneCountsWhatItWouldPublish) {

@@ -140,6 +140,8 @@ def test_a_change_of_thousands_of_elements_and_a_list_is_taken_whole_and_as_it_w
     reader = Reader(site, "wide")
     gateway = site.gateway()
     harness.wait_until(lambda: "the publication\n" + gateway.said(), lambda: "Created Publication group wide" in gateway.out)
+    # Until then it has not read what the elements hold, and would begin with the last of it.
+    reader.wait("what was never sent is bad", lambda record: record.quality == -1)
     gateway.send_signal(signal.SIGSTOP)  # so that all of it is there when the first is looked at
     for number in range(1, 4):
         pairs = [word for i in range(count) for word in (f"P.e{i}", f"i0v{number * count + i}")]
@@ -162,6 +164,8 @@ def test_large_changes_are_published_each_with_its_own_value_and_in_order(site):
     reader = Reader(site, "large")
     gateway = site.gateway()
     harness.wait_until(lambda: "the publication\n" + gateway.said(), lambda: "Created Publication group large" in gateway.out)
+    # Until then it has not read what the elements hold, and would begin with the last of it.
+    reader.wait("what was never sent is bad", lambda record: record.quality == -1)
     gateway.send_signal(signal.SIGSTOP)  # so that all of it is there when the first is looked at
     for number in range(1, 6):
         items = 400 * f"200:{200 * str(number)}"

@@ -65,6 +65,7 @@ def test_a_failover_to_a_replica_that_lags_ends_with_the_newest_values_and_the_l
     site.processes.append(listener.process)
     gateway = site.gateway(env=as_user(site, "gateway"))
     gateway.wait_for("the mappings", lambda: sum("Created client mapping" in line for line in gateway.out) == 3)
+    gateway.wait_for("the word that nobody publishes it yet", lambda: site.log_of("A.z"))
     site.done("dp", "set", "O.y", "1", env=as_user(site, "tools"))
     # By somebody whose clock is years ahead of the publisher's: what counts afterwards is what came last all the same.
     site.done("dp", "set", "A.z", "98", env=as_user(site, "tools"))

@@ -5,9 +5,9 @@
 /// between. Any thread.
 class KelSubscription {
  public:
-  /// Asks for what is true of the publication once more, for this subscription alone: its last record, which
-  /// arrives through handleMessage, in order and never behind a newer record; or, for a subscription that has
-  /// been told that it is not connected, the same word again. Never blocks.
+  /// Asks for the publication's last record once more, for this subscription alone. It arrives through
+  /// handleMessage, in order and never behind a newer record; nothing arrives while there is none. Never
+  /// blocks.
   virtual void requestResend() = 0;
 
   /// The name given to createSubscription; valid as long as the handle.

@@ -75,8 +75,7 @@ class Inbox {
 
   void add(const std::shared_ptr<SubscriptionHandle>& handle);
   void remove(SubscriptionHandle& handle);
-  /// The application wants to know what is true of the publication now.
-  void ask(SubscriptionHandle& handle);
+  void resend(SubscriptionHandle& handle);
 
   void linkUp();
   /// Everybody's kept presence has been seen.
@@ -113,7 +112,6 @@ class Inbox {
   using Topic = InboxTopic;
   void count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_t number = 1);
   void arrived(Topic& topic, std::shared_ptr<Record> record, bool kept);
-  void resend(SubscriptionHandle& handle);
   void hold(Topic& topic, RunBook& book, std::shared_ptr<Record> record);
   void endHeld(Topic& topic, std::int64_t KelCounters::*counter);
   void take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& record);

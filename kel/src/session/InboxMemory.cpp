@@ -46,14 +46,6 @@ void Inbox::forgetLast(Topic& topic) {
   shelf_->weigh(topic);
 }
 
-void Inbox::ask(SubscriptionHandle& handle) {
-  // Who asks has something new to show it: what is true of the others is to become true of that.
-  if (handle.topic != nullptr && !handle.untold && handle.topic->state == SubscriptionState::waiting) {
-    ports_.dispatcher.post(handle.shared_from_this(), Event::disconnected(whyWaiting(*handle.topic)));
-  }
-  resend(handle);
-}
-
 void Inbox::resend(SubscriptionHandle& handle) {
   if (handle.topic == nullptr || !handle.topic->last.known) return;
   Topic& topic = *handle.topic;

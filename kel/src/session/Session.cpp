@@ -122,7 +122,7 @@ KelSubscription* Session::createSubscription(const char* publication, KelSubscri
   auto handle =
       std::make_shared<SubscriptionHandle>(name, listener, [this](SubscriptionHandle& subscription) {
         const MutexLock lock(mutex_);
-        inbox_.ask(subscription);
+        inbox_.resend(subscription);
       });
   const MutexLock lock(mutex_);
   subscriptions_.emplace(handle.get(), handle);

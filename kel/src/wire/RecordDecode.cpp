@@ -199,8 +199,8 @@ class Decoder {
                         (metric.datatype == dataBytes && metric.kind == ValueKind::bytes);
     bool good = true;
     if (metric.name == "_quality") {
+      good = isNumber(dataInt32, ValueKind::integer);
       record_->quality = static_cast<int>(static_cast<std::uint32_t>(metric.number & 0xFFFFFFFFU));
-      good = isNumber(dataInt32, ValueKind::integer) && record_->quality >= -1 && record_->quality <= 2;
     } else if (metric.name == "_time") {
       good = isNumber(dataInt64, ValueKind::longInteger);
       record_->time = KelTimestamp(static_cast<std::int64_t>(metric.number));

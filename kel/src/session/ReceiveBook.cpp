@@ -9,6 +9,8 @@ namespace kel {
 namespace {
 
 constexpr std::size_t rememberedRuns = 4;
+/// Kept records in a row that came before the queue's, of one publication.
+constexpr std::size_t mostOvertaking = 64;
 
 constexpr std::int64_t KelCounters::*receiving[] = {
     &KelCounters::received, &KelCounters::resends,      &KelCounters::delivered, &KelCounters::superseded,
@@ -36,7 +38,7 @@ std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
   std::int64_t missing = 0;
   if (!kept && number >= overtakenFrom && number <= overtakenTo) {
     overtakenFrom = number + 1;
-    return -1;
+    if (std::find(overtaking.begin(), overtaking.end(), number) == overtaking.end()) return -1;
   }
   if (number <= 0) {
     ++again;
@@ -46,10 +48,7 @@ std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
     before = number - 1;
   } else if (number > last) {
     missing = number - last - 1;
-    if (kept && missing > 0) {
-      overtakenFrom = last + 1;
-      overtakenTo = number - 1;
-    }
+    if (kept && missing > 0) overtake(number);
   } else if (closed && number < last) {
     addCapped(restarted, last);
     missing = number - 1;
@@ -61,6 +60,24 @@ std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
   last = number;
   closed = false;
   return missing;
+}
+
+void RunBook::overtake(std::int64_t number) {
+  // While the queue still gives what an earlier one has overtaken, this one has overtaken that, too.
+  const bool goesOn =
+      overtakenFrom <= overtakenTo && overtakenTo + 1 == last && overtaking.size() < mostOvertaking;
+  if (goesOn) {
+    overtaking.push_back(last);
+  } else {
+    overtaking.clear();
+    overtakenFrom = last + 1;
+  }
+  overtakenTo = number - 1;
+}
+
+void RunBook::queueEnded() {
+  overtakenTo = 0;
+  overtaking.clear();
 }
 
 std::int64_t RunBook::refuted(std::int64_t number) {

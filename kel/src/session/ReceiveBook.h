@@ -31,6 +31,8 @@ struct RunBook {
   /// Numbers that the broker's kept record has overtaken and that may still come out of its queue, in order.
   std::int64_t overtakenFrom = 1;
   std::int64_t overtakenTo = 0;
+  std::vector<std::int64_t>
+      overtaking;       ///< the kept ones among them, which have arrived: a queue has them too
   bool closed = false;  ///< its publisher has closed the publication since
   bool onLink = false;  ///< `taken` came over the link that is up
   /// Since when the broker is known to keep a record below `taken`.
@@ -41,8 +43,10 @@ struct RunBook {
   /// Books the number of a record that arrived, `kept` by the broker or live, and gives how many were left
   /// out before it; -1 when it was counted as left out itself, because a kept record has overtaken it.
   std::int64_t arrived(std::int64_t number, bool kept);
+  /// A kept record of this number comes before what still waits in the broker's queue.
+  void overtake(std::int64_t number);
   /// Nothing more comes out of the broker's queue.
-  void queueEnded() { overtakenTo = 0; }
+  void queueEnded();
   /// The number of a record that arrives now is the true one, and what is above it was not the publisher's.
   /// Gives how many that were thought to be left out were not.
   std::int64_t refuted(std::int64_t number);

@@ -90,6 +90,28 @@ TEST_F(RefetchTest, WhatTheKeptRecordHasOvertakenIsSupersededAndNoGap) {
   EXPECT_TRUE(addsUp(*subscriber));
 }
 
+TEST_F(RefetchTest, WhatTwoKeptRecordsHaveOvertakenIsSupersededAndNoGap) {
+  send(publication, 1);
+  listener.lines(2);
+  const auto live = [&](int value) { broker->publish("kel/g/data/x", ghost(value, value), false); };
+  drop([&] { broker->publish("kel/g/data/x", ghost(5, 5), true); });
+  advance(31s);
+  ASSERT_EQ(listener.lines(3).back(), "record 5");
+  live(2);
+  settle();
+  drop([&] { broker->publish("kel/g/data/x", ghost(9, 9), true); });
+  advance(31s);
+  ASSERT_EQ(listener.lines(4).back(), "record 9");
+  EXPECT_EQ(subscriber->counters().gaps, 5) << "3, 4, and 6 to 8";
+  for (const int value : {3, 4, 5, 6, 7, 8, 9}) live(value);
+  settle();
+  EXPECT_EQ(subscriber->counters().gaps, 0);
+  EXPECT_EQ(subscriber->counters().superseded, 6);
+  EXPECT_EQ(subscriber->counters().repeated, 2) << "5 and 9, which came as the kept ones";
+  EXPECT_TRUE(balanced(subscriber->counters()));
+  EXPECT_TRUE(addsUp(*subscriber));
+}
+
 TEST_F(RefetchTest, WhatComesOverTheNextLinkWasNotOvertaken) {
   send(publication, 1);
   listener.lines(2);

@@ -180,7 +180,7 @@ void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const
   if (saysNothingNew(topic, record, arrival)) return;
   if (!error.empty()) {
     RunBook& nobody = topic.books.of({});
-    nobody.arrived(0, arrival.kept);
+    nobody.arrived(0);
     count(nobody, &KelCounters::received);
     count(nobody, &KelCounters::decodeErrors);
     complain(topic, error);
@@ -191,7 +191,7 @@ void Inbox::message(std::string_view name, std::shared_ptr<Record> record, const
   } else if (record == nullptr) {
     closed(topic);
   } else {
-    arrived(topic, std::move(record), arrival.kept);
+    arrived(topic, std::move(record));
   }
 }
 
@@ -205,12 +205,12 @@ void Inbox::complain(Topic& topic, const std::string& error) {
   topic.unsaid = 0;
 }
 
-void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record, bool kept) {
+void Inbox::arrived(Topic& topic, std::shared_ptr<Record> record) {
   const std::string_view publisher = record->publisher;
   RunBook& book = topic.books.of(publisher);
   topic.unreadable = false;
   count(book, &KelCounters::received);
-  const std::int64_t missing = book.arrived(publisher.empty() ? 0 : record->sequence, kept);
+  const std::int64_t missing = book.arrived(publisher.empty() ? 0 : record->sequence);
   addCapped(book.counters.gaps, missing);
   gaps_ += missing;
   if (missing < 0) {

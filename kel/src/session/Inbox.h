@@ -111,7 +111,7 @@ class Inbox {
  private:
   using Topic = InboxTopic;
   void count(RunBook& book, std::int64_t KelCounters::*counter, std::int64_t number = 1);
-  void arrived(Topic& topic, std::shared_ptr<Record> record, bool kept);
+  void arrived(Topic& topic, std::shared_ptr<Record> record);
   void hold(Topic& topic, RunBook& book, std::shared_ptr<Record> record);
   void endHeld(Topic& topic, std::int64_t KelCounters::*counter);
   void take(Topic& topic, RunBook& book, const std::shared_ptr<Record>& record);

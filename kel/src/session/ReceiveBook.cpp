@@ -9,8 +9,8 @@ namespace kel {
 namespace {
 
 constexpr std::size_t rememberedRuns = 4;
-/// Kept records in a row that came before the queue's, of one publication.
-constexpr std::size_t mostOvertaking = 64;
+/// So many records of one publication may come before others that a broker's queue still has.
+constexpr std::size_t mostOvertaking = 256;
 
 constexpr std::int64_t KelCounters::*receiving[] = {
     &KelCounters::received, &KelCounters::resends,      &KelCounters::delivered, &KelCounters::superseded,
@@ -34,9 +34,9 @@ void addHandOff(KelCounters& sum, const HandOffTally& tally) {
   sum.pending += tally.pending;
 }
 
-std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
+std::int64_t RunBook::arrived(std::int64_t number) {
   std::int64_t missing = 0;
-  if (!kept && number >= overtakenFrom && number <= overtakenTo) {
+  if (number >= overtakenFrom && number <= overtakenTo) {
     overtakenFrom = number + 1;
     if (std::find(overtaking.begin(), overtaking.end(), number) == overtaking.end()) return -1;
   }
@@ -48,7 +48,7 @@ std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
     before = number - 1;
   } else if (number > last) {
     missing = number - last - 1;
-    if (kept && missing > 0) overtake(number);
+    if (missing > 0) overtake(number);
   } else if (closed && number < last) {
     addCapped(restarted, last);
     missing = number - 1;
@@ -63,11 +63,10 @@ std::int64_t RunBook::arrived(std::int64_t number, bool kept) {
 }
 
 void RunBook::overtake(std::int64_t number) {
-  // While the queue still gives what an earlier one has overtaken, this one has overtaken that, too.
-  const bool goesOn =
-      overtakenFrom <= overtakenTo && overtakenTo + 1 == last && overtaking.size() < mostOvertaking;
-  if (goesOn) {
-    overtaking.push_back(last);
+  // What is still to come of an earlier time stays so; what has come since is not to come again.
+  const auto since = static_cast<std::uint64_t>(last - overtakenTo);
+  if (overtakenFrom <= overtakenTo && overtaking.size() + since <= mostOvertaking) {
+    while (++overtakenTo <= last) overtaking.push_back(overtakenTo);
   } else {
     overtaking.clear();
     overtakenFrom = last + 1;

@@ -28,22 +28,22 @@ struct RunBook {
   std::int64_t restarted = 0;
   std::int64_t again = 0;
   std::int64_t taken = 0;  ///< the last number that was not a repetition: what is below it comes too late
-  /// Numbers that the broker's kept record has overtaken and that may still come out of its queue, in order.
+  /// Numbers left out that may still come out of the broker's queue, in order: what a broker has kept comes
+  /// before that when it is fetched, and mosquitto sends what has just come before it when the window opens.
   std::int64_t overtakenFrom = 1;
   std::int64_t overtakenTo = 0;
-  std::vector<std::int64_t>
-      overtaking;       ///< the kept ones among them, which have arrived: a queue has them too
-  bool closed = false;  ///< its publisher has closed the publication since
-  bool onLink = false;  ///< `taken` came over the link that is up
+  std::vector<std::int64_t> overtaking;  ///< those among them that have arrived
+  bool closed = false;                   ///< its publisher has closed the publication since
+  bool onLink = false;                   ///< `taken` came over the link that is up
   /// Since when the broker is known to keep a record below `taken`.
   std::optional<std::chrono::steady_clock::time_point> doubted;
   KelCounters counters;  ///< but for what the dispatcher counts
   std::shared_ptr<HandOffTally> handOff = std::make_shared<HandOffTally>();
 
-  /// Books the number of a record that arrived, `kept` by the broker or live, and gives how many were left
-  /// out before it; -1 when it was counted as left out itself, because a kept record has overtaken it.
-  std::int64_t arrived(std::int64_t number, bool kept);
-  /// A kept record of this number comes before what still waits in the broker's queue.
+  /// Books the number of a record that arrived and gives how many were left out before it; -1 when it was
+  /// counted as left out itself, because another one has overtaken it.
+  std::int64_t arrived(std::int64_t number);
+  /// A record of this number comes before what still waits in the broker's queue, or never comes.
   void overtake(std::int64_t number);
   /// Nothing more comes out of the broker's queue.
   void queueEnded();

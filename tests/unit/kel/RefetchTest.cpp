@@ -112,6 +112,22 @@ TEST_F(RefetchTest, WhatTwoKeptRecordsHaveOvertakenIsSupersededAndNoGap) {
   EXPECT_TRUE(addsUp(*subscriber));
 }
 
+TEST_F(RefetchTest, WhatALiveRecordHasOvertakenIsSupersededAndNoGap) {
+  const auto live = [&](int value) { broker->publish("kel/g/data/x", ghost(value, value), false); };
+  for (const int value : {1, 6, 7, 2, 10, 3, 4}) live(value);
+  EXPECT_EQ(listener.lines(5).back(), "record 10");
+  settle();
+  EXPECT_EQ(subscriber->counters().gaps, 3) << "5, 8, 9";
+  EXPECT_EQ(subscriber->counters().superseded, 3);
+  for (const int value : {6, 8, 9, 8, 5}) live(value);
+  settle();
+  EXPECT_EQ(subscriber->counters().gaps, 1) << "5 comes out of its order";
+  EXPECT_EQ(subscriber->counters().superseded, 5);
+  EXPECT_EQ(subscriber->counters().repeated, 3) << "6, 8 and 5";
+  EXPECT_TRUE(balanced(subscriber->counters()));
+  EXPECT_TRUE(addsUp(*subscriber));
+}
+
 TEST_F(RefetchTest, WhatComesOverTheNextLinkWasNotOvertaken) {
   send(publication, 1);
   listener.lines(2);

@@ -11,6 +11,7 @@ a mutant could not be judged, or an explanation fits nothing any more.
 
 import argparse
 import concurrent.futures
+import functools
 import hashlib
 import json
 import os
@@ -24,7 +25,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOMS = ("PlatformDependant", "Sources")
 INCLUDES = ("Sources", "PlatformDependant", "pvss/include", "kel/include")
 MARK = re.compile(r"/\*<([0-9_]+)\*/|/\*([0-9_]+)>\*/")
-LONGEST = 60  # seconds: what is not over then hangs, unless the machine is so busy that all takes longer
+SHORTEST, SOON = 5, 20  # seconds: what is not over then is held against the same tests without the change
+LONGEST = 900  # seconds: what is not over then without any change is never over
 FIRST = 6  # so many of the likeliest tests are run before all others
 
 
@@ -133,23 +135,39 @@ def cases_of(binary):
     return names
 
 
-def passes(binary, names, limit, number):
-    """Whether the tests pass with the mutant on. Believes nothing but GoogleTest's own last line."""
+def passes(binary, names, limit, number, more_time=None):
+    """Whether the tests pass with the mutant on. Believes nothing but GoogleTest's own last line. When the limit has
+    passed, more_time is asked for how long they may go on."""
     command = [binary, "--gtest_brief=1", "--gtest_fail_fast", "--gtest_filter=" + ":".join(names)]
     process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL,
                                env=environment(KELGW_MUTANT=str(number)), start_new_session=True)
     try:
-        output, _ = process.communicate(timeout=limit)
+        try:
+            output, _ = process.communicate(timeout=limit)
+        except subprocess.TimeoutExpired:
+            if more_time is None:
+                raise
+            output, _ = process.communicate(timeout=more_time())
     except subprocess.TimeoutExpired:
-        os.killpg(process.pid, 9)  # what it started, too
-        process.communicate()
         return False, "hangs"
+    finally:
+        if process.returncode is None:
+            os.killpg(process.pid, 9)  # what it started, too
+            process.communicate()
     if process.returncode != 0:
         return False, f"ends with {process.returncode}"
     closing = re.search(rb"^\[  PASSED  \] (\d+) tests?\.$", output, re.M)
     if closing is None or int(closing.group(1)) != len(names):
         return False, "ends early"
     return True, ""
+
+
+def time_without_change(binary, names):
+    """How long what seems to hang may go on: several times what the same tests need without any change, just now."""
+    started = time.monotonic()
+    if not any(passes(binary, names, LONGEST, 0)[0] for _ in range(3)):
+        raise Stop(f"without any change does not pass any more: {', '.join(names)}")
+    return SHORTEST + 3 * (time.monotonic() - started)
 
 
 def note_reach(test, count, folder):
@@ -177,20 +195,13 @@ def judge(number, tests):
     for part in (reaching[:FIRST], reaching[FIRST:]):
         for binary in dict.fromkeys(t.binary for t in part):
             chosen = [t for t in part if t.binary == binary]
-            good, how = passes_or_hangs(binary, [t.name for t in chosen],
-                                        min(5 + 10 * sum(t.seconds for t in chosen), LONGEST), number)
+            limit = SHORTEST + 3 * sum(t.seconds for t in chosen)
+            names = [t.name for t in chosen]
+            good, how = passes(binary, names, min(limit, SOON), number,
+                               functools.partial(time_without_change, binary, names))
             if not good:
                 return how
     return None
-
-
-def passes_or_hangs(binary, names, limit, number):
-    """What passes() says; but a hang is believed only when the same tests without any change are over in time."""
-    for longer in (1, 2, 4, 8):
-        good, how = passes(binary, names, longer * limit, number)
-        if how != "hangs" or passes(binary, names, longer * limit, 0)[0]:
-            return good, how
-    raise Stop(f"{number}: whether it hangs cannot be told, the machine is too slow")
 
 
 # --- explanations

@@ -114,17 +114,26 @@ class Pipe {
   LineWriter* writer_ = nullptr;
 };
 
-/// How often the thread has gone to wait so far.
-inline long timesWaited(pid_t thread) {
-  const std::string name = "voluntary_ctxt_switches:";
+/// A line of what the system says of the thread, without its name.
+inline std::string statusOf(pid_t thread, const std::string& name) {
   std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with(name)) {
-      return std::stol(line.substr(name.size()));
+      return line.substr(line.find_first_not_of(" \t", name.size()));
     }
   }
   ADD_FAILURE() << "no thread " << thread;
-  return 0;
+  return "0";
+}
+
+/// How often the thread has gone to wait so far.
+inline long timesWaited(pid_t thread) {
+  return std::stol(statusOf(thread, "voluntary_ctxt_switches:"));
+}
+
+/// Whether the thread waits for something, at this moment.
+inline bool waits(pid_t thread) {
+  return statusOf(thread, "State:").starts_with('S');
 }
 
 /// How often the caller goes to wait while the line is written.

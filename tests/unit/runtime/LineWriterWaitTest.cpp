@@ -16,6 +16,7 @@ using test_support::HoldAtLoss;
 using test_support::NoNewThreads;
 using test_support::Pipe;
 using test_support::timesWaited;
+using test_support::waits;
 using test_support::waitsToWrite;
 
 constexpr int mostMoments = 10;  // for a machine that is slow
@@ -139,6 +140,22 @@ TEST(LineWriterWait, aStreamThatRefusesToWaitIsWaitedForByTheWriter) {
     sched_yield();
   }
   EXPECT_EQ(reader.readUpTo("two\n"), "1 lost\ntwo\n");
+}
+
+TEST(LineWriterThread, waitsWhileThereIsNothingToWrite) {
+  Pipe reader;
+  {
+    const NoNewThreads none;
+    reader.write("one\n");
+  }
+  HoldAtLoss hold;
+  hold.releaseWhenWaited(1);
+  reader.write("two\n");
+  EXPECT_EQ(reader.readUpTo("two\n"), "1 lost\ntwo\n");
+  const pid_t writer = hold.awaitHeld();
+  while (!waits(writer)) {  // one that only looks again and again never does
+    sched_yield();
+  }
 }
 
 TEST(LineWriterThread, thatCannotBeHadIsAskedForWithTheNextLine) {

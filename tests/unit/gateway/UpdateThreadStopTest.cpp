@@ -1,6 +1,8 @@
 // What the thread that sends buffered publications finds when it is woken for its end.
 #include <gtest/gtest.h>
+#include <sched.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -11,6 +13,10 @@ namespace {
 
 /// What is done before this thread signals an event.
 thread_local const std::function<void()>* beforeSignal = nullptr;
+
+/// As long as this is more than nothing, whoever has waited for an event stands still; each sleep takes one.
+std::atomic<int> sleepsToGo{0};
+std::atomic<int> waits{0};
 
 }  // namespace
 
@@ -24,6 +30,26 @@ void __wrap__ZN6SEvent6signalEv(SEvent* event) {
     (*beforeSignal)();
   }
   __real__ZN6SEvent6signalEv(event);
+}
+
+short __real__ZN6SEvent4waitEl(SEvent* event, long ms);
+
+short __wrap__ZN6SEvent4waitEl(SEvent* event, long ms);
+short __wrap__ZN6SEvent4waitEl(SEvent* event, long ms) {
+  ++waits;
+  const short result = __real__ZN6SEvent4waitEl(event, ms);
+  while (sleepsToGo > 0) {
+    sched_yield();
+  }
+  return result;
+}
+
+void __real__ZN7SThread7msSleepEm(unsigned long n);
+
+void __wrap__ZN7SThread7msSleepEm(unsigned long n);
+void __wrap__ZN7SThread7msSleepEm(unsigned long n) {
+  --sleepsToGo;
+  __real__ZN7SThread7msSleepEm(n);
 }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
@@ -52,6 +78,20 @@ TEST(UpdateThreadStop, isAskedForBeforeTheThreadIsWoken) {
   beforeSignal = nullptr;
   EXPECT_EQ(atSignal, std::vector<std::string>{"asked"});
   EXPECT_FALSE(thread.isRunning());
+}
+
+TEST(UpdateThreadStop, waitsForAThreadThatTakesItsTime) {
+  PublicationUpdateThread thread;
+  sleepsToGo = 3;
+  const int before = waits;
+  thread.start();
+  while (waits == before) {
+    sched_yield();
+  }
+  thread.stopInOrder();
+  EXPECT_LE(sleepsToGo, 0);
+  EXPECT_FALSE(thread.isRunning());
+  sleepsToGo = 0;
 }
 
 }  // namespace

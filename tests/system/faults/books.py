@@ -154,6 +154,10 @@ class Books:
                                           for begin, end in self.evidence.witness_away)
             if blind or there - handed > WAITED:
                 return GAPS, ""
+            session = self._session(publication, there)
+            if session is not None and session.dropped:
+                self.dropped += 2  # the witness has a queue as short as the gateway's
+                return GAPS, ""
             return LOST, f"it was handed over by {handed:.2f}, and the one behind it was at the broker at {there:.2f}"
         run = self._life(life)
         end = run.died if run is not None and run.died is not None else None

@@ -405,6 +405,19 @@ def test_what_a_broker_dropped_from_a_full_queue_is_a_gap(flow):
     assert (found.gaps, found.lost) == (1, 1), "it says that it dropped one only"
 
 
+def test_what_a_broker_dropped_for_the_witness_too_is_a_gap(flow):
+    flow.writes = without(flow, 0, 50)
+    del flow.reached[0][BASE + 50]
+    flow.ledger["subscribe"] = [row(0, gaps=1), row(1)]
+    assert books.account(flow).lost == 1, "the broker had room for everybody"
+    flow.sessions[0].dropped = True
+    flow.dropped = 2
+    found = books.account(flow)
+    assert (found.gaps, found.lost, found.contradictions) == (1, 0, [])
+    flow.dropped = 1
+    assert books.account(flow).lost == 1, "one of the two had it"
+
+
 def test_what_a_store_had_confirmed_and_its_successor_does_not_know_is_forgotten(flow):
     gone = [write for write in flow.writes if write.elements.get("L0.n", {}).get("v") == str(BASE + 50)]
     flow.writes = without(flow, 0, 50)

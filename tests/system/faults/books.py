@@ -95,6 +95,7 @@ class Books:
         self.dropped = 0        # records that the broker is said to have dropped
         self.boundary = 0       # records that may be on either side of a subscription
         self.attributes = 0     # of what is coalesced or forgotten
+        self.either = 0         # dropped by the broker, or superseded
         self._read()
 
     def _read(self):
@@ -230,6 +231,11 @@ class Books:
             self.ambiguous += publication.attributes  # two witnesses of one moment: it may have come just before
             return AWAY, ""
         if is_head and newer and at - begin <= self.head and (following is not None or session.closed is not None):
+            if session.dropped:
+                self.dropped += 1  # or superseded, as below: the gateway's ledger has the word
+                self.either += 1
+                self.ambiguous += publication.attributes
+                return GAPS, ""
             self.attributes += publication.attributes
             self.ambiguous += publication.attributes
             return COALESCED, ""
@@ -330,8 +336,8 @@ class Books:
                 at = publication.reached.get(number)
                 kind, why = self.unreached(publication, number) if at is None else self.reached(publication, number, at)
                 result.end(kind, f"load/{index} number {number}: {why}")
-        if self.evidence.dropped is not None and self.dropped > self.evidence.dropped:
-            excess = self.dropped - self.evidence.dropped
+        if self.evidence.dropped is not None and self.dropped - self.either > self.evidence.dropped:
+            excess = self.dropped - self.either - self.evidence.dropped
             result.ends[GAPS] -= excess
             result.ends[LOST] += excess
             result.samples.append(f"{self.dropped} records are missing that the broker may have dropped, and it says that it "
@@ -400,6 +406,7 @@ class Books:
         never_came = sum((row.get("gaps") or 0) + (row.get("before") or 0) for _, row in self._rows())
         seen = result.ends[GAPS] + result.ends[AWAY]
         least = seen - self.boundary - len(self.publications) * max(1, len(self.evidence.sessions)) - self._gone_with_links()
+        least -= self.either
         most = seen + self.boundary + self.ambiguous // (ATTRIBUTES * len(traffic.PLAIN))
         if not least <= never_came <= most:
             result.contradictions.append(f"the ledger says that {never_came} records never came to the gateway, and by what was "

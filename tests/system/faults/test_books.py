@@ -418,6 +418,22 @@ def test_what_a_broker_dropped_for_the_witness_too_is_a_gap(flow):
     assert books.account(flow).lost == 1, "one of the two had it"
 
 
+def test_what_a_broker_dropped_right_after_a_silence_is_a_gap_or_superseded(flow):
+    silence = 150  # nothing of the publisher is seen at the broker for more than a second, as when a witness has fallen behind
+    for publication in (0, 1):
+        for count in range(100, 100 + silence):
+            del flow.reached[publication][BASE + count]
+    flow.writes = [write for write in flow.writes if not 100 <= int(next(iter(write.elements.values()))["v"]) - BASE < 255]
+    flow.sessions[0].dropped = True
+    flow.dropped = 10_000
+    for figures in ({"gaps": 155}, {"gaps": 150, "superseded": 5}):
+        flow.ledger["subscribe"] = [row(0, **figures), row(1, **figures)]
+        found = books.account(flow)
+        assert (found.gaps, found.lost, found.contradictions) == (310, 0, []), figures
+    flow.ledger["subscribe"] = [row(0, gaps=130), row(1, gaps=130)]
+    assert books.account(flow).contradictions, "nobody counted the others"
+
+
 def test_what_a_store_had_confirmed_and_its_successor_does_not_know_is_forgotten(flow):
     gone = [write for write in flow.writes if write.elements.get("L0.n", {}).get("v") == str(BASE + 50)]
     flow.writes = without(flow, 0, 50)

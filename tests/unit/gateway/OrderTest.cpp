@@ -92,8 +92,8 @@ TEST_F(Order, sendersWaitUntilTheDrainIsOver) {
   plant.observe(&atEveryWrite);
   plant.clearRecords();
   ManagerUnderTest::writeQueuedUpdates();
+  sender->join();  // it asks the plant, too
   plant.observe(nullptr);
-  sender->join();
   EXPECT_EQ(waited, (std::vector<bool>{true, true}));
   EXPECT_EQ(plant.writes().size(), 2U);
   EXPECT_EQ(written().size(), 1U);

@@ -17,8 +17,8 @@ struct KelCounters {
   std::int64_t received = 0;   ///< records that arrived for a subscription of this factory
   std::int64_t resends = 0;    ///< further hand-offs of a record: requestResend, a second subscription
   std::int64_t delivered = 0;  ///< handleMessage has returned (or thrown)
-  /// Replaced by a newer record of the same publication before it was delivered, also by the one that the
-  /// broker had kept and that came first.
+  /// Replaced by a newer record of the same publication before it was delivered, also by one that overtook it
+  /// on the way.
   std::int64_t superseded = 0;
   std::int64_t repeated = 0;      ///< the broker gave again what was already taken, dropped
   std::int64_t decodeErrors = 0;  ///< not a record, dropped

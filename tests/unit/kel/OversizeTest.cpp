@@ -43,6 +43,14 @@ struct OversizeTest : KelFixture {
     if (const auto* field = last.record->find("")) result.value = field->value.int32;
     return result;
   }
+  /// What the library says when the broker takes everything again and `from` has sent what it has.
+  std::string saidWhenAllFits(KelFactory& from) {
+    ::testing::internal::CaptureStderr();
+    broker->limitSize(0);
+    advance(11s);
+    EXPECT_TRUE(from.flush(30s));
+    return ::testing::internal::GetCapturedStderr();
+  }
 };
 
 TEST_F(OversizeTest, DeclaresBadWithTheFieldsThatWereTakenLast) {
@@ -171,11 +179,7 @@ TEST_F(OversizeTest, OfAClaimIsSaidWithItsSizeAndAsksForNoRight) {
               ElementsAre(ContainsRegex("^x: the claim of [0-9]+ bytes on publication x is too")));
   EXPECT_EQ(broker->retained("kel/g/data/x"), "") << "nothing may be published yet";
 
-  ::testing::internal::CaptureStderr();
-  broker->limitSize(0);
-  advance(11s);
-  ASSERT_TRUE(a->flush(30s));
-  said = ::testing::internal::GetCapturedStderr();
+  said = saidWhenAllFits(*a);
   EXPECT_EQ(shown().value, 1);
   EXPECT_THAT(said, HasSubstr("the broker grants the claims that it refused"));
 }
@@ -195,11 +199,7 @@ TEST_F(OversizeTest, OfAPresenceIsSaidWithItsSizeAndAsksForNoRight) {
   EXPECT_THAT(said, Not(HasSubstr("right")));
   EXPECT_EQ(broker->retained("kel/g/data/x"), "");
 
-  ::testing::internal::CaptureStderr();
-  broker->limitSize(0);
-  advance(11s);
-  ASSERT_TRUE(a->flush(30s));
-  said = ::testing::internal::GetCapturedStderr();
+  said = saidWhenAllFits(*a);
   EXPECT_EQ(shown().value, 1);
   EXPECT_THAT(said, HasSubstr("the broker lets this process take part in its group"));
 }

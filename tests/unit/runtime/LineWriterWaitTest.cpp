@@ -23,6 +23,12 @@ constexpr int mostMoments = 10;  // for a machine that is slow
 
 const std::string wide(LineWriter::waitingBytes / 4 * 3, 'x');  // not to be seen in a failure
 
+/// A line that is counted as lost, because there is no thread to write it.
+void loseOne(Pipe& reader) {
+  const NoNewThreads none;
+  reader.write("one\n");
+}
+
 TEST(LineWriterWait, aReaderWhoDoesNotReadIsWaitedForAMomentAndNotAgain) {
   long fewest = mostMoments;
   for (int i = 0; i < 3; ++i) {
@@ -112,10 +118,7 @@ TEST(LineWriterWait, aLineThatFindsNoPlaceMakesNobodyWaitForTheNext) {
 
 TEST(LineWriterWait, whereThereIsRoomItIsTheMachineThatIsSlowAndIsWaitedFor) {
   Pipe reader;
-  {
-    const NoNewThreads none;
-    reader.write("one\n");
-  }
+  loseOne(reader);
   HoldAtLoss hold;
   hold.releaseWhenWaited(3);
   EXPECT_GE(waitsToWrite(reader, "two\n"), 3);
@@ -127,10 +130,7 @@ TEST(LineWriterWait, aStreamThatRefusesToWaitIsWaitedForByTheWriter) {
   Pipe reader;
   reader.fill();
   reader.setNonBlocking(true);
-  {
-    const NoNewThreads none;
-    reader.write("one\n");
-  }
+  loseOne(reader);
   HoldAtLoss hold;
   reader.write("two\n");
   const pid_t writer = hold.awaitHeld();
@@ -144,10 +144,7 @@ TEST(LineWriterWait, aStreamThatRefusesToWaitIsWaitedForByTheWriter) {
 
 TEST(LineWriterThread, waitsWhileThereIsNothingToWrite) {
   Pipe reader;
-  {
-    const NoNewThreads none;
-    reader.write("one\n");
-  }
+  loseOne(reader);
   HoldAtLoss hold;
   hold.releaseWhenWaited(1);
   reader.write("two\n");
@@ -171,10 +168,7 @@ TEST(LineWriterThread, thatCannotBeHadIsAskedForWithTheNextLine) {
 
 TEST(LineWriterThread, hasNoSignalsAndTheCallerKeepsHis) {
   Pipe reader;
-  {
-    const NoNewThreads none;
-    reader.write("one\n");
-  }
+  loseOne(reader);
   sigset_t ofWriter;
   sigemptyset(&ofWriter);
   atLoss() = [&ofWriter] { pthread_sigmask(SIG_SETMASK, nullptr, &ofWriter); };

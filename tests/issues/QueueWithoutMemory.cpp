@@ -57,6 +57,7 @@ TEST(QueueWithoutMemory, GivesEveryRecordToItsListener) {
   std::promise<void> go;
   std::vector<std::shared_ptr<Starving>> targets;
   const std::shared_future<void> gone = go.get_future().share();
+  targets.reserve(100);
   for (int i = 0; i < 100; ++i) targets.push_back(std::make_shared<Starving>(gone));
   targets.front()->throws = 3;
   Dispatcher dispatcher(1'000'000, 1'000'000'000);

@@ -31,7 +31,7 @@ class Swallower {
     // With its queue full, the system drops what knocks.
     for (int& knock : knocks_) {
       knock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      ::connect(knock, reinterpret_cast<const sockaddr*>(&address_), sizeof address_);
+      static_cast<void>(::connect(knock, reinterpret_cast<const sockaddr*>(&address_), sizeof address_));
     }
   }
   ~Swallower() {

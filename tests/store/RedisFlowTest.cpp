@@ -153,7 +153,9 @@ TEST(RedisFlow, AChangeOfThousandsOfElementsArrivesWholeAndAsItWasThen) {
     ASSERT_EQ(change.elements.size(), round == 2 ? 10U : all.size());
     for (std::size_t i = 0; i < change.elements.size(); ++i) {
       ASSERT_EQ(reader.nameOf(change.elements[i].element), all[i].name);
-      ASSERT_EQ(StoreProbe::textOf(change.elements[i]), std::to_string(round + 10 * i)) << all[i].name;
+      ASSERT_EQ(StoreProbe::textOf(change.elements[i]),
+                std::to_string(static_cast<std::size_t>(round) + 10 * i))
+          << all[i].name;
       ASSERT_FALSE(change.elements[i].invalid);
     }
   }

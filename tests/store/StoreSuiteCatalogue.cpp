@@ -7,7 +7,6 @@ namespace storetest {
 
 using Texts = std::vector<std::string>;
 using ::testing::Contains;
-using ::testing::Each;
 using ::testing::Not;
 
 namespace {

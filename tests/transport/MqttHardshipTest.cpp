@@ -76,7 +76,7 @@ TEST(MqttHardship, keepsAnIdleLinkWithTheDefaultKeepAlive) {
 
 /// A transport to "broker", which is at these addresses.
 struct Named {
-  Named(std::uint16_t port, std::vector<kel::mqtt::Address> addresses, const std::string& caFile = {},
+  Named(std::uint16_t port, const std::vector<kel::mqtt::Address>& addresses, const std::string& caFile = {},
         const std::string& host = "localhost")
       : transport(options(port, caFile, host), [addresses](const std::string&, std::uint16_t) {
           return kel::mqtt::Resolution{addresses, {}};

@@ -24,7 +24,7 @@ class SlowLink {
     const int buffer = 16 << 10;  // a line has little room of its own
     ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
     sockaddr_in address = loopback(0);
-    ::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    static_cast<void>(::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address));
     ::listen(listener_, 4);
     socklen_t size = sizeof address;
     ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);

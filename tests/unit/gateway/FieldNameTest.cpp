@@ -70,7 +70,7 @@ TEST_F(FieldName, emptyTagIsNoNameForTheConverters) {
 TEST_F(FieldName, emptyTagIsNoNameForTheLookUpOfTheConverter) {
   addClient("A.v", DPELEMENT_INT, "P", "");
   start();
-  printedBy([this] {
+  printedBy([] {
     CdpeWrapper a("A.v");
     ASSERT_TRUE(a.revalidateDPE());
     CkelSubscription subscription("P");

@@ -256,7 +256,7 @@ TEST_F(ListChanges, underFullTrafficTearDropAndReportNothing) {
     sent[p] = publishers[p]->sent;
   }
   publishers.clear();
-  const std::uint64_t superseded = KelApiManager::kelFactory->counters().superseded;
+  const auto superseded = static_cast<std::uint64_t>(KelApiManager::kelFactory->counters().superseded);
   delete KelApiManager::kelFactory;
   KelApiManager::kelFactory = nullptr;
   KelApiResources::clientSourceName = "";

@@ -153,14 +153,14 @@ class GroupLock : public Gateway {
   }
   void change() const {
     DpHLGroup hotLink;
-    const auto add = [&hotLink](const char* name, Variable* value) {
+    const auto add = [&hotLink](const char* name, std::unique_ptr<Variable> value) {
       DpIdentifier id;
       ASSERT_TRUE(Manager::getId(name, id));
-      hotLink.append(id, value);
+      hotLink.append(id, value.release());
     };
-    add("A.v:_online.._value", new IntegerVar(1));
-    add("A.v:_online.._stime", new TimeVar(PVSSTime(5, 0)));
-    add("A.v:_online.._invalid", new BitVar(false));
+    add("A.v:_online.._value", std::make_unique<IntegerVar>(1));
+    add("A.v:_online.._stime", std::make_unique<TimeVar>(PVSSTime(5, 0)));
+    add("A.v:_online.._invalid", std::make_unique<BitVar>(false));
     group->hotLinkCallBack(hotLink);
   }
 

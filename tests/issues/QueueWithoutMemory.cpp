@@ -19,15 +19,16 @@ thread_local bool starved = false;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not put in line: the compiler would see one half of a pair and take it for a mistake.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const room = starved ? nullptr : std::malloc(size);
   if (room == nullptr) throw std::bad_alloc();
   return room;
 }
-void operator delete(void* at) noexcept {
+[[gnu::noinline]] void operator delete(void* at) noexcept {
   std::free(at);
 }
-void operator delete(void* at, std::size_t /*size*/) noexcept {
+[[gnu::noinline]] void operator delete(void* at, std::size_t /*size*/) noexcept {
   std::free(at);
 }
 

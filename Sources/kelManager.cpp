@@ -11,12 +11,16 @@ constexpr runtime::Report<> answerWithoutList{
 constexpr runtime::Report<> hotLinkWithoutList{
     "kelManager", 43, "ConfigListChangeListener::hotLinkCallBack - client list is missing\n"};
 
-/// Hands an item's value to the side, or reports that there is none.
+/// Hands an item's value to the side, or reports that there is none. The element may be of any type: what is
+/// no list of texts holds none.
 void handOver(CkelManager& manager, const Variable* value, const runtime::Report<>& missing) {
-  if (value != nullptr) {
+  if (value == nullptr) {
+    runtime::report(missing);
+  } else if (value->isA() == DYNTEXT_VAR) {
     manager.updateConfig(static_cast<const DynVar*>(value));
   } else {
-    runtime::report(missing);
+    const DynVar noTexts(TEXT_VAR);
+    manager.updateConfig(&noTexts);
   }
 }
 

@@ -32,6 +32,9 @@ void* operator new(std::size_t size) {
   }
   return static_cast<char*>(whole) + head;
 }
+void* operator new[](std::size_t size) {
+  return operator new(size);
+}
 void operator delete(void* at) noexcept {
   if (at == nullptr) return;
   void* whole = static_cast<char*>(at) - head;
@@ -39,6 +42,13 @@ void operator delete(void* at) noexcept {
   std::free(whole);
 }
 void operator delete(void* at, std::size_t /*size*/) noexcept {
+  operator delete(at);
+}
+// The library's own would do, but a sanitizer has others.
+void operator delete[](void* at) noexcept {
+  operator delete(at);
+}
+void operator delete[](void* at, std::size_t /*size*/) noexcept {
   operator delete(at);
 }
 

@@ -131,6 +131,9 @@ TEST(MqttHardship, reachesTheSecondAddressOfANameOverTlsAndChecksTheName) {
 }
 
 TEST(MqttHardship, outlivesAMomentWithoutDescriptors) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer needs descriptors itself: it looks at an object through a pipe";
+#endif
   Mosquitto broker;
   broker.start();
   ::testing::internal::CaptureStderr();

@@ -289,8 +289,9 @@ class Books:
 
     def _writes_of(self, session):
         """Moments of the writes of the gateway that had this session: only who has the number subscribes, and only who has it
-        writes, so the first one to write after the subscription."""
-        since = session.since() + self.fuzz
+        writes, so the first one to write after the subscription. That is soon after it, so what a slow machine is allowed to
+        take longer must not reach beyond."""
+        since = session.since() + FUZZ
         first = [(moments[index], moments) for moments in self.written_by.values()
                  for index in [bisect.bisect_left(moments, since)] if index < len(moments)]
         return min(first)[1] if first else []

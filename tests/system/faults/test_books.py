@@ -228,6 +228,13 @@ def test_what_a_gateway_had_that_ended_by_itself_went_with_it_though_another_one
     assert books.account(taken).lost > 0, "it has not said that it ended so"
 
 
+def test_whose_writes_they_were_does_not_hang_on_how_slow_the_machine_is(taken, monkeypatch):
+    monkeypatch.setattr(books, "LINGER", 0.1)  # 1 s, as before
+    taken.patience = 10.0
+    found = books.account(taken)
+    assert (found.in_flight, found.lost, found.contradictions) == (200, 0, [])
+
+
 @pytest.mark.parametrize("count", [50, 300], ids=["before its link fell silent", "after another one had subscribed"])
 def test_an_end_by_itself_does_not_explain_what_is_missing_at_another_time(taken, count):
     taken.writes = without(taken, 0, count)

@@ -133,7 +133,8 @@ expect gateway running
 @pytest.mark.parametrize("link, order, said", [
     ("publisher-broker", "one load/2", r"at the end: 1 records are lost: .* load/2 number \d+: it was handed over by"),
     ("gateway-broker", "one load/2", r"at the end: 1 records are lost: .* load/2 number \d+: it was at the broker at"),
-    ("gateway-broker", "all load/7", r"at the end: 3 elements are not what was published last: L7\.n is \d+ invalid 0"),
+    # A slow machine takes so long that the gateway finds out by itself: three times the broker gave it nothing.
+    ("gateway-broker", "all load/7", r"at the end: 3 elements are not what was published last: L7\.n is \d+ invalid [01]"),
 ])
 def test_a_record_that_a_link_has_lost_is_found(folder, link, order, said):
     LeakyRig.leaky, LeakyRig.order = link, order

@@ -70,6 +70,17 @@ TEST_F(ListListener, itemWithoutListIsReportedAndTheNextOneTaken) {
   EXPECT_EQ(side.lists, (Lines{"dyn [text a]", "dyn [text b]"}));
 }
 
+TEST_F(ListListener, whatIsNoListOfTextsIsTakenForAnEmptyOne) {
+  DpMsgAnswer answer;
+  answer.addGroup().append(DpIdentifier(1, 1), new TextVar("A.x"));
+  listener.callBack(answer);
+  DpHLGroup change;
+  change.append(DpIdentifier(1, 1), new IntegerVar(7));
+  change.append(DpIdentifier(1, 1), new DynVar(INTEGER_VAR));
+  listener.hotLinkCallBack(change);
+  EXPECT_EQ(side.lists, (Lines{"dyn []", "dyn []", "dyn []"}));
+}
+
 TEST(ListTexts, onlyTextsAreTaken) {
   EXPECT_EQ(textsOf(textList({"a", "b"})), (std::vector<CharString>{"a", "b"}));
   DynVar numbers(INTEGER_VAR);

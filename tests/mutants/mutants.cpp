@@ -16,7 +16,7 @@ namespace {
 struct Switch {
   Switch() {
     const char* const text = std::getenv("KELGW_MUTANT");
-    number = text != nullptr ? std::atoi(text) : 0;
+    number = text != nullptr ? static_cast<int>(std::strtol(text, nullptr, 10)) : 0;
     const char* const path = std::getenv("KELGW_MUTANTS_REACHED");
     if (path == nullptr) {
       return;
@@ -45,7 +45,7 @@ struct Switch {
 
 bool isOn(int number) noexcept {
   static const Switch state;
-  if (number < state.count) {
+  if (state.reached != nullptr && number < state.count) {
     state.reached[number] = 1;
   }
   return number == state.number;

@@ -89,6 +89,7 @@ TEST_F(FairQueueTest, LargeItemsOfManyLanesCostNobodyElse) {
   push(a, "a1");
   push(a, "a2");
   std::vector<std::shared_ptr<Owner>> hostile;
+  hostile.reserve(5);
   for (int i = 0; i < 5; ++i) hostile.push_back(std::make_shared<Owner>());
   for (int i = 0; i < 50; ++i) push(hostile[static_cast<std::size_t>(i) % 5], "h", 90);
   push(a, "a3");

@@ -11,7 +11,6 @@ namespace kel {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::delimited;
 using testing::Handler;
 using testing::Journal;
 using testing::KelFixture;

@@ -69,7 +69,9 @@ TEST_F(RefetchTest, BringsTheNewestValueThatWasDroppedBeforeASilence) {
 TEST_F(RefetchTest, WhatTheKeptRecordHasOvertakenIsSupersededAndNoGap) {
   send(publication, 1);
   listener.lines(2);
-  const auto live = [&](int value) { broker->publish("kel/g/data/x", ghost(value, value), false); };
+  const auto live = [&](int value) {
+    broker->publish("kel/g/data/x", ghost(value, static_cast<std::uint64_t>(value)), false);
+  };
   drop([&] { broker->publish("kel/g/data/x", ghost(9, 9), true); });
   advance(31s);
   ASSERT_EQ(listener.lines(3).back(), "record 9");
@@ -93,7 +95,9 @@ TEST_F(RefetchTest, WhatTheKeptRecordHasOvertakenIsSupersededAndNoGap) {
 TEST_F(RefetchTest, WhatTwoKeptRecordsHaveOvertakenIsSupersededAndNoGap) {
   send(publication, 1);
   listener.lines(2);
-  const auto live = [&](int value) { broker->publish("kel/g/data/x", ghost(value, value), false); };
+  const auto live = [&](int value) {
+    broker->publish("kel/g/data/x", ghost(value, static_cast<std::uint64_t>(value)), false);
+  };
   drop([&] { broker->publish("kel/g/data/x", ghost(5, 5), true); });
   advance(31s);
   ASSERT_EQ(listener.lines(3).back(), "record 5");
@@ -113,7 +117,9 @@ TEST_F(RefetchTest, WhatTwoKeptRecordsHaveOvertakenIsSupersededAndNoGap) {
 }
 
 TEST_F(RefetchTest, WhatALiveRecordHasOvertakenIsSupersededAndNoGap) {
-  const auto live = [&](int value) { broker->publish("kel/g/data/x", ghost(value, value), false); };
+  const auto live = [&](int value) {
+    broker->publish("kel/g/data/x", ghost(value, static_cast<std::uint64_t>(value)), false);
+  };
   for (const int value : {1, 6, 7, 2, 10, 3, 4}) live(value);
   EXPECT_EQ(listener.lines(5).back(), "record 10");
   settle();

@@ -168,7 +168,7 @@ TEST_F(ManagerFaultsTest, TheLogIsNotReadOnWhileTooManyBytesOfCallbacksWait) {
   Manager::dpConnect(id("A.t"), Manager::eventId, &counting, 0);
   dispatch();
   testing::ElementWrite large;
-  large.value = std::make_shared<const TextVar>(std::string(1024 * 1024, 'x').c_str());
+  large.value = std::make_shared<const TextVar>(std::string(std::size_t{1024} * 1024, 'x').c_str());
   for (int time = 1; time <= 600; ++time) {
     plant->write({{"A.t", large}}, time);
   }

@@ -101,6 +101,11 @@ class LeakyRig(rig.Rig):
             self.waits += 1
         super().do(step)
 
+    def within(self, seconds, judge, elements=False):
+        # What is lost does not come, however long a slow machine is waited for; and in the end the gateway finds out by
+        # itself, because the broker gives it nothing.
+        return super().within(seconds / harness.PATIENCE if self.waits > 2 else seconds, judge, elements)
+
     def swallow(self):
         process = self.links[self.leaky][1]
         process.order(self.order)
@@ -133,8 +138,7 @@ expect gateway running
 @pytest.mark.parametrize("link, order, said", [
     ("publisher-broker", "one load/2", r"at the end: 1 records are lost: .* load/2 number \d+: it was handed over by"),
     ("gateway-broker", "one load/2", r"at the end: 1 records are lost: .* load/2 number \d+: it was at the broker at"),
-    # A slow machine takes so long that the gateway finds out by itself: three times the broker gave it nothing.
-    ("gateway-broker", "all load/7", r"at the end: 3 elements are not what was published last: L7\.n is \d+ invalid [01]"),
+    ("gateway-broker", "all load/7", r"at the end: 3 elements are not what was published last: L7\.n is \d+ invalid 0"),
 ])
 def test_a_record_that_a_link_has_lost_is_found(folder, link, order, said):
     LeakyRig.leaky, LeakyRig.order = link, order
